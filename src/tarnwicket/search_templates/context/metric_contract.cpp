@@ -1,0 +1,203 @@
+#include "context/metric_contract.hpp"
+
+namespace tw::metrics {
+
+static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdown",       "turnover",
+                                  "margin", "long_count", "short_count", "delta_exposure", "max_weight"};
+
+static object missing_sentinel() { return global(ID("_MISSING_BACKTEST_METRIC")); }
+
+object invalid_reason(handle attr) { return str_of("invalid_backtest_metric_" + to_std(attr)); }
+
+static bool is_count_metric(handle attr) {
+    object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
+    return contains(counts, attr);
+}
+
+std::pair<object, object> required_value(handle bt_stats, handle attr) {
+    object sentinel = missing_sentinel();
+    object value = get_attr_or(bt_stats, attr, sentinel);
+    if (value.ptr() == sentinel.ptr()) return {none(), invalid_reason(attr)};
+    if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), invalid_reason(attr)};
+    double d;
+    if (!try_double(value, d)) return {none(), invalid_reason(attr)};
+    if (!std::isfinite(d)) return {none(), invalid_reason(attr)};
+    if (is_count_metric(attr)) {
+        if (std::floor(d) != d) return {none(), invalid_reason(attr)};
+        return {steal(PyLong_FromDouble(d)), none()};
+    }
+    return {float_of(d), none()};
+}
+
+std::pair<object, object> collect_required(handle bt_stats) {
+    object names = global(ID("_REQUIRED_BACKTEST_METRICS"));
+    object record = new_dict();
+    object seq = steal(PySequence_Fast(names.ptr(), "required metrics must be a sequence"));
+    Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        handle attr = PySequence_Fast_GET_ITEM(seq.ptr(), i);
+        auto [value, reason] = required_value(bt_stats, attr);
+        if (!is_none(reason)) return {none(), reason};
+        dict_set(record, attr, value);
+    }
+    return {record, none()};
+}
+
+static object zero_list() {
+    object l = new_list();
+    list_append(l, float_of(0.0));
+    return l;
+}
+
+object normalize_factor_pnl(handle value) {
+    if (is_list(value) || is_tuple(value)) {
+        if (PySequence_Size(value.ptr()) == 0) return zero_list();
+        return list_from(value);
+    }
+    object tolist = get_attr_or_none(value, ID("tolist"));
+    if (PyCallable_Check(tolist.ptr())) {
+        object result;
+        try {
+            result = call(tolist);
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            result = none();
+        }
+        if (is_list(result)) {
+            if (PyList_GET_SIZE(result.ptr()) == 0) return zero_list();
+            return result;
+        }
+    }
+    if (!is_bool(value) && (is_int(value) || is_float(value))) {
+        object l = new_list();
+        list_append(l, float_of(as_double(value)));
+        return l;
+    }
+    return zero_list();
+}
+
+object normalize_per_column_stats(handle value) {
+    if (is_dict(value)) return dict_copy(value);
+    return new_dict();
+}
+
+bool is_finite_number(handle value) {
+    PyTypeObject* t = Py_TYPE(value.ptr());
+    if (t != &PyLong_Type && t != &PyFloat_Type) return false;
+    if (t == &PyFloat_Type) return std::isfinite(PyFloat_AS_DOUBLE(value.ptr()));
+    double d = PyLong_AsDouble(value.ptr());
+    if (d == -1.0 && PyErr_Occurred()) {
+        if (PyErr_ExceptionMatches(PyExc_OverflowError) || PyErr_ExceptionMatches(PyExc_ValueError)) {
+            PyErr_Clear();
+            return false;
+        }
+        throw_py();
+    }
+    return std::isfinite(d);
+}
+
+object is_pnl_mi_from_stats(handle bt_stats) {
+    object v = get_attr_or_none(bt_stats, ID("is_pnl_mi"));
+    if (!is_finite_number(v)) raise(PyExc_ValueError, "BacktestStats.is_pnl_mi must be a finite scalar number");
+    return float_of(as_double(v));
+}
+
+bool has_non_finite_number(handle value) {
+    PyTypeObject* t = Py_TYPE(value.ptr());
+    if (t == &PyLong_Type || t == &PyFloat_Type) return !is_finite_number(value);
+    if (is_dict(value)) {
+        PyObject *k, *v;
+        Py_ssize_t pos = 0;
+        object keep = borrow(value.ptr());
+        while (PyDict_Next(value.ptr(), &pos, &k, &v)) {
+            object hold = borrow(v);
+            if (has_non_finite_number(hold)) return true;
+        }
+        return false;
+    }
+    if (is_list(value) || is_tuple(value)) {
+        object seq = steal(PySequence_Fast(value.ptr(), ""));
+        Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
+        for (Py_ssize_t i = 0; i < n; ++i)
+            if (has_non_finite_number(PySequence_Fast_GET_ITEM(seq.ptr(), i))) return true;
+        return false;
+    }
+    return false;
+}
+
+bool has_disallowed_mi_field(handle value) {
+    if (is_dict(value)) {
+        static const char* bad[] = {"is_pnl_mi_values", "is_mi_values", "is_mi"};
+        PyObject *k, *v;
+        Py_ssize_t pos = 0;
+        object keep = borrow(value.ptr());
+        while (PyDict_Next(value.ptr(), &pos, &k, &v)) {
+            object hk = borrow(k), hv = borrow(v);
+            if (is_str(hk)) {
+                for (auto b : bad)
+                    if (PyUnicode_CompareWithASCIIString(k, b) == 0) return true;
+            }
+            if (has_disallowed_mi_field(hv)) return true;
+        }
+        return false;
+    }
+    if (is_list(value) || is_tuple(value)) {
+        object seq = steal(PySequence_Fast(value.ptr(), ""));
+        Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
+        for (Py_ssize_t i = 0; i < n; ++i)
+            if (has_disallowed_mi_field(PySequence_Fast_GET_ITEM(seq.ptr(), i))) return true;
+        return false;
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------- bindings
+
+static object pair(object a, object b) { return tuple_of({a, b}); }
+
+static object f_invalid_reason(Args& a) { return invalid_reason(a[0]); }
+static object f_required_value(Args& a) {
+    auto [v, r] = required_value(a[0], a[1]);
+    return pair(v, r);
+}
+static object f_collect(Args& a) {
+    auto [v, r] = collect_required(a[0]);
+    return pair(v, r);
+}
+static object f_factor_pnl(Args& a) { return normalize_factor_pnl(a[0]); }
+static object f_per_column(Args& a) { return normalize_per_column_stats(a[0]); }
+static object f_is_pnl_mi(Args& a) { return is_pnl_mi_from_stats(a[0]); }
+static object f_is_finite(Args& a) { return bool_of(is_finite_number(a[0])); }
+static object f_non_finite(Args& a) { return bool_of(has_non_finite_number(a[0])); }
+static object f_disallowed(Args& a) { return bool_of(has_disallowed_mi_field(a[0])); }
+
+}  // namespace tw::metrics
+
+namespace tw {
+
+void register_metric_contract(handle m) {
+    using namespace metrics;
+    // A unique sentinel: an absent attribute and one holding None are told apart by identity.
+    object sentinel_cls = make_class("_MissingBacktestMetric");
+    set_global("_MISSING_BACKTEST_METRIC", call(sentinel_cls));
+    object names = new_list();
+    for (auto n : kRequired) list_append(names, str_of(n));
+    set_global("_REQUIRED_BACKTEST_METRICS", steal(PyList_AsTuple(names.ptr())));
+    object counts = new_list();
+    list_append(counts, str_of("long_count"));
+    list_append(counts, str_of("short_count"));
+    set_global("_REQUIRED_BACKTEST_COUNT_METRICS",
+               call(borrow(reinterpret_cast<PyObject*>(&PyFrozenSet_Type)), {counts}));
+
+    def_function<f_invalid_reason>(m, "_invalid_backtest_metric_reason(attr)");
+    def_function<f_required_value>(m, "_required_backtest_metric_value(bt_stats, attr)");
+    def_function<f_collect>(m, "_collect_required_backtest_stats(bt_stats)");
+    def_function<f_factor_pnl>(m, "_normalize_factor_pnl(value)");
+    def_function<f_per_column>(m, "_normalize_per_column_stats(value)");
+    def_function<f_is_pnl_mi>(m, "_is_pnl_mi_from_backtest_stats(bt_stats)");
+    def_function<f_is_finite>(m, "_is_finite_number(value)");
+    def_function<f_non_finite>(m, "_has_non_finite_number(value)");
+    def_function<f_disallowed>(m, "_has_disallowed_mi_contract_field(value)");
+}
+
+}  // namespace tw

@@ -1,0 +1,173 @@
+#include "core/py.hpp"
+
+
+namespace tw {
+
+void raise_from(handle exc, handle cause) {
+    // PyException_SetCause steals the reference to the cause.
+    Py_INCREF(cause.ptr());
+    PyException_SetCause(exc.ptr(), cause.ptr());
+    Py_INCREF(cause.ptr());
+    PyException_SetContext(exc.ptr(), cause.ptr());
+    raise_obj(exc);
+}
+
+std::string utf8(handle s) {
+    Py_ssize_t n = 0;
+    const char* p = PyUnicode_AsUTF8AndSize(s.ptr(), &n);
+    if (!p) throw_py();
+    return std::string(p, (std::size_t)n);
+}
+
+object py_str(handle o) { return steal(PyObject_Str(o.ptr())); }
+object py_repr(handle o) { return steal(PyObject_Repr(o.ptr())); }
+std::string to_std(handle o) { return utf8(py_str(o)); }
+std::string repr_std(handle o) { return utf8(py_repr(o)); }
+
+bool truthy(handle o) { return check_int(PyObject_IsTrue(o.ptr())) == 1; }
+
+object get_attr_or(handle o, handle name, handle dflt) {
+    PyObject* r = nullptr;
+    int rc = _PyObject_LookupAttr(o.ptr(), name.ptr(), &r);
+    if (rc < 0) throw_py();
+    if (rc == 0) return borrow(dflt.ptr());
+    return steal(r);
+}
+
+object dict_get(handle d, handle key, handle dflt) {
+    if (PyDict_CheckExact(d.ptr())) {
+        PyObject* v = PyDict_GetItemWithError(d.ptr(), key.ptr());
+        if (v) return borrow(v);
+        if (PyErr_Occurred()) throw_py();
+        return borrow(dflt.ptr());
+    }
+    return mapping_get(d, key, dflt);
+}
+
+object mapping_get(handle m, handle key, handle dflt) {
+    PyObject* argv[3] = {m.ptr(), key.ptr(), dflt.ptr()};
+    return steal(PyObject_VectorcallMethod(ID("get").ptr(), argv, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+object call(handle f, std::initializer_list<handle> args) {
+    PyObject* argv[17];
+    argv[0] = nullptr;
+    std::size_t n = 0;
+    for (auto a : args) argv[1 + n++] = a.ptr();
+    return steal(PyObject_Vectorcall(f.ptr(), argv + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+static object kwnames_tuple(std::initializer_list<std::pair<handle, handle>> kwargs) {
+    object names = steal(PyTuple_New((Py_ssize_t)kwargs.size()));
+    Py_ssize_t i = 0;
+    for (auto& kv : kwargs) {
+        Py_INCREF(kv.first.ptr());
+        PyTuple_SET_ITEM(names.ptr(), i++, kv.first.ptr());
+    }
+    return names;
+}
+
+object call_kw(handle f, std::initializer_list<handle> args,
+               std::initializer_list<std::pair<handle, handle>> kwargs) {
+    std::vector<PyObject*> argv;
+    argv.reserve(1 + args.size() + kwargs.size());
+    argv.push_back(nullptr);
+    for (auto a : args) argv.push_back(a.ptr());
+    for (auto& kv : kwargs) argv.push_back(kv.second.ptr());
+    object names = kwnames_tuple(kwargs);
+    return steal(PyObject_Vectorcall(f.ptr(), argv.data() + 1, args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                     kwargs.size() ? names.ptr() : nullptr));
+}
+
+object call_method(handle o, handle name, std::initializer_list<handle> args) {
+    PyObject* argv[17];
+    argv[0] = o.ptr();
+    std::size_t n = 1;
+    for (auto a : args) argv[n++] = a.ptr();
+    return steal(PyObject_VectorcallMethod(name.ptr(), argv, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+object call_method_kw(handle o, handle name, std::initializer_list<handle> args,
+                      std::initializer_list<std::pair<handle, handle>> kwargs) {
+    std::vector<PyObject*> argv;
+    argv.reserve(1 + args.size() + kwargs.size());
+    argv.push_back(o.ptr());
+    for (auto a : args) argv.push_back(a.ptr());
+    for (auto& kv : kwargs) argv.push_back(kv.second.ptr());
+    object names = kwnames_tuple(kwargs);
+    return steal(PyObject_VectorcallMethod(name.ptr(), argv.data(), (1 + args.size()) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                           kwargs.size() ? names.ptr() : nullptr));
+}
+
+object call_star(handle f, handle args_tuple, handle kwargs_dict) {
+    PyObject* kw = (kwargs_dict && !is_none(kwargs_dict) && PyDict_GET_SIZE(kwargs_dict.ptr()) > 0) ? kwargs_dict.ptr() : nullptr;
+    return steal(PyObject_Call(f.ptr(), args_tuple.ptr(), kw));
+}
+
+object import_attr(const char* module, handle attr) {
+    object m = import_module(module);
+    return get_attr(m, attr);
+}
+
+object tuple_of(std::initializer_list<handle> items) {
+    object t = steal(PyTuple_New((Py_ssize_t)items.size()));
+    Py_ssize_t i = 0;
+    for (auto it : items) {
+        Py_INCREF(it.ptr());
+        PyTuple_SET_ITEM(t.ptr(), i++, it.ptr());
+    }
+    return t;
+}
+
+object dict_copy(handle d) { return steal(PyDict_Copy(d.ptr())); }
+object list_from(handle iterable) { return steal(PySequence_List(iterable.ptr())); }
+
+double as_double(handle o) {
+    if (PyFloat_CheckExact(o.ptr())) return PyFloat_AS_DOUBLE(o.ptr());
+    object f = steal(PyNumber_Float(o.ptr()));
+    return PyFloat_AS_DOUBLE(f.ptr());
+}
+
+bool try_double(handle o, double& out) {
+    if (PyFloat_CheckExact(o.ptr())) {
+        out = PyFloat_AS_DOUBLE(o.ptr());
+        return true;
+    }
+    PyObject* f = PyNumber_Float(o.ptr());
+    if (!f) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) || PyErr_ExceptionMatches(PyExc_ValueError) ||
+            PyErr_ExceptionMatches(PyExc_OverflowError)) {
+            PyErr_Clear();
+            return false;
+        }
+        throw_py();
+    }
+    out = PyFloat_AS_DOUBLE(f);
+    Py_DECREF(f);
+    return true;
+}
+
+object py_int(handle o) {
+    if (PyLong_CheckExact(o.ptr())) return borrow(o.ptr());
+    return steal(PyNumber_Long(o.ptr()));
+}
+
+object py_round_int(double x) {
+    object f = float_of(x);
+    object builtins = steal(PyImport_ImportModule("builtins"));
+    return call(get_attr(builtins, ID("round")), {f});
+}
+
+// The host's clocks, looked up at each call so that a patched `time` is obeyed.
+static double host_clock(handle name) {
+    static PyObject* time_mod = PyImport_ImportModule("time");
+    if (!time_mod) throw_py();
+    object fn = get_attr(time_mod, name);
+    object r = call(fn);
+    return as_double(r);
+}
+
+double monotonic() { return host_clock(ID("monotonic")); }
+double wall_time() { return host_clock(ID("time")); }
+
+}  // namespace tw

@@ -1,0 +1,240 @@
+#include "vocabulary/normalize.hpp"
+
+#include <algorithm>
+
+namespace tw::vocab {
+
+static object frozenset_of(std::initializer_list<const char*> items) {
+    object l = new_list();
+    for (auto s : items) list_append(l, str_of(s));
+    return steal(PyFrozenSet_New(l.ptr()));
+}
+
+// ---------------------------------------------------------------- VocabSchemaError
+
+static object sorted_joined(handle names) {
+    object l = list_from(names);
+    check_int(PyList_Sort(l.ptr()));
+    object sep = str_of(", ");
+    return steal(PyUnicode_Join(sep.ptr(), l.ptr()));
+}
+
+static object vse_init(Args& a) {
+    handle self = a.me();
+    object source_kind = py_str(a[0]);
+    object missing = steal(PyFrozenSet_New(a[1].ptr()));
+    object unexpected = steal(PyFrozenSet_New(a[2].ptr()));
+    set_attr(self, ID("source_kind"), source_kind);
+    set_attr(self, ID("missing"), missing);
+    set_attr(self, ID("unexpected"), unexpected);
+    set_attr(self, ID("entry"), a[3]);
+    object message = borrow(a[4].ptr());
+    if (is_none(message)) {
+        object parts = new_list();
+        list_append(parts, str_of("vocabulary " + utf8(source_kind) + " entry violates canonical contract"));
+        if (PySet_GET_SIZE(missing.ptr()) > 0)
+            list_append(parts, str_of("missing fields: " + utf8(sorted_joined(missing))));
+        if (PySet_GET_SIZE(unexpected.ptr()) > 0)
+            list_append(parts, str_of("unexpected fields: " + utf8(sorted_joined(unexpected))));
+        object sep = str_of("; ");
+        message = steal(PyUnicode_Join(sep.ptr(), parts.ptr()));
+    }
+    object base_init = get_attr(handle(PyExc_ValueError), ID("__init__"));
+    call(base_init, {self, message});
+    return none();
+}
+
+static object raise_schema_error(handle source_kind, handle missing, handle unexpected, handle entry) {
+    object cls = global(ID("VocabSchemaError"));
+    object exc = call_kw(cls, {source_kind},
+                         {{ID("missing"), missing}, {ID("unexpected"), unexpected}, {ID("entry"), entry}});
+    raise_obj(exc);
+}
+
+// ---------------------------------------------------------------- flattening
+
+object flatten_entries(handle node) {
+    object out = new_list();
+    if (is_list(node)) {
+        Py_ssize_t n = PyList_GET_SIZE(node.ptr());
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(node.ptr()) && i < n; ++i) {
+            object item = borrow(PyList_GET_ITEM(node.ptr(), i));
+            if (is_dict(item)) list_append(out, dict_copy(item));
+        }
+        return out;
+    }
+    if (is_dict(node)) {
+        object values = list_from(steal(PyDict_Values(node.ptr())));
+        Py_ssize_t n = PyList_GET_SIZE(values.ptr());
+        for (Py_ssize_t i = 0; i < n; ++i) {
+            object sub = flatten_entries(PyList_GET_ITEM(values.ptr(), i));
+            check_int(PyList_SetSlice(out.ptr(), PY_SSIZE_T_MAX, PY_SSIZE_T_MAX, sub.ptr()));
+        }
+        return out;
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------- validation
+
+static object missing_from(handle required, handle entry) {
+    object missing = steal(PySet_New(nullptr));
+    object it = steal(PyObject_GetIter(required.ptr()));
+    while (PyObject* k = PyIter_Next(it.ptr())) {
+        object key = steal(k);
+        if (check_int(PyDict_Contains(entry.ptr(), key.ptr())) == 0) check_int(PySet_Add(missing.ptr(), key.ptr()));
+    }
+    if (PyErr_Occurred()) throw_py();
+    return missing;
+}
+
+void validate_function_entry(handle entry, handle source_kind) {
+    object required, forbidden;
+    if (is_str(source_kind) && PyUnicode_CompareWithASCIIString(source_kind.ptr(), "rotation") == 0) {
+        required = global(ID("_ROTATION_REQUIRED_FIELDS"));
+        forbidden = steal(PyFrozenSet_New(nullptr));
+    } else if (is_str(source_kind) && PyUnicode_CompareWithASCIIString(source_kind.ptr(), "filtration") == 0) {
+        required = global(ID("_FILTRATION_REQUIRED_FIELDS"));
+        forbidden = global(ID("_FILTRATION_FORBIDDEN_FIELDS"));
+    } else if (is_str(source_kind) && PyUnicode_CompareWithASCIIString(source_kind.ptr(), "reduction") == 0) {
+        required = global(ID("_REDUCTION_REQUIRED_FIELDS"));
+        forbidden = steal(PyFrozenSet_New(nullptr));
+    } else {
+        raise(PyExc_ValueError, "unknown function source_kind " + repr_std(source_kind));
+    }
+    if (!is_dict(entry)) raise_schema_error(source_kind, required, steal(PyFrozenSet_New(nullptr)), entry);
+    object missing = missing_from(required, entry);
+    object unexpected = steal(PySet_New(nullptr));
+    object it = steal(PyObject_GetIter(forbidden.ptr()));
+    while (PyObject* k = PyIter_Next(it.ptr())) {
+        object key = steal(k);
+        if (check_int(PyDict_Contains(entry.ptr(), key.ptr())) == 1) check_int(PySet_Add(unexpected.ptr(), key.ptr()));
+    }
+    if (PyErr_Occurred()) throw_py();
+    PyObject* ft = PyDict_GetItemWithError(entry.ptr(), ID("function_type").ptr());
+    if (!ft && PyErr_Occurred()) throw_py();
+    if (ft) {
+        object hold = borrow(ft);
+        int eq = PyObject_RichCompareBool(ft, source_kind.ptr(), Py_EQ);
+        if (check_int(eq) == 0) check_int(PySet_Add(unexpected.ptr(), ID("function_type").ptr()));
+    }
+    if (PySet_GET_SIZE(missing.ptr()) > 0 || PySet_GET_SIZE(unexpected.ptr()) > 0)
+        raise_schema_error(source_kind, missing, unexpected, entry);
+}
+
+void validate_feature_entry(handle entry) {
+    object kind = str_of("feature");
+    object required = global(ID("_FEATURE_REQUIRED_FIELDS"));
+    if (!is_dict(entry)) raise_schema_error(kind, required, steal(PyFrozenSet_New(nullptr)), entry);
+    object missing = missing_from(required, entry);
+    object unexpected = steal(PySet_New(nullptr));
+    PyObject* ft = PyDict_GetItemWithError(entry.ptr(), ID("function_type").ptr());
+    if (!ft && PyErr_Occurred()) throw_py();
+    if (ft) {
+        object hold = borrow(ft);
+        if (check_int(PyObject_RichCompareBool(ft, kind.ptr(), Py_EQ)) == 0)
+            check_int(PySet_Add(unexpected.ptr(), ID("function_type").ptr()));
+    }
+    object stats_keys = global(ID("_FEATURE_STATS_REQUIRED_KEYS"));
+    PyObject* stats = PyDict_GetItemWithError(entry.ptr(), ID("stats").ptr());
+    if (!stats && PyErr_Occurred()) throw_py();
+    if (stats) {
+        object hold = borrow(stats);
+        object it = steal(PyObject_GetIter(stats_keys.ptr()));
+        bool is_record = is_dict(hold);
+        while (PyObject* k = PyIter_Next(it.ptr())) {
+            object key = steal(k);
+            if (!is_record || check_int(PyDict_Contains(stats, key.ptr())) == 0) {
+                object name = str_of("stats." + to_std(key));
+                check_int(PySet_Add(missing.ptr(), name.ptr()));
+            }
+        }
+        if (PyErr_Occurred()) throw_py();
+    }
+    if (PySet_GET_SIZE(missing.ptr()) > 0 || PySet_GET_SIZE(unexpected.ptr()) > 0)
+        raise_schema_error(kind, missing, unexpected, entry);
+}
+
+// ---------------------------------------------------------------- normalisation
+
+object normalize(handle vocab) {
+    if (!is_dict(vocab)) {
+        object out = new_dict();
+        dict_set(out, ID("functions"), new_list());
+        dict_set(out, ID("features"), new_list());
+        return out;
+    }
+    object normalized = dict_copy(vocab);
+    object functions = dict_get(normalized, ID("functions"));
+    if (!is_list(functions)) {
+        object flat = new_list();
+        static const std::pair<const char*, const char*> sources[] = {
+            {"rotations", "rotation"}, {"filtrations", "filtration"}, {"reductions", "reduction"}};
+        for (auto& [key, kind] : sources) {
+            object empty = new_dict();
+            object node = dict_get(normalized, str_of(key), empty);
+            object entries = flatten_entries(node);
+            object source_kind = str_of(kind);
+            Py_ssize_t n = PyList_GET_SIZE(entries.ptr());
+            for (Py_ssize_t i = 0; i < n; ++i) {
+                handle entry = PyList_GET_ITEM(entries.ptr(), i);
+                validate_function_entry(entry, source_kind);
+                list_append(flat, dict_copy(entry));
+            }
+        }
+        dict_set(normalized, ID("functions"), flat);
+    }
+    object features = dict_get(normalized, ID("features"));
+    if (!is_list(features)) {
+        object entries = flatten_entries(features);
+        Py_ssize_t n = PyList_GET_SIZE(entries.ptr());
+        for (Py_ssize_t i = 0; i < n; ++i) validate_feature_entry(PyList_GET_ITEM(entries.ptr(), i));
+        dict_set(normalized, ID("features"), entries);
+    }
+    return normalized;
+}
+
+// ---------------------------------------------------------------- bindings
+
+static object f_flatten(Args& a) { return flatten_entries(a[0]); }
+static object f_normalize(Args& a) { return normalize(a[0]); }
+static object f_validate_function(Args& a) {
+    validate_function_entry(a[0], a[1]);
+    return none();
+}
+static object f_validate_feature(Args& a) {
+    validate_feature_entry(a[0]);
+    return none();
+}
+
+}  // namespace tw::vocab
+
+namespace tw {
+
+void register_vocabulary(handle m) {
+    using namespace vocab;
+    set_global("_ROTATION_REQUIRED_FIELDS",
+               frozenset_of({"name", "function_type", "function_family", "function_subfamily", "param_schema"}));
+    set_global("_FILTRATION_REQUIRED_FIELDS",
+               frozenset_of({"name", "function_type", "function_family", "param_schema"}));
+    set_global("_FILTRATION_FORBIDDEN_FIELDS", frozenset_of({"function_subfamily"}));
+    set_global("_REDUCTION_REQUIRED_FIELDS",
+               frozenset_of({"name", "function_type", "function_family", "function_subfamily", "param_schema"}));
+    set_global("_FEATURE_REQUIRED_FIELDS",
+               frozenset_of({"name", "function_type", "feature_family", "feature_subfamily", "rotation_families",
+                             "feature_hash", "stats"}));
+    set_global("_FEATURE_STATS_REQUIRED_KEYS", frozenset_of({"mean", "std", "pct_nan", "min", "max"}));
+
+    object cls = make_exception("VocabSchemaError", handle(PyExc_ValueError));
+    def_method<vse_init>(cls,
+                         "__init__($self, source_kind, missing=_EMPTY_FIELD_SET, unexpected=_EMPTY_FIELD_SET, "
+                         "entry=None, message=None)");
+    set_global("VocabSchemaError", cls);
+
+    def_function<f_flatten>(m, "_flatten_vocabulary_entries(node)");
+    def_function<f_normalize>(m, "_normalize_template_vocabulary(vocab)");
+    def_function<f_validate_function>(m, "_validate_function_entry(entry, source_kind)");
+    def_function<f_validate_feature>(m, "_validate_feature_entry(entry)");
+}
+
+}  // namespace tw
