@@ -21,6 +21,8 @@ PYBIND11_MODULE(search_templates, m) {
     register_binding(m);
     register_context(m);
     register_handle(m);
+    register_preflight(m);
+    register_management(m);
     register_lifecycle(m);
     register_generator(m);
 }

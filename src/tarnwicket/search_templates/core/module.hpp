@@ -177,6 +177,8 @@ void register_binding(handle m);
 void register_context(handle m);
 void register_handle(handle m);
 void register_lifecycle(handle m);
+void register_preflight(handle m);
+void register_management(handle m);
 void register_generator(handle m);
 void register_collaborators(handle m);
 
