@@ -1,7 +1,41 @@
-#include "core/module.hpp"
+// _SearchHandleImpl: the one object that holds a running search.
+#include "handle/handle.hpp"
+
+namespace tw::hnd {
+
+object new_thread(handle target, const std::string& name, std::initializer_list<handle> args) {
+    object thread_cls = import_attr("threading", ID("Thread"));
+    object argt = tuple_of(args);
+    return call_kw(thread_cls, {},
+                   {{ID("target"), target}, {ID("name"), str_of(name)}, {ID("args"), argt}, {ID("daemon"), handle(Py_True)}});
+}
+
+void add_int(handle self, handle name, long long delta) {
+    object cur = field(self, name);
+    object d = int_of(delta);
+    set_field(self, name, steal(PyNumber_Add(cur.ptr(), d.ptr())));
+}
+
+bool wait_event(handle ev, double seconds) {
+    object t = float_of(seconds);
+    return truthy(call_method(ev, ID("wait"), {t}));
+}
+
+}  // namespace tw::hnd
 
 namespace tw {
 
-void register_handle(handle) {}
+void register_handle(handle m) {
+    object cls = make_class("_SearchHandleImpl", handle(reinterpret_cast<PyObject*>(&PyBaseObject_Type)),
+                            "Concrete SearchHandle returned by search().");
+    hnd::register_construction(cls);
+    hnd::register_threads(cls, m);
+    hnd::register_supervision(cls);
+    hnd::register_shutdown(cls);
+    hnd::register_status(cls);
+    hnd::register_claims(cls);
+    set_global("_SearchHandleImpl", cls);
+    set_global("SearchHandle", cls);
+}
 
 }  // namespace tw

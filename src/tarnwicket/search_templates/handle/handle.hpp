@@ -1,0 +1,56 @@
+// Shared helpers of _SearchHandleImpl: field access, host locks and threads.
+#pragma once
+
+#include "core/module.hpp"
+
+namespace tw::hnd {
+
+// self.<name>
+inline object field(handle self, handle name) { return get_attr(self, name); }
+inline void set_field(handle self, handle name, handle v) { set_attr(self, name, v); }
+inline bool field_true(handle self, handle name) { return truthy(get_attr(self, name)); }
+
+// `with lock:` over a host lock object (Lock or RLock).
+class Locked {
+public:
+    explicit Locked(handle lock) : lock_(borrow(lock.ptr())) { call_method(lock_, ID("acquire")); }
+    ~Locked() {
+        PyObject* r = PyObject_CallMethodNoArgs(lock_.ptr(), ID("release").ptr());
+        if (!r) PyErr_WriteUnraisable(lock_.ptr());
+        Py_XDECREF(r);
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+private:
+    object lock_;
+};
+
+// The handle's `_lock`.
+inline object lock_of(handle self) { return field(self, ID("_lock")); }
+
+inline bool event_is_set(handle ev) { return truthy(call_method(ev, ID("is_set"))); }
+inline void event_set(handle ev) { call_method(ev, ID("set")); }
+
+// threading.Thread(target=target, name=name, args=args, daemon=True), not started.
+object new_thread(handle target, const std::string& name, std::initializer_list<handle> args = {});
+inline void start_thread(handle t) { call_method(t, ID("start")); }
+inline bool thread_alive(handle t) { return truthy(call_method(t, ID("is_alive"))); }
+
+// counter += delta under no lock (callers hold _lock).
+void add_int(handle self, handle name, long long delta);
+
+// Wait on the stop event for `seconds`, through the host's Event.wait.
+bool wait_event(handle ev, double seconds);
+
+}  // namespace tw::hnd
+
+namespace tw::hnd {
+// Method groups of the handle class, each in its own file.
+void register_construction(handle cls);
+void register_threads(handle cls, handle m);
+void register_supervision(handle cls);
+void register_shutdown(handle cls);
+void register_status(handle cls);
+void register_claims(handle cls);
+}  // namespace tw::hnd

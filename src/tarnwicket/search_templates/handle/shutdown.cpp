@@ -1,0 +1,245 @@
+// The three ways a handle ends: stop, the replacement abort and the finaliser.
+#include "handle/handle.hpp"
+
+namespace tw::hnd {
+
+// ---------------------------------------------------------------- abort primitives
+
+static object ensure_primitives(Args& a) {
+    handle self = a.me();
+    static const char* names[] = {"_replacement_abort_event", "_submission_start_lock", "_poll_start_lock"};
+    bool all = true;
+    for (auto n : names)
+        if (is_none(get_attr_or_none(self, str_of(n)))) all = false;
+    if (all) return none();
+    Locked guard(global(ID("_REPLACEMENT_ABORT_BOOTSTRAP_LOCK")));
+    object threading = import_module("threading");
+    if (is_none(get_attr_or_none(self, ID("_replacement_abort_event"))))
+        set_field(self, ID("_replacement_abort_event"), call(get_attr(threading, ID("Event"))));
+    if (is_none(get_attr_or_none(self, ID("_submission_start_lock"))))
+        set_field(self, ID("_submission_start_lock"), call(get_attr(threading, ID("Lock"))));
+    if (is_none(get_attr_or_none(self, ID("_poll_start_lock"))))
+        set_field(self, ID("_poll_start_lock"), call(get_attr(threading, ID("Lock"))));
+    return none();
+}
+
+static object abort_event_handle(Args& a) {
+    call_method(a.me(), ID("_ensure_replacement_abort_primitives"));
+    return field(a.me(), ID("_replacement_abort_event"));
+}
+
+static object submission_start_guard(Args& a) {
+    call_method(a.me(), ID("_ensure_replacement_abort_primitives"));
+    return field(a.me(), ID("_submission_start_lock"));
+}
+
+static object poll_start_guard(Args& a) {
+    call_method(a.me(), ID("_ensure_replacement_abort_primitives"));
+    return field(a.me(), ID("_poll_start_lock"));
+}
+
+static object abort_requested(Args& a) {
+    object ev = call_method(a.me(), ID("_replacement_abort_event_handle"));
+    return bool_of(event_is_set(ev));
+}
+
+// ---------------------------------------------------------------- shared steps
+
+static void drain_queue(handle self, const char* failure_text) {
+    try {
+        object q = field(self, ID("_submission_queue"));
+        object empty = field(self, ID("_queue_empty"));
+        while (true) {
+            try {
+                call_method(q, ID("get_nowait"));
+            } catch (py::error_already_set& e) {
+                if (matches(e, empty)) break;
+                throw;
+            }
+        }
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning(failure_text, {exc_value(e)});
+    }
+}
+
+static void release_sync_manager(handle self, const char* failure_text) {
+    object sync_mgr = field(self, ID("_sync_mgr"));
+    if (is_none(sync_mgr)) return;
+    try {
+        call_method(sync_mgr, ID("unregister_era_callback"), {get_attr(self, ID("_on_era_change"))});
+        call_method(sync_mgr, ID("release"));
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning(failure_text, {exc_value(e)});
+    }
+}
+
+static void clear_tracker_active(handle self, const char* failure_text) {
+    try {
+        call_method(field(self, ID("_tracker")), ID("set_search_active"), {handle(Py_False)});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning(failure_text, {exc_value(e)});
+    }
+}
+
+// The module no longer has this handle as its active search.
+static void deactivate_module(handle self) {
+    Locked guard(global(ID("_search_active_lock")));
+    set_global("_search_active", bool_of(false));
+    if (global(ID("_active_search_handle")).ptr() == self.ptr()) set_global("_active_search_handle", none());
+}
+
+static const char* kBackgroundThreads[] = {"_supervisor_thread", "_era_thread", "_submission_thread",
+                                           "_polling_thread"};
+
+// ---------------------------------------------------------------- stop
+
+static object stop(Args& a) {
+    handle self = a.me();
+    handle join_timeout = a[0];
+    if (field_true(self, ID("_stopped"))) return none();
+    object flush = get_attr_or_none(self, ID("_flush_pending_receipt_finalizations"));
+    if (PyCallable_Check(flush.ptr())) call(flush);
+    event_set(field(self, ID("_stop_event")));
+    object workers = list_from(field(self, ID("_worker_threads")));
+    object five = float_of(5.0);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(workers.ptr()); ++i)
+        call_method(PyList_GET_ITEM(workers.ptr(), i), ID("join"), {five});
+    for (auto name : kBackgroundThreads) {
+        object t = field(self, str_of(name));
+        if (!is_none(t)) call_method(t, ID("join"), {join_timeout});
+    }
+    if (PyCallable_Check(flush.ptr())) call(flush);
+    release_sync_manager(self, "Failed to release sync manager during stop: %s");
+    drain_queue(self, "Failed to drain submission queue during stop: %s");
+    call_method(self, ID("_update_submission_counts"));
+    {
+        Locked guard(lock_of(self));
+        set_field(self, ID("_running"), bool_of(false));
+        set_field(self, ID("_submission_backoff"), bool_of(false));
+        set_field(self, ID("_submission_backoff_until"), float_of(0.0));
+        set_field(self, ID("_submission_queued"), int_of(0));
+    }
+    clear_tracker_active(self, "Failed to set search inactive: %s");
+    set_field(self, ID("_stopped"), bool_of(true));
+    deactivate_module(self);
+    return none();
+}
+
+// ---------------------------------------------------------------- replacement abort
+
+static void delete_owned_rows(handle self) {
+    try {
+        object owner = field(self, ID("_submission_owner"));
+        object pattern = str_of("%\"_submission_owner\": \"" + to_std(owner) + "\"%");
+        object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
+        auto purge = [&](const char* table, handle ensure) {
+            bool claims = truthy(call_method(self, ensure));
+            std::string sql = std::string("DELETE FROM ") + table + " WHERE payload_json LIKE ?";
+            if (claims) {
+                sql += " OR in_flight_owner = ?";
+                call_method(conn, ID("execute"), {str_of(sql), tuple_of({pattern, owner})});
+            } else {
+                call_method(conn, ID("execute"), {str_of(sql), tuple_of({pattern})});
+            }
+        };
+        purge("submission_queue", ID("_ensure_submission_claim_columns"));
+        purge("submission_retry", ID("_ensure_retry_claim_columns"));
+        call_method(conn, ID("commit"));
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning("Failed to delete replacement-aborted persistent submissions: %s", {exc_value(e)});
+    }
+}
+
+static object abort_for_replacement(Args& a) {
+    handle self = a.me();
+    if (field_true(self, ID("_stopped"))) return none();
+    {
+        Locked start_guard(call_method(self, ID("_submission_start_guard")));
+        Locked poll_guard(call_method(self, ID("_poll_start_guard")));
+        Locked write_guard(field(self, ID("_tracker_write_lock")));
+        event_set(call_method(self, ID("_replacement_abort_event_handle")));
+        drain_queue(self, "Failed to drain replacement-aborted submission queue: %s");
+        if (field_true(self, ID("_tracker_uses_persistent_store"))) delete_owned_rows(self);
+    }
+    event_set(field(self, ID("_stop_event")));
+    try {
+        event_set(field(self, ID("_submission_wakeup")));
+    } catch (py::error_already_set& e) {
+        if (!matches(e, tuple_of({handle(PyExc_AttributeError), handle(PyExc_RuntimeError),
+                                  handle(PyExc_ReferenceError)})))
+            throw;
+        log_warning("Failed to wake replacement-aborted submission thread: %s", {exc_value(e)});
+    }
+    {
+        Locked guard(lock_of(self));
+        set_field(self, ID("_running"), bool_of(false));
+        set_field(self, ID("_submission_degraded"), bool_of(true));
+        set_field(self, ID("_polling_degraded"), bool_of(true));
+        set_field(self, ID("_submission_backoff"), bool_of(false));
+        set_field(self, ID("_submission_backoff_until"), float_of(0.0));
+        call_method(field(self, ID("_retry_queue")), ID("clear"));
+        call_method(field(self, ID("_pending_submissions")), ID("clear"));
+    }
+    object threads = list_from(field(self, ID("_worker_threads")));
+    for (auto name : kBackgroundThreads) list_append(threads, field(self, str_of(name)));
+    object pause = float_of(0.05);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(threads.ptr()); ++i) {
+        handle t = PyList_GET_ITEM(threads.ptr(), i);
+        if (is_none(t)) continue;
+        try {
+            call_method(t, ID("join"), {pause});
+        } catch (py::error_already_set& e) {
+            if (!matches(e, PyExc_RuntimeError)) throw;
+        }
+    }
+    release_sync_manager(self, "Failed to release sync manager during replacement abort: %s");
+    clear_tracker_active(self, "Failed to set search inactive during replacement abort: %s");
+    call_method(self, ID("_update_submission_counts"));
+    set_field(self, ID("_stopped"), bool_of(true));
+    deactivate_module(self);
+    return none();
+}
+
+// ---------------------------------------------------------------- finaliser
+
+static object finalize(Args& a) {
+    handle self = a.me();
+    object quiet = tuple_of({handle(PyExc_AttributeError), handle(PyExc_RuntimeError), handle(PyExc_OSError),
+                             handle(PyExc_ReferenceError)});
+    object quiet_inner =
+        tuple_of({handle(PyExc_AttributeError), handle(PyExc_RuntimeError), handle(PyExc_OSError)});
+    try {
+        event_set(field(self, ID("_stop_event")));
+        set_field(self, ID("_running"), bool_of(false));
+        object sync_mgr = field(self, ID("_sync_mgr"));
+        if (!is_none(sync_mgr)) {
+            try {
+                call_method(sync_mgr, ID("unregister_era_callback"), {get_attr(self, ID("_on_era_change"))});
+                call_method(sync_mgr, ID("release"));
+            } catch (py::error_already_set& e) {
+                if (!matches(e, quiet_inner)) throw;
+            }
+        }
+    } catch (py::error_already_set& e) {
+        if (!matches(e, quiet)) throw;
+    }
+    return none();
+}
+
+void register_shutdown(handle cls) {
+    def_method<ensure_primitives>(cls, "_ensure_replacement_abort_primitives($self)");
+    def_method<abort_event_handle>(cls, "_replacement_abort_event_handle($self)");
+    def_method<submission_start_guard>(cls, "_submission_start_guard($self)");
+    def_method<poll_start_guard>(cls, "_poll_start_guard($self)");
+    def_method<abort_requested>(cls, "_replacement_abort_requested($self)");
+    def_method<stop>(cls, "stop($self, join_timeout=2.0)", "Stop all workers. Blocks until clean shutdown.");
+    def_method<abort_for_replacement>(cls, "_abort_for_replacement($self)",
+                                      "Fast shutdown for a handle superseded by a new search().");
+    def_method<finalize>(cls, "__del__($self)", "Cleanup on garbage collection.");
+}
+
+}  // namespace tw::hnd

@@ -1,0 +1,244 @@
+// The supervisor thread and the failure accounting that decides between a
+// fatal error and a degraded capability.
+#include "handle/handle.hpp"
+
+namespace tw::hnd {
+
+static bool at_threshold(long long count) {
+    object threshold = get_attr(st_module(), ID("_INFRASTRUCTURE_FAILURE_THRESHOLD"));
+    object c = int_of(count);
+    return check_int(PyObject_RichCompareBool(c.ptr(), threshold.ptr(), Py_GE)) == 1;
+}
+
+static void fatal_infrastructure(handle self) {
+    call_method(self, ID("_set_fatal_error"),
+                {str_of("INFRASTRUCTURE_FAILURE"), str_of("register()"),
+                 str_of("Background infrastructure failed permanently")});
+}
+
+static long long as_ll(handle o) {
+    long long v = PyLong_AsLongLong(o.ptr());
+    if (v == -1 && PyErr_Occurred()) throw_py();
+    return v;
+}
+
+// Restarts a dead submission or polling thread, counting its death.
+static void watch_pipeline_thread(handle self, handle thread_field, handle degraded_field, const char* component,
+                                  const char* exited_text, const char* thread_name, handle loop_name) {
+    object thread = field(self, thread_field);
+    if (is_none(thread) || field_true(self, degraded_field)) return;
+    object record = get_attr(self, ID("_record_background_failure"));
+    object comp = str_of(component), op = str_of("thread restart");
+    if (!thread_alive(thread)) {
+        object exc = call(handle(PyExc_RuntimeError), {str_of(exited_text)});
+        call_kw(record, {comp, op, exc}, {{ID("backoff"), handle(Py_True)}});
+    }
+    if (!field_true(self, degraded_field) && !thread_alive(field(self, thread_field))) {
+        try {
+            object t = new_thread(get_attr(self, loop_name), thread_name);
+            set_field(self, thread_field, t);
+            start_thread(t);
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            call_kw(record, {comp, op, exc_value(e)}, {{ID("backoff"), handle(Py_True)}});
+        }
+    }
+}
+
+static object supervisor_loop_inner(Args& a) {
+    handle self = a.me();
+    long long consecutive_failures = 0;
+    object interruptible_wait = get_attr(self, ID("_interruptible_wait"));
+    while (true) {
+        object stop_event = field(self, ID("_stop_event"));
+        if (event_is_set(stop_event) || !field_true(self, ID("_running"))) return none();
+        call(interruptible_wait, {stop_event, global(ID("SUPERVISOR_HEALTH_CHECK_INTERVAL"))});
+        if (event_is_set(stop_event)) return none();
+
+        // Workers: replace the dead, or probe that spawning still works.
+        object threads = list_from(field(self, ID("_worker_threads")));
+        Py_ssize_t alive = 0;
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(threads.ptr()); ++i)
+            if (thread_alive(PyList_GET_ITEM(threads.ptr(), i))) alive++;
+        long long dead_count = as_ll(field(self, ID("_n_jobs"))) - (long long)alive;
+        try {
+            object mod = st_module();
+            if (dead_count > 0)
+                call(get_attr(mod, ID("_restart_worker")), {self, int_of(dead_count)});
+            else
+                call(get_attr(mod, ID("_spawn_worker")), {self, int_of(-1)});
+            consecutive_failures = 0;
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            consecutive_failures += 1;
+            if (at_threshold(consecutive_failures)) {
+                fatal_infrastructure(self);
+                return none();
+            }
+        }
+
+        // Era thread.
+        object era_thread = field(self, ID("_era_thread"));
+        if (!is_none(era_thread) && !thread_alive(era_thread)) {
+            try {
+                object t = call_method(self, ID("_build_era_thread"));
+                set_field(self, ID("_era_thread"), t);
+                start_thread(t);
+                set_field(self, ID("_era_failures"), int_of(0));
+            } catch (py::error_already_set& e) {
+                if (!ordinary(e)) throw;
+                add_int(self, ID("_era_failures"), 1);
+                if (at_threshold(as_ll(field(self, ID("_era_failures"))))) {
+                    fatal_infrastructure(self);
+                    return none();
+                }
+            }
+        }
+
+        // Sync manager.
+        object sync_mgr = field(self, ID("_sync_mgr"));
+        if (!is_none(sync_mgr)) {
+            try {
+                if (!truthy(call_method(sync_mgr, ID("is_alive")))) {
+                    object start = get_attr_or_none(sync_mgr, ID("start"));
+                    if (PyCallable_Check(start.ptr()))
+                        call(start);
+                    else
+                        call_method(sync_mgr, ID("_start_internal"));
+                    set_field(self, ID("_sync_failures"), int_of(0));
+                }
+            } catch (py::error_already_set& e) {
+                if (!ordinary(e)) throw;
+                add_int(self, ID("_sync_failures"), 1);
+                if (at_threshold(as_ll(field(self, ID("_sync_failures"))))) {
+                    fatal_infrastructure(self);
+                    return none();
+                }
+            }
+        }
+
+        watch_pipeline_thread(self, ID("_submission_thread"), ID("_submission_degraded"), "submission",
+                              "submission_thread exited", "submission_thread", ID("_submission_loop"));
+        watch_pipeline_thread(self, ID("_polling_thread"), ID("_polling_degraded"), "polling",
+                              "polling_thread exited", "polling_thread", ID("_polling_loop"));
+    }
+}
+
+static object supervisor_loop(Args& a) {
+    try {
+        call_method(a.me(), ID("_supervisor_loop_inner"));
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_error_exc("supervisor_loop_crashed", e);
+    }
+    return none();
+}
+
+static object set_fatal_error(Args& a) {
+    handle self = a.me();
+    handle code = a[0], advice = a[1], message = a[2];
+    {
+        Locked guard(lock_of(self));
+        set_field(self, ID("_running"), bool_of(false));
+        object status = call_kw(global(ID("SearchStatus")), {},
+                                {{ID("running"), handle(Py_False)},
+                                 {ID("error_code"), code},
+                                 {ID("recovery_advice"), advice}});
+        set_field(self, ID("_fatal_error"), call(global(ID("SearchError")), {code, advice, message, status}));
+    }
+    try {
+        object callbacks = import_module("tarnwicket.callbacks");
+        object payload = new_dict();
+        dict_set(payload, ID("code"), code);
+        dict_set(payload, ID("recovery"), advice);
+        dict_set(payload, ID("message"), message);
+        call_kw(get_attr(callbacks, ID("emit_event")), {},
+                {{ID("data_dir"), get_attr_or_none(self, ID("_data_dir"))},
+                 {ID("event_type"), str_of("failure")},
+                 {ID("severity"), str_of("fatal")},
+                 {ID("payload"), payload}});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning("callback dispatch failed during fatal-error: %s", {exc_value(e)});
+    }
+    return none();
+}
+
+static object append_error(Args& a) {
+    handle self = a.me();
+    Locked guard(lock_of(self));
+    list_append(field(self, ID("_errors")), a[0]);
+    return none();
+}
+
+// Backoff and degradation of one component, with _lock held.
+static void account_component(handle self, handle failures, handle backoff_seconds, handle backoff_until,
+                              handle degraded, const char* degraded_text, bool backoff, bool has_flag) {
+    add_int(self, failures, 1);
+    if (backoff) {
+        object current = field(self, backoff_seconds);
+        double cur = as_double(current);
+        if (has_flag) set_field(self, ID("_submission_backoff"), bool_of(true));
+        set_field(self, backoff_seconds, float_of(std::min(cur * 2.0, 300.0)));
+        object until = steal(PyNumber_Add(float_of(monotonic()).ptr(), current.ptr()));
+        set_field(self, backoff_until, until);
+    }
+    object threshold = get_attr(st_module(), ID("_INFRASTRUCTURE_FAILURE_THRESHOLD"));
+    object count = field(self, failures);
+    if (check_int(PyObject_RichCompareBool(count.ptr(), threshold.ptr(), Py_GE)) && !field_true(self, degraded)) {
+        list_append(field(self, ID("_errors")), str_of(degraded_text));
+        set_field(self, degraded, bool_of(true));
+    }
+}
+
+static object record_background_failure(Args& a) {
+    handle self = a.me();
+    handle component = a[0], operation = a[1], exc = a[2];
+    bool backoff = truthy(a[3]);
+    object cls_name = get_attr(borrow(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), ID("__name__"));
+    object message =
+        str_of(to_std(component) + " " + to_std(operation) + " failed (" + to_std(cls_name) + "): " + to_std(exc));
+    log_warning("%s", {message});
+    Locked guard(lock_of(self));
+    add_int(self, ID("_crash_count"), 1);
+    list_append(field(self, ID("_errors")), message);
+    if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0) {
+        account_component(self, ID("_submission_failures"), ID("_submission_backoff_seconds"),
+                          ID("_submission_backoff_until"), ID("_submission_degraded"),
+                          "submission capability degraded after 10 consecutive failures; search continues without "
+                          "submissions",
+                          backoff, true);
+    } else if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "polling") == 0) {
+        account_component(self, ID("_polling_failures"), ID("_polling_backoff_seconds"), ID("_polling_backoff_until"),
+                          ID("_polling_degraded"),
+                          "polling capability degraded after 10 consecutive failures; search continues without polling",
+                          backoff, false);
+    }
+    return none();
+}
+
+static object reset_background_failures(Args& a) {
+    handle self = a.me();
+    handle component = a[0];
+    Locked guard(lock_of(self));
+    if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0)
+        set_field(self, ID("_submission_failures"), int_of(0));
+    else if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "polling") == 0)
+        set_field(self, ID("_polling_failures"), int_of(0));
+    return none();
+}
+
+void register_supervision(handle cls) {
+    def_method<supervisor_loop>(cls, "_supervisor_loop($self)",
+                                "Supervisor: monitors health, restarts dead components.");
+    def_method<supervisor_loop_inner>(cls, "_supervisor_loop_inner($self)");
+    def_method<set_fatal_error>(cls, "_set_fatal_error($self, error_code, recovery_advice, message)",
+                                "Set fatal error state.");
+    def_method<append_error>(cls, "_append_error($self, message)");
+    def_method<record_background_failure>(cls,
+                                          "_record_background_failure($self, component, operation, exc, backoff=True)",
+                                          "Record a non-fatal background submission/polling failure.");
+    def_method<reset_background_failures>(cls, "_reset_background_failures($self, component)");
+}
+
+}  // namespace tw::hnd

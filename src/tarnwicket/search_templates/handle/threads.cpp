@@ -1,0 +1,290 @@
+// Thread start-up, the worker loop that runs templates, and the era thread.
+#include "handle/handle.hpp"
+
+namespace tw::hnd {
+
+// ---------------------------------------------------------------- sandboxed template steps
+
+// Runs `step` inside `with _template_sandbox():`, exceptions passing through.
+template <class F>
+static object in_sandbox(F&& step) {
+    object guard = call(global(ID("_template_sandbox")));
+    call_method(guard, ID("__enter__"));
+    object result;
+    try {
+        result = step();
+    } catch (py::error_already_set& e) {
+        object t = e.type(), v = e.value(), tb = e.trace();
+        call_method(guard, ID("__exit__"), {t, v, tb ? handle(tb) : handle(Py_None)});
+        throw;
+    }
+    call_method(guard, ID("__exit__"), {handle(Py_None), handle(Py_None), handle(Py_None)});
+    return result;
+}
+
+// ---------------------------------------------------------------- start-up
+
+static object start_all_threads(Args& a) {
+    handle self = a.me();
+    if (!is_none(field(self, ID("_fatal_error")))) return none();
+    if (is_none(field(self, ID("_backtester")))) {
+        log_warning("Backtester unavailable during search startup; handle will remain running without worker threads.");
+        return none();
+    }
+    object sup = new_thread(get_attr(self, ID("_supervisor_loop")), "supervisor");
+    set_field(self, ID("_supervisor_thread"), sup);
+    start_thread(sup);
+
+    object sync_mgr = field(self, ID("_sync_mgr"));
+    if (!is_none(sync_mgr)) {
+        try {
+            call_method(sync_mgr, ID("acquire"));
+            call_method(sync_mgr, ID("register_era_callback"), {get_attr(self, ID("_on_era_change"))});
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Failed to acquire sync manager: %s", {exc_value(e)});
+        }
+    }
+    try {
+        set_field(self, ID("_era_thread"), call_method(self, ID("_build_era_thread")));
+        start_thread(field(self, ID("_era_thread")));
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning("Failed to start era thread: %s", {exc_value(e)});
+    }
+
+    object n_jobs_obj = field(self, ID("_n_jobs"));
+    long long n_jobs = PyLong_AsLongLong(n_jobs_obj.ptr());
+    if (n_jobs == -1 && PyErr_Occurred()) throw_py();
+    object worker_loop = get_attr(self, ID("_worker_loop"));
+    for (long long i = 0; i < n_jobs; ++i) {
+        object idx = int_of(i);
+        object t = new_thread(worker_loop, "worker_" + std::to_string(i), {idx});
+        start_thread(t);
+        list_append(field(self, ID("_worker_threads")), t);
+    }
+    if (n_jobs > 0) wait_event(field(self, ID("_worker_start_event")), 0.5);
+    return none();
+}
+
+// ---------------------------------------------------------------- workers
+
+static object worker_loop(Args& a) {
+    handle self = a.me();
+    {
+        Locked guard(lock_of(self));
+        add_int(self, ID("_worker_start_count"), 1);
+        object count = field(self, ID("_worker_start_count"));
+        object n_jobs = field(self, ID("_n_jobs"));
+        if (check_int(PyObject_RichCompareBool(count.ptr(), n_jobs.ptr(), Py_GE)))
+            event_set(field(self, ID("_worker_start_event")));
+    }
+    try {
+        call_method(self, ID("_worker_loop_inner"), {a[0]});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_error_exc("worker_loop_crashed", e);
+    }
+    return none();
+}
+
+static object build_context(handle self) {
+    object ctx_cls = global(ID("SearchContext"));
+    return call_kw(ctx_cls, {},
+                   {{ID("vocab"), field(self, ID("_vocab"))},
+                    {ID("universe"), str_of("universe_top50")},
+                    {ID("metaparams"), field(self, ID("_metaparameters"))},
+                    {ID("depth"), field(self, ID("_max_depth"))},
+                    {ID("tracker"), field(self, ID("_tracker"))},
+                    {ID("sync_mgr"), field(self, ID("_sync_mgr"))},
+                    {ID("bt"), field(self, ID("_backtester"))},
+                    {ID("thresholds"), field(self, ID("_thresholds"))},
+                    {ID("era_config"), field(self, ID("_era_config"))},
+                    {ID("fatal_callback"), get_attr(self, ID("_set_fatal_error"))},
+                    {ID("submission_queue"), field(self, ID("_submission_queue"))},
+                    {ID("tracker_write_lock"), field(self, ID("_tracker_write_lock"))},
+                    {ID("submission_wakeup"), field(self, ID("_submission_wakeup"))},
+                    {ID("stop_event"), field(self, ID("_stop_event"))},
+                    {ID("submission_owner"), field(self, ID("_submission_owner"))},
+                    {ID("replacement_abort_event"), field(self, ID("_replacement_abort_event"))}});
+}
+
+static object worker_loop_inner(Args& a) {
+    handle self = a.me();
+    handle worker_id = a[0];
+    const std::string wid = to_std(worker_id);
+    int restart_count = 0;
+    const int max_restarts = 20;
+    while (true) {
+        object stop_event = field(self, ID("_stop_event"));
+        if (event_is_set(stop_event) || restart_count >= max_restarts || !field_true(self, ID("_running")))
+            return none();
+        object ctx = build_context(self);
+        try {
+            object tmpl = field(self, ID("_template"));
+            object gen = in_sandbox([&] { return call(tmpl, {ctx}); });
+            if (is_none(gen)) return none();
+            object iterator = steal(PyObject_GetIter(gen.ptr()));
+            object evaluate = get_attr(ctx, ID("evaluate"));
+            object lock = lock_of(self);
+            while (true) {
+                bool exhausted = false;
+                object expr = in_sandbox([&] {
+                    PyObject* item = PyIter_Next(iterator.ptr());
+                    if (!item) {
+                        if (PyErr_Occurred()) throw_py();
+                        exhausted = true;
+                        return none();
+                    }
+                    return steal(item);
+                });
+                if (exhausted) break;
+                if (event_is_set(stop_event)) return none();
+                try {
+                    call(evaluate, {expr});
+                } catch (py::error_already_set& e) {
+                    if (!ordinary(e)) throw;
+                    log_warning("Expression evaluation failed: %s", {exc_value(e)});
+                }
+                Locked guard(lock);
+                add_int(self, ID("_total_evaluated"), 1);
+            }
+            if (event_is_set(stop_event)) return none();
+            log_info(("Template exhausted in worker " + wid + " \xE2\x80\x94 restarting").c_str());
+            restart_count += 1;
+            if (wait_event(stop_event, 0.05)) return none();
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            {
+                Locked guard(lock_of(self));
+                add_int(self, ID("_crash_count"), 1);
+            }
+            std::string text = "Template sandbox violation in worker " + wid + ": " + to_std(exc_value(e));
+            log_warning(text.c_str());
+            if (event_is_set(stop_event)) return none();
+            restart_count += 1;
+            wait_event(stop_event, 0.05);
+        }
+    }
+}
+
+static object spawn_worker(Args& a) {
+    handle h = a[0], worker_id = a[1];
+    object zero = int_of(0);
+    if (check_int(PyObject_RichCompareBool(worker_id.ptr(), zero.ptr(), Py_LT))) return none();
+    object t = new_thread(get_attr(h, ID("_worker_loop")), "worker_" + to_std(worker_id), {worker_id});
+    start_thread(t);
+    list_append(field(h, ID("_worker_threads")), t);
+    return none();
+}
+
+static object restart_worker(Args& a) {
+    handle h = a[0];
+    long long count = PyLong_AsLongLong(a[1].ptr());
+    if (count == -1 && PyErr_Occurred()) throw_py();
+    for (long long i = 0; i < count; ++i) {
+        object threads = field(h, ID("_worker_threads"));
+        Py_ssize_t len = PyObject_Length(threads.ptr());
+        if (len < 0) throw_py();
+        object wid = int_of((long long)len + i);
+        object t = new_thread(get_attr(h, ID("_worker_loop")), "worker_restart_" + std::to_string(i), {wid});
+        start_thread(t);
+        list_append(threads, t);
+    }
+    return none();
+}
+
+// ---------------------------------------------------------------- era thread
+
+static bool interruptible_wait(handle stop_event, double timeout) {
+    double deadline = monotonic() + timeout;
+    object sleep = import_attr("time", ID("sleep"));
+    object slice = float_of(0.05);
+    while (!event_is_set(stop_event) && monotonic() < deadline) call(sleep, {slice});
+    return event_is_set(stop_event);
+}
+
+static object f_interruptible_wait(Args& a) { return bool_of(interruptible_wait(a[0], as_double(a[1]))); }
+
+static object build_era_thread(Args& a) {
+    handle self = a.me();
+    object factory = st_attr_or_none(ID("_era_thread_factory"));
+    if (PyCallable_Check(factory.ptr())) return call(factory);
+    return new_thread(get_attr(self, ID("_era_loop")), "era_thread");
+}
+
+static object era_loop(Args& a) {
+    handle self = a.me();
+    object era_config = field(self, ID("_era_config"));
+    object era_id = is_none(era_config) ? int_of(1) : get_attr_or(era_config, ID("era_id"), int_of(1));
+    object stop_event = field(self, ID("_stop_event"));
+    while (!event_is_set(stop_event) && field_true(self, ID("_running"))) {
+        if (interruptible_wait(stop_event, as_double(global(ID("ERA_POLL_INTERVAL"))))) return none();
+        if (event_is_set(stop_event) || field_true(self, ID("_stopped"))) return none();
+        object sync_mgr = field(self, ID("_sync_mgr"));
+        object transition = is_none(sync_mgr) ? none() : get_attr_or_none(sync_mgr, ID("run_handle_era_transition"));
+        if (!PyCallable_Check(transition.ptr())) continue;
+        if (field_true(self, ID("_era_transition_triggered"))) continue;
+        try {
+            object partial = import_attr("functools", ID("partial"));
+            object on_change = get_attr(self, ID("_on_era_change"));
+            object kill = call(partial, {on_change, str_of("kill"), era_id});
+            object restart = call(partial, {on_change, str_of("restart"), era_id});
+            call(transition, {era_id, kill, restart});
+            set_field(self, ID("_era_transition_triggered"), bool_of(true));
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Era transition failed: %s", {exc_value(e)});
+        }
+    }
+    return none();
+}
+
+static object on_era_change(Args& a) {
+    handle self = a.me();
+    handle event_type = a[0];
+    if (!is_str(event_type)) return none();
+    std::string kind = utf8(event_type);
+    if (kind == "kill") {
+        object threads = list_from(field(self, ID("_worker_threads")));
+        object timeout = float_of(5.0);
+        Py_ssize_t n = PyList_GET_SIZE(threads.ptr());
+        for (Py_ssize_t i = 0; i < n; ++i) {
+            handle t = PyList_GET_ITEM(threads.ptr(), i);
+            if (thread_alive(t)) call_method(t, ID("join"), {timeout});
+        }
+        set_field(self, ID("_worker_threads"), new_list());
+    } else if (kind == "restart" || kind == "abort") {
+        if (field_true(self, ID("_stopped"))) return none();
+        set_field(self, ID("_worker_threads"), new_list());
+        set_field(self, ID("_worker_start_event"), call(import_attr("threading", ID("Event"))));
+        set_field(self, ID("_worker_start_count"), int_of(0));
+        object n_jobs_obj = field(self, ID("_n_jobs"));
+        long long n_jobs = PyLong_AsLongLong(n_jobs_obj.ptr());
+        if (n_jobs == -1 && PyErr_Occurred()) throw_py();
+        object loop = get_attr(self, ID("_worker_loop"));
+        for (long long i = 0; i < n_jobs; ++i) {
+            object idx = int_of(i);
+            object t = new_thread(loop, "worker_" + std::to_string(i), {idx});
+            start_thread(t);
+            list_append(field(self, ID("_worker_threads")), t);
+        }
+    }
+    return none();
+}
+
+void register_threads(handle cls, handle m) {
+    def_method<start_all_threads>(cls, "_start_all_threads($self)");
+    def_method<worker_loop>(cls, "_worker_loop($self, worker_id)");
+    def_method<worker_loop_inner>(cls, "_worker_loop_inner($self, worker_id)");
+    def_static<f_interruptible_wait>(cls, "_interruptible_wait(stop_event, timeout)",
+                                     "Wait for stop_event or timeout using time.sleep to avoid shutdown deadlocks.");
+    def_method<build_era_thread>(cls, "_build_era_thread($self)");
+    def_method<era_loop>(cls, "_era_loop($self)");
+    def_method<on_era_change>(cls, "_on_era_change($self, event_type, era_id)",
+                              "Callback from SyncManager's EraThread on era state changes.");
+    def_function<spawn_worker>(m, "_spawn_worker(handle, worker_id)", "Spawn a single worker. Can be monkeypatched.");
+    def_function<restart_worker>(m, "_restart_worker(handle, count)", "Restart dead workers. Can be monkeypatched.");
+}
+
+}  // namespace tw::hnd

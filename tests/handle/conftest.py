@@ -1,0 +1,47 @@
+import pytest
+
+import tarnwicket.search_templates as st
+from fakes.runtime import FakeAuth, FakeBacktester, FakeObfuscation, MemoryTracker, era_config
+
+
+@pytest.fixture
+def seed_dir(tmp_path):
+    (tmp_path / "shuffle_seed.enc").write_bytes(b"s" * 60)
+    return tmp_path
+
+
+@pytest.fixture
+def make_handle(seed_dir):
+    """Builds handles with fakes; every handle made is stopped afterwards."""
+    made = []
+
+    def build(template=None, n_jobs=1, tracker=None, sync_mgr=None, bt="default", obf=None, era_cfg="default",
+              auth="default", data_dir="default"):
+        h = st._SearchHandleImpl(
+            template=template or (lambda ctx: None),
+            n_jobs=n_jobs,
+            tracker=tracker if tracker is not None else MemoryTracker(),
+            sync_mgr=sync_mgr,
+            bt=FakeBacktester() if bt == "default" else bt,
+            obf=obf or FakeObfuscation(),
+            era_cfg=era_config() if era_cfg == "default" else era_cfg,
+            auth_mock=FakeAuth() if auth == "default" else auth,
+            data_dir=str(seed_dir) if data_dir == "default" else data_dir,
+        )
+        made.append(h)
+        return h
+
+    yield build
+    for h in made:
+        try:
+            h.stop(join_timeout=1.0)
+        except Exception:
+            pass
+
+
+@pytest.fixture(autouse=True)
+def module_state_reset():
+    yield
+    with st._search_active_lock:
+        st._search_active = False
+        st._active_search_handle = None
