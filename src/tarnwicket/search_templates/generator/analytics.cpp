@@ -1,0 +1,419 @@
+// Analytics weighting: feature screening, and yield rates per function and
+// feature from an analytics snapshot that is bounded and never trusted.
+#include "generator/gen.hpp"
+
+#include <algorithm>
+
+namespace tw::gen {
+
+static bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
+static object get(handle m, handle key, handle dflt = Py_None) { return dict_get(m, key, dflt); }
+
+// ---------------------------------------------------------------- features
+
+object feature_specs(handle features) {
+    object specs = new_list();
+    if (!is_list(features)) {
+        log_info("random_weighted excluded feature vocabulary: features must be a list");
+        return specs;
+    }
+    object empty = str_of("");
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(features.ptr()); ++i) {
+        object entry = borrow(PyList_GET_ITEM(features.ptr(), i));
+        if (!is_dict(entry)) {
+            log_info("random_weighted excluded feature entry: expected dict metadata");
+            continue;
+        }
+        object name = get(entry, ID("name"));
+        if (!is_nonempty_str(name)) {
+            log_info("random_weighted excluded feature with missing name");
+            continue;
+        }
+        object spec = new_dict();
+        dict_set(spec, ID("name"), name);
+        dict_set(spec, ID("feature_family"), get(entry, ID("feature_family"), empty));
+        dict_set(spec, ID("feature_subfamily"), get(entry, ID("feature_subfamily"), empty));
+        list_append(specs, spec);
+    }
+    return specs;
+}
+
+static object names_of(handle specs) {
+    object names = new_list();
+    object it = steal(PyObject_GetIter(specs.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object spec = steal(p);
+        list_append(names, getitem(spec, ID("name")));
+    }
+    if (PyErr_Occurred()) throw_py();
+    return names;
+}
+
+object feature_names(handle features) { return names_of(feature_specs(features)); }
+
+// ---------------------------------------------------------------- rows
+
+object valid_names(handle names, const Limits& lim) {
+    object out = new_list();
+    if (!(is_list(names) || is_tuple(names) || PyAnySet_Check(names.ptr()))) return out;
+    object it = steal(PyObject_GetIter(names.ptr()));
+    for (long long read = 0; read < lim.max_names_per_row; ++read) {
+        PyObject* p = PyIter_Next(it.ptr());
+        if (!p) break;
+        object name = steal(p);
+        if (is_nonempty_str(name)) list_append(out, name);
+    }
+    if (PyErr_Occurred()) throw_py();
+    return out;
+}
+
+struct Entry {
+    object function_names;  // list, or null for a map row naming a feature
+    object feature_names;
+    object single;          // a map row's name
+    bool single_is_feature = false;
+    double yield_rate = 0.0;
+    object evaluation_count;
+};
+
+static bool swallowed_row_error() {
+    if (PyErr_ExceptionMatches(PyExc_IndexError) || PyErr_ExceptionMatches(PyExc_KeyError) ||
+        PyErr_ExceptionMatches(PyExc_TypeError) || PyErr_ExceptionMatches(PyExc_AttributeError)) {
+        PyErr_Clear();
+        return true;
+    }
+    return false;
+}
+
+static bool map_row(handle row, Entry& e) {
+    object empty = str_of("");
+    object name = get(row, ID("name"), empty);
+    if (!is_nonempty_str(name)) return false;
+    object zero_f = float_of(0.0), zero = int_of(0);
+    if (!rw_float_d(get(row, ID("yield_rate"), zero_f), e.yield_rate)) e.yield_rate = 0.0;
+    e.evaluation_count = rw_int(get(row, ID("evaluation_count"), zero), zero);
+    object function = str_of("function");
+    object rtype = get(row, ID("type"), function);
+    object feature = str_of("feature");
+    e.single = name;
+    e.single_is_feature = PyUnicode_CheckExact(rtype.ptr()) ? PyUnicode_Compare(rtype.ptr(), feature.ptr()) == 0
+                                                            : cmp(rtype, feature, Py_EQ);
+    return true;
+}
+
+static bool object_row(handle row, Entry& e, const Limits& lim) {
+    object group_key = get_attr_or_none(row, ID("group_key"));
+    object windows = get_attr_or_none(row, ID("windows"));
+    if (!truthy(group_key) || !truthy(windows)) return false;
+    if (!(is_list(group_key) || is_tuple(group_key)) || PySequence_Size(group_key.ptr()) != 2) return false;
+    object window;
+    try {
+        object zero_idx = int_of(0);
+        window = getitem(windows, zero_idx);
+        object zero_f = float_of(0.0);
+        if (!rw_float_d(get_attr_or(window, ID("yield_rate"), zero_f), e.yield_rate)) e.yield_rate = 0.0;
+        e.function_names = valid_names(steal(PySequence_GetItem(group_key.ptr(), 0)), lim);
+        e.feature_names = valid_names(steal(PySequence_GetItem(group_key.ptr(), 1)), lim);
+    } catch (py::error_already_set& err) {
+        err.restore();
+        if (swallowed_row_error()) return false;
+        throw_py();
+    }
+    if (PyList_GET_SIZE(e.function_names.ptr()) == 0 && PyList_GET_SIZE(e.feature_names.ptr()) == 0) return false;
+    object zero = int_of(0);
+    object window_count = get_attr_or(window, ID("evaluation_count"), zero);
+    object count = rw_int(get_attr_or(row, ID("evaluation_count"), window_count), zero);
+    if (cmp(count, zero, Py_LE)) count = rw_int(get_attr_or(window, ID("evaluation_count"), zero), zero);
+    e.evaluation_count = count;
+    return true;
+}
+
+// Calls f(entry) for each accepted row of the first max_analytics_rows rows.
+template <class F>
+static void for_each_entry(handle analytics, const Limits& lim, F&& f) {
+    if (!truthy(analytics)) return;
+    object rows = get_attr_or_none(analytics, ID("rows"));
+    if (!truthy(rows)) return;
+    PyObject* itp = PyObject_GetIter(rows.ptr());
+    if (!itp) {
+        if (!PyErr_ExceptionMatches(PyExc_TypeError)) throw_py();
+        PyErr_Clear();
+        return;
+    }
+    object it = steal(itp);
+    for (long long read = 0; read < lim.max_analytics_rows; ++read) {
+        PyObject* p = PyIter_Next(it.ptr());
+        if (!p) break;
+        object row = steal(p);
+        Entry e;
+        bool ok = is_dict(row) ? map_row(row, e) : object_row(row, e, lim);
+        if (ok) f(e);
+    }
+    if (PyErr_Occurred()) throw_py();
+}
+
+static object names_list(const Entry& e, bool feature) {
+    if (e.single) {
+        object l = new_list();
+        if (e.single_is_feature == feature) list_append(l, e.single);
+        return l;
+    }
+    return feature ? e.feature_names : e.function_names;
+}
+
+object analytics_entries_list(handle analytics) {
+    Limits lim = Limits::read();
+    object out = new_list();
+    object one = int_of(1);
+    for_each_entry(analytics, lim, [&](Entry& e) {
+        list_append(out, tuple_of({one, names_list(e, false), names_list(e, true), float_of(e.yield_rate),
+                                   e.evaluation_count}));
+    });
+    return out;
+}
+
+// ---------------------------------------------------------------- accumulation
+
+object allowed_name_set(handle names) {
+    if (is_none(names)) return none();
+    object s = steal(PySet_New(nullptr));
+    object it = steal(PyObject_GetIter(names.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object name = steal(p);
+        if (is_nonempty_str(name)) check_int(PySet_Add(s.ptr(), name.ptr()));
+    }
+    if (PyErr_Occurred()) throw_py();
+    return s;
+}
+
+bool skip_analytics_name(handle name, handle allowed_names, handle seen_names, const Limits& lim) {
+    if (!is_nonempty_str(name)) return true;
+    if (!is_none(allowed_names) && !contains(allowed_names, name)) return true;
+    if (contains(seen_names, name)) return false;
+    Py_ssize_t n = PyObject_Size(seen_names.ptr());
+    if (n < 0) throw_py();
+    if (n >= lim.max_unique_names) return true;
+    if (PyAnySet_Check(seen_names.ptr()))
+        check_int(PySet_Add(seen_names.ptr(), name.ptr()));
+    else
+        call_method(seen_names, ID("add"), {name});
+    return false;
+}
+
+static long long clamped_count(handle evaluation_count, const Limits& lim) {
+    object zero = int_of(0);
+    object c = rw_int(evaluation_count, zero);
+    long long count = is_int(c) ? clamp_ll(c) : clamp_ll(py_int(c));
+    return std::min(std::max(count, 0LL), lim.max_analytics_weight);
+}
+
+void add_stat(handle stats, handle name, handle yield_rate, handle evaluation_count, const Limits& lim) {
+    long long count = clamped_count(evaluation_count, lim);
+    double weight = count > 0 ? (double)count : 1.0;
+    double safe = safe_yield_rate(yield_rate, lim.max_abs_yield_rate);
+    if (!contains(stats, name)) {
+        object item = new_dict();
+        dict_set(item, ID("yield_total"), float_of(0.0));
+        dict_set(item, ID("weight_total"), float_of(0.0));
+        dict_set(item, ID("evaluation_count"), int_of(0));
+        setitem(stats, name, item);
+    }
+    object item = getitem(stats, name);
+    auto bump = [&](handle key, handle by) {
+        object cur = getitem(item, key);
+        setitem(item, key, steal(PyNumber_InPlaceAdd(cur.ptr(), by.ptr())));
+    };
+    bump(ID("yield_total"), float_of(safe * weight));
+    bump(ID("weight_total"), float_of(weight));
+    bump(ID("evaluation_count"), int_of(count));
+}
+
+static std::pair<double, double> finalized_rates(double weight_total, double yield_total, double max_abs) {
+    double rate = 0.0;
+    if (weight_total > 0.0) rate = safe_yield_rate_d(yield_total / weight_total, max_abs);
+    if (!std::isfinite(rate)) rate = 0.0;
+    double failure = std::min(std::max(0.0, 1.0 - rate), 1.0);
+    return {rate, failure};
+}
+
+void finalize_stats(handle stats, const Limits& lim) {
+    object items = list_from(steal(PyObject_CallMethodNoArgs(stats.ptr(), ID("values").ptr())));
+    object zero_f = float_of(0.0);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+        handle item = PyList_GET_ITEM(items.ptr(), i);
+        double wt, yt = 0.0;
+        if (!rw_float_d(get(item, ID("weight_total"), zero_f), wt)) wt = 0.0;
+        if (wt > 0.0 && !rw_float_d(get(item, ID("yield_total"), zero_f), yt)) yt = 0.0;
+        auto [rate, failure] = finalized_rates(wt, yt, lim.max_abs_yield_rate);
+        setitem(item, ID("yield_rate"), float_of(rate));
+        setitem(item, ID("failure_rate"), float_of(failure));
+    }
+}
+
+// Per-kind accumulator: the index dict doubles as the set of names seen.
+struct KindStats {
+    object allowed;
+    object index = new_dict();
+    std::vector<object> names;
+    struct Acc {
+        double yield_total = 0.0, weight_total = 0.0;
+        long long count = 0;
+    };
+    std::vector<Acc> acc;
+
+    void add(handle name, double safe_rate, double weight, long long count, const Limits& lim) {
+        if (!is_nonempty_str(name)) return;
+        if (!is_none(allowed) && check_int(PySet_Contains(allowed.ptr(), name.ptr())) == 0) return;
+        PyObject* found = PyDict_GetItemWithError(index.ptr(), name.ptr());
+        std::size_t i;
+        if (found) {
+            i = PyLong_AsSize_t(found);
+        } else {
+            if (PyErr_Occurred()) throw_py();
+            if ((long long)names.size() >= lim.max_unique_names) return;
+            i = names.size();
+            dict_set(index, name, int_of((long long)i));
+            names.push_back(borrow(name.ptr()));
+            acc.emplace_back();
+        }
+        acc[i].yield_total += safe_rate * weight;
+        acc[i].weight_total += weight;
+        acc[i].count += count;
+    }
+    object stats_dict(const Limits& lim) const {
+        object d = new_dict();
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            const Acc& a = acc[i];
+            auto [rate, failure] = finalized_rates(a.weight_total, a.yield_total, lim.max_abs_yield_rate);
+            object item = new_dict();
+            dict_set(item, ID("yield_total"), float_of(a.yield_total));
+            dict_set(item, ID("weight_total"), float_of(a.weight_total));
+            dict_set(item, ID("evaluation_count"), int_of(a.count));
+            dict_set(item, ID("yield_rate"), float_of(rate));
+            dict_set(item, ID("failure_rate"), float_of(failure));
+            dict_set(d, names[i], item);
+        }
+        return d;
+    }
+    object yield_map(const Limits& lim) const {
+        object d = new_dict();
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            double rate = finalized_rates(acc[i].weight_total, acc[i].yield_total, lim.max_abs_yield_rate).first;
+            dict_set(d, names[i], float_of(safe_yield_rate_d(rate, lim.max_abs_yield_rate)));
+        }
+        return d;
+    }
+};
+
+static long long collect(handle analytics, KindStats& fs, KindStats& ts, const Limits& lim) {
+    long long rows_seen = 0;
+    for_each_entry(analytics, lim, [&](Entry& e) {
+        rows_seen += 1;
+        long long count = clamped_count(e.evaluation_count, lim);
+        double weight = count > 0 ? (double)count : 1.0;
+        double safe = safe_yield_rate_d(e.yield_rate, lim.max_abs_yield_rate);
+        if (e.single) {
+            (e.single_is_feature ? ts : fs).add(e.single, safe, weight, count, lim);
+            return;
+        }
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(e.function_names.ptr()); ++i)
+            fs.add(PyList_GET_ITEM(e.function_names.ptr(), i), safe, weight, count, lim);
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(e.feature_names.ptr()); ++i)
+            ts.add(PyList_GET_ITEM(e.feature_names.ptr(), i), safe, weight, count, lim);
+    });
+    return rows_seen;
+}
+
+object analytics_stats(handle analytics, handle allowed_function_names, handle allowed_feature_names) {
+    Limits lim = Limits::read();
+    KindStats fs, ts;
+    fs.allowed = allowed_name_set(allowed_function_names);
+    ts.allowed = allowed_name_set(allowed_feature_names);
+    long long rows_seen = collect(analytics, fs, ts, lim);
+    return tuple_of({int_of(rows_seen), fs.stats_dict(lim), ts.stats_dict(lim)});
+}
+
+std::pair<object, object> yield_maps(handle analytics, handle function_names, handle feature_names) {
+    Limits lim = Limits::read();
+    KindStats fs, ts;
+    fs.allowed = allowed_name_set(function_names);
+    ts.allowed = allowed_name_set(feature_names);
+    collect(analytics, fs, ts, lim);
+    return {fs.yield_map(lim), ts.yield_map(lim)};
+}
+
+// ---------------------------------------------------------------- weights
+
+object normalized_weights(handle names, handle stats) {
+    Py_ssize_t count = PyObject_Size(names.ptr());
+    if (count < 0) throw_py();
+    object out = new_dict();
+    if (count == 0) return out;
+    double max_abs = Limits::read().max_abs_yield_rate;
+    double cold = 1.0 / (double)count;
+    object raw = new_dict();
+    double total = 0.0;
+    object seq = list_from(names);
+    object zero_f = float_of(0.0);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(seq.ptr()); ++i) {
+        handle name = PyList_GET_ITEM(seq.ptr(), i);
+        object empty = new_dict();
+        object item = get(stats, name, empty);
+        double rate = safe_yield_rate(get(item, ID("yield_rate"), zero_f), max_abs);
+        double w = std::max(0.0, 1.0 + rate);
+        setitem(raw, name, float_of(w));
+        total += w;
+    }
+    bool uniform = total <= 0.0 || !std::isfinite(total);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(seq.ptr()); ++i) {
+        handle name = PyList_GET_ITEM(seq.ptr(), i);
+        double w = uniform ? cold : PyFloat_AS_DOUBLE(getitem(raw, name).ptr()) / total;
+        object entry = new_dict();
+        dict_set(entry, ID("cold_weight"), float_of(cold));
+        dict_set(entry, ID("warm_weight"), float_of(w));
+        dict_set(entry, ID("warm_delta"), float_of(uniform ? 0.0 : w - cold));
+        setitem(out, name, entry);
+    }
+    return out;
+}
+
+object weight_entry(handle normalized_weights, handle stats, handle name) {
+    double max_abs = Limits::read().max_abs_yield_rate;
+    object e1 = new_dict(), e2 = new_dict();
+    object item = get(stats, name, e1);
+    object weights = get(normalized_weights, name, e2);
+    object zero_f = float_of(0.0), one_f = float_of(1.0), zero = int_of(0);
+    object entry = new_dict();
+    dict_set(entry, ID("yield_rate"), float_of(safe_yield_rate(get(item, ID("yield_rate"), zero_f), max_abs)));
+    dict_set(entry, ID("failure_rate"), rw_float(get(item, ID("failure_rate"), one_f), one_f));
+    dict_set(entry, ID("evaluation_count"), py_int(get(item, ID("evaluation_count"), zero)));
+    for (handle key : {ID("cold_weight"), ID("warm_weight"), ID("warm_delta")})
+        dict_set(entry, key, rw_float(get(weights, key, zero_f), zero_f));
+    return entry;
+}
+
+static object weight_report(handle specs, handle normalized, handle stats, handle family, handle subfamily) {
+    object report = new_dict();
+    object empty = str_of("");
+    object it = steal(PyObject_GetIter(specs.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object spec = steal(p);
+        object name = get(spec, ID("name"));
+        object entry = weight_entry(normalized, stats, name);
+        dict_set(entry, family, get(spec, family, empty));
+        dict_set(entry, subfamily, get(spec, subfamily, empty));
+        setitem(report, name, entry);
+    }
+    if (PyErr_Occurred()) throw_py();
+    return report;
+}
+
+object function_weight_report(handle safe_rotations, handle normalized, handle stats) {
+    return weight_report(safe_rotations, normalized, stats, ID("function_family"), ID("function_subfamily"));
+}
+
+object feature_weight_report(handle specs, handle normalized, handle stats) {
+    return weight_report(specs, normalized, stats, ID("feature_family"), ID("feature_subfamily"));
+}
+
+}  // namespace tw::gen

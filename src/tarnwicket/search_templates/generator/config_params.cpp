@@ -1,0 +1,221 @@
+// Config parameter resolution: each config parameter of a rotation becomes one
+// literal child, or a reason why no safe literal exists.
+#include "generator/gen.hpp"
+
+namespace tw::gen {
+
+static bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
+static bool eq_str(handle a, const char* s) {
+    if (PyUnicode_CheckExact(a.ptr())) return PyUnicode_CompareWithASCIIString(a.ptr(), s) == 0;
+    object b = steal(PyUnicode_FromString(s));
+    return cmp(a, b, Py_EQ);
+}
+static object get(handle m, handle key) { return dict_get(m, key, Py_None); }
+static bool has_value(handle m, handle key) { return !is_none(get(m, key)); }
+static object fmt(handle o) { return steal(PyObject_Format(o.ptr(), nullptr)); }
+static std::string s_of(handle o) { return utf8(fmt(o)); }
+static std::string r_of(handle o) { return repr_std(o); }
+static object tuple5(bool a, handle b, bool c, handle d, bool e) {
+    return tuple_of({bool_of(a), b, bool_of(c), d, bool_of(e)});
+}
+
+object numeric_bounds(handle param) {
+    bool has_min = has_value(param, ID("min"));
+    bool has_max = has_value(param, ID("max"));
+    object min_value = none(), max_value = none();
+    object* slots[2] = {&min_value, &max_value};
+    bool present[2] = {has_min, has_max};
+    handle keys[2] = {ID("min"), ID("max")};
+    for (int i = 0; i < 2; ++i) {
+        if (!present[i]) continue;
+        object raw = getitem(param, keys[i]);
+        if (is_bool(raw)) return tuple5(has_min, min_value, has_max, max_value, false);
+        double d;
+        if (!try_double(raw, d)) return tuple5(has_min, min_value, has_max, max_value, false);
+        *slots[i] = float_of(d);
+        if (!std::isfinite(d)) return tuple5(has_min, min_value, has_max, max_value, false);
+    }
+    if (has_min && has_max && PyFloat_AS_DOUBLE(min_value.ptr()) > PyFloat_AS_DOUBLE(max_value.ptr()))
+        return tuple5(has_min, min_value, has_max, max_value, false);
+    return tuple5(has_min, min_value, has_max, max_value, true);
+}
+
+object numeric_range_label(handle has_min, handle min_value, handle has_max, handle max_value) {
+    std::string lower = truthy(has_min) ? s_of(min_value) : "-inf";
+    std::string upper = truthy(has_max) ? s_of(max_value) : "inf";
+    return str_of("[" + lower + ", " + upper + "]");
+}
+
+object numeric_bounds_reason(handle param, handle value) {
+    double nv;
+    if (!try_double(value, nv)) return str_of("has non-numeric default/range");
+    if (!std::isfinite(nv)) return str_of("has non-finite numeric default/range");
+    object b = numeric_bounds(param);
+    auto item = [&](int i) { return borrow(PyTuple_GET_ITEM(b.ptr(), i)); };
+    if (!truthy(item(4))) return str_of("has invalid numeric range metadata");
+    auto outside = [&]() {
+        object label = numeric_range_label(item(0), item(1), item(2), item(3));
+        return str_of("default " + r_of(value) + " outside declared range " + utf8(label));
+    };
+    if (truthy(item(0)) && nv < PyFloat_AS_DOUBLE(item(1).ptr())) return outside();
+    if (truthy(item(2)) && nv > PyFloat_AS_DOUBLE(item(3).ptr())) return outside();
+    return none();
+}
+
+object config_value_reason(handle param_name, handle value, bool integer) {
+    std::string pn = r_of(param_name);
+    double nv;
+    if (!try_double(value, nv)) return str_of("config param " + pn + " has non-numeric emitted value");
+    if (!std::isfinite(nv)) return str_of("config param " + pn + " has non-finite emitted value");
+    object limit = integer ? float_of(as_double(global(ID("_RANDOM_WEIGHTED_MAX_ABS_CONFIG_INT"))))
+                           : global(ID("_RANDOM_WEIGHTED_MAX_ABS_CONFIG_FLOAT"));
+    object magnitude = float_of(std::fabs(nv));
+    if (cmp(magnitude, limit, Py_GT))
+        return str_of("config param " + pn + " emitted value " + r_of(value) + " exceeds hard config bound +/-" +
+                      r_of(limit));
+    return none();
+}
+
+object window_bounded_param(handle param, handle window_limit) {
+    object bounded = dict_copy(param);
+    if (is_none(window_limit)) return bounded;
+    if (!has_value(bounded, ID("min"))) dict_set(bounded, ID("min"), int_of(1));
+    if (!has_value(bounded, ID("max"))) {
+        dict_set(bounded, ID("max"), window_limit);
+    } else {
+        PyObject* existing = PyNumber_Long(get(bounded, ID("max")).ptr());
+        if (!existing) {
+            if (!(PyErr_ExceptionMatches(PyExc_TypeError) || PyErr_ExceptionMatches(PyExc_ValueError) ||
+                  PyErr_ExceptionMatches(PyExc_OverflowError)))
+                throw_py();
+            PyErr_Clear();
+            dict_set(bounded, ID("max"), window_limit);
+        } else {
+            object e = steal(existing);
+            dict_set(bounded, ID("max"), cmp(window_limit, e, Py_LT) ? window_limit : handle(e));
+        }
+    }
+    return bounded;
+}
+
+object window_budget_reason(handle param_name, handle value, handle window_limit) {
+    if (is_none(window_limit)) return none();
+    if (cmp(value, window_limit, Py_GT))
+        return str_of("config param " + r_of(param_name) + " window " + r_of(value) +
+                      " exceeds per-node lookback budget " + r_of(window_limit));
+    return none();
+}
+
+object numeric_default(handle param, bool integer) {
+    object b = numeric_bounds(param);
+    auto item = [&](int i) { return borrow(PyTuple_GET_ITEM(b.ptr(), i)); };
+    if (!truthy(item(4))) return none();
+    bool has_min = truthy(item(0)), has_max = truthy(item(2));
+    if (!has_min && !has_max) return none();
+    object min_value = item(1), max_value = item(3);
+    object value;
+    if (has_min && has_max)
+        value = float_of((PyFloat_AS_DOUBLE(min_value.ptr()) + PyFloat_AS_DOUBLE(max_value.ptr())) / 2.0);
+    else
+        value = has_min ? min_value : max_value;
+    if (integer) {
+        object zero = int_of(0), one = int_of(1);
+        try {
+            value = py_int(call(get_attr(import_module("builtins"), ID("round")), {value}));
+            if (cmp(value, zero, Py_LE)) value = one;
+            if (has_min && cmp(value, min_value, Py_LT)) {
+                value = py_int(min_value);
+                if (cmp(value, min_value, Py_LT)) value = steal(PyNumber_Add(value.ptr(), one.ptr()));
+            }
+            if (has_max && cmp(value, max_value, Py_GT)) {
+                value = py_int(max_value);
+                if (cmp(value, max_value, Py_GT)) value = steal(PyNumber_Subtract(value.ptr(), one.ptr()));
+            }
+        } catch (py::error_already_set& e) {
+            if (matches(e, PyExc_ValueError) || matches(e, PyExc_OverflowError)) return none();
+            throw;
+        }
+        if (cmp(value, zero, Py_LE)) return none();
+    }
+    return is_none(numeric_bounds_reason(param, value)) ? value : none();
+}
+
+object first_choice(handle param) {
+    for (handle key : {ID("choices"), ID("options"), ID("enum")}) {
+        object v = get(param, key);
+        if ((is_list(v) || is_tuple(v)) && PySequence_Size(v.ptr()) > 0) return steal(PySequence_GetItem(v.ptr(), 0));
+    }
+    return none();
+}
+
+static bool positive_int(handle value) {
+    if (is_bool(value) || !is_int(value)) return false;
+    object zero = int_of(0);
+    return cmp(value, zero, Py_GT);
+}
+
+std::pair<object, object> config_child(handle, handle param, handle window_limit) {
+    object param_type = get(param, ID("type"));
+    bool has_default = has_value(param, ID("default"));
+    object empty = str_of("");
+    object param_name = dict_get(param, ID("name"), empty);
+    std::string pn = r_of(param_name);
+    auto fail = [](const std::string& r) { return std::pair<object, object>{none(), str_of(r)}; };
+    auto child = [](handle type, handle node) {
+        object d = new_dict();
+        dict_set(d, ID("type"), type);
+        dict_set(d, ID("node"), node);
+        return std::pair<object, object>{d, none()};
+    };
+
+    if (eq_str(param_type, "int")) {
+        const std::string no_safe = "config param " + pn + " has no safe int default/range";
+        object bounded = is_none(window_limit) ? borrow(param.ptr()) : window_bounded_param(param, window_limit);
+        object value;
+        if (has_default) {
+            value = get(param, ID("default"));
+            if (!positive_int(value)) return fail(no_safe);
+            object br = numeric_bounds_reason(param, value);
+            if (!is_none(br)) return fail("config param " + pn + " " + utf8(br));
+            object wr = window_budget_reason(param_name, value, window_limit);
+            if (!is_none(wr)) return {none(), wr};
+        } else {
+            value = numeric_default(bounded, true);
+        }
+        if (!positive_int(value)) return fail(no_safe);
+        object vr = config_value_reason(param_name, value, true);
+        if (!is_none(vr)) return {none(), vr};
+        object wr = window_budget_reason(param_name, value, window_limit);
+        if (!is_none(wr)) return {none(), wr};
+        return child(ID("int"), value);
+    }
+    if (eq_str(param_type, "float")) {
+        const std::string no_safe = "config param " + pn + " has no safe float default/range";
+        auto numeric = [](handle v) { return !is_bool(v) && (is_int(v) || is_float(v)); };
+        object value;
+        if (has_default) {
+            value = get(param, ID("default"));
+            if (!numeric(value)) return fail(no_safe);
+            object br = numeric_bounds_reason(param, value);
+            if (!is_none(br)) return fail("config param " + pn + " " + utf8(br));
+        } else {
+            value = numeric_default(param, false);
+        }
+        if (!numeric(value)) return fail(no_safe);
+        object vr = config_value_reason(param_name, value, false);
+        if (!is_none(vr)) return {none(), vr};
+        return child(ID("float"), float_of(as_double(value)));
+    }
+    if (eq_str(param_type, "bool")) {
+        bool v = has_default && truthy(get(param, ID("default")));
+        return child(ID("bool"), bool_of(v));
+    }
+    if (eq_str(param_type, "string")) {
+        object value = has_default ? get(param, ID("default")) : first_choice(param);
+        if (!is_nonempty_str(value)) return fail("config param " + pn + " has no safe string default/range");
+        return child(ID("string"), value);
+    }
+    return fail("unsupported config param type " + r_of(param_type));
+}
+
+}  // namespace tw::gen

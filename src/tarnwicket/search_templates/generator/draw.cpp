@@ -1,0 +1,365 @@
+// The draw: cumulative weights, the weighted choice and the expression builder,
+// with random numbers from the host's process-wide `random` module.
+#include "generator/draw.hpp"
+
+#include <bit>
+
+namespace tw::gen {
+
+// ---------------------------------------------------------------- random module
+
+namespace rnd {
+
+static PyObject* g_module = nullptr;        // the `random` module
+static PyObject* g_inst = nullptr;          // random._inst
+static PyObject* g_orig_randint = nullptr;  // random.randint as imported
+static PyObject* g_orig_choice = nullptr;   // random.choice as imported
+
+void init() {
+    object m = import_module("random");
+    g_module = m.release().ptr();
+    g_inst = get_attr(handle(g_module), ID("_inst")).release().ptr();
+    g_orig_randint = get_attr(handle(g_module), ID("randint")).release().ptr();
+    g_orig_choice = get_attr(handle(g_module), ID("choice")).release().ptr();
+}
+
+object random_module() { return borrow(g_module); }
+
+// Attributes of the module, re-read whenever its namespace changed.
+struct Cache {
+    uint64_t version = 0;
+    PyObject* random = nullptr;
+    bool own_randint = false;
+    bool own_choice = false;
+};
+static Cache g_cache;
+
+static const Cache& cache() {
+    PyObject* dict = PyModule_GetDict(g_module);
+    uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+    if (version != g_cache.version) {
+        g_cache.random = PyDict_GetItemWithError(dict, ID("random").ptr());
+        if (!g_cache.random && PyErr_Occurred()) throw_py();
+        PyObject* ri = PyDict_GetItemWithError(dict, ID("randint").ptr());
+        PyObject* ch = PyDict_GetItemWithError(dict, ID("choice").ptr());
+        g_cache.own_randint = ri && ri == g_orig_randint;
+        g_cache.own_choice = ch && ch == g_orig_choice;
+        g_cache.version = version;
+    }
+    return g_cache;
+}
+
+double random01() {
+    const Cache& c = cache();
+    object r;
+    if (c.random) {
+        r = steal(PyObject_Vectorcall(c.random, nullptr, 0, nullptr));
+    } else {
+        object fn = get_attr(handle(g_module), ID("random"));
+        r = call(fn);
+    }
+    if (PyFloat_CheckExact(r.ptr())) return PyFloat_AS_DOUBLE(r.ptr());
+    return as_double(r);
+}
+
+// Random._randbelow_with_getrandbits(n) for 0 < n < 2**63.
+static unsigned long long randbelow(unsigned long long n) {
+    int k = std::bit_width(n);
+    object ok = int_of(k);
+    PyObject* argv[2] = {g_inst, ok.ptr()};
+    for (;;) {
+        object r = steal(PyObject_VectorcallMethod(ID("getrandbits").ptr(), argv, 2 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+        unsigned long long v = PyLong_AsUnsignedLongLong(r.ptr());
+        if (v == (unsigned long long)-1 && PyErr_Occurred()) throw_py();
+        if (v < n) return v;
+    }
+}
+
+long long randint_ll(long long a, long long b) {
+    if (cache().own_randint && b >= a && b - a < (1LL << 62)) return a + (long long)randbelow((unsigned long long)(b - a + 1));
+    object oa = int_of(a), ob = int_of(b);
+    object r = randint(oa, ob);
+    return clamp_ll(steal(PyNumber_Index(r.ptr())));
+}
+
+object randint(handle a, handle b) {
+    object fn = get_attr(handle(g_module), ID("randint"));
+    return call(fn, {a, b});
+}
+
+// random.choice(seq); `index` receives the drawn position when known, else -1.
+object choice_at(handle seq, Py_ssize_t& index) {
+    index = -1;
+    if (cache().own_choice && PyList_CheckExact(seq.ptr())) {
+        Py_ssize_t n = PyList_GET_SIZE(seq.ptr());
+        if (n == 0) raise(PyExc_IndexError, "Cannot choose from an empty sequence");
+        Py_ssize_t i = (Py_ssize_t)randbelow((unsigned long long)n);
+        if (i < PyList_GET_SIZE(seq.ptr())) {
+            index = i;
+            return borrow(PyList_GET_ITEM(seq.ptr(), i));
+        }
+        return getitem(seq, int_of(i));
+    }
+    object fn = get_attr(handle(g_module), ID("choice"));
+    return call(fn, {seq});
+}
+
+object choice(handle seq) {
+    Py_ssize_t ignored;
+    return choice_at(seq, ignored);
+}
+
+}  // namespace rnd
+
+// ---------------------------------------------------------------- cumulative weights
+
+object cum_weights(handle names, handle yield_map) {
+    double max_abs = Limits::read().max_abs_yield_rate;
+    object seq = list_from(names);
+    Py_ssize_t n = PyList_GET_SIZE(seq.ptr());
+    object out = new_list(n);
+    double total = 0.0;
+    object zero_f = float_of(0.0);
+    bool exact = PyDict_CheckExact(yield_map.ptr());
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        handle name = PyList_GET_ITEM(seq.ptr(), i);
+        double rate;
+        if (exact) {
+            PyObject* v = PyDict_GetItemWithError(yield_map.ptr(), name.ptr());
+            if (!v && PyErr_Occurred()) throw_py();
+            rate = safe_yield_rate(v ? handle(v) : handle(zero_f), max_abs);
+        } else {
+            rate = safe_yield_rate(dict_get(yield_map, name, zero_f), max_abs);
+        }
+        total += std::max(0.0, 1.0 + rate);
+        PyList_SET_ITEM(out.ptr(), i, float_of(total).release().ptr());
+    }
+    if (total > 0.0 && std::isfinite(total)) return out;
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        object v = float_of((double)(i + 1));
+        check_int(PyList_SetItem(out.ptr(), i, v.release().ptr()));
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------- weighted choice
+
+static bool lt(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LT)) == 1; }
+
+// bisect.bisect_left(seq, x) with the host's comparisons.
+static Py_ssize_t bisect_left_obj(handle seq, handle x) {
+    Py_ssize_t lo = 0, hi = PySequence_Size(seq.ptr());
+    if (hi < 0) throw_py();
+    while (lo < hi) {
+        Py_ssize_t mid = ((size_t)lo + hi) / 2;
+        object item = steal(PySequence_GetItem(seq.ptr(), mid));
+        if (lt(item, x)) lo = mid + 1;
+        else hi = mid;
+    }
+    return lo;
+}
+
+// The same over a list, reading exact floats directly.
+static Py_ssize_t bisect_left_list(PyObject* list, double x, handle x_obj_or_null) {
+    Py_ssize_t lo = 0, hi = PyList_GET_SIZE(list);
+    while (lo < hi) {
+        Py_ssize_t mid = ((size_t)lo + hi) / 2;
+        PyObject* item = PyList_GET_ITEM(list, mid);
+        bool less;
+        if (PyFloat_CheckExact(item)) {
+            less = PyFloat_AS_DOUBLE(item) < x;
+        } else {
+            object hold = borrow(item);
+            object xo = x_obj_or_null ? borrow(x_obj_or_null.ptr()) : float_of(x);
+            less = lt(hold, xo);
+        }
+        if (less) lo = mid + 1;
+        else hi = mid;
+    }
+    return lo;
+}
+
+object weighted_choice_at(handle items, handle cum, Py_ssize_t& index) {
+    index = -1;
+    double total;
+    object total_obj;
+    if (PyList_CheckExact(cum.ptr()) && PyList_GET_SIZE(cum.ptr()) > 0 &&
+        PyFloat_CheckExact(PyList_GET_ITEM(cum.ptr(), PyList_GET_SIZE(cum.ptr()) - 1))) {
+        total = PyFloat_AS_DOUBLE(PyList_GET_ITEM(cum.ptr(), PyList_GET_SIZE(cum.ptr()) - 1));
+        if (total <= 0.0 || !std::isfinite(total)) return rnd::choice_at(items, index);
+    } else {
+        object last = int_of(-1);
+        total_obj = getitem(cum, last);
+        object zero_f = float_of(0.0);
+        if (check_int(PyObject_RichCompareBool(total_obj.ptr(), zero_f.ptr(), Py_LE)) == 1)
+            return rnd::choice_at(items, index);
+        total = PyFloat_AsDouble(total_obj.ptr());
+        if (total == -1.0 && PyErr_Occurred()) throw_py();
+        if (!std::isfinite(total)) return rnd::choice_at(items, index);
+    }
+    double u = rnd::random01();
+    Py_ssize_t i;
+    if (!total_obj || PyFloat_CheckExact(total_obj.ptr())) {
+        double r = u * total;
+        i = PyList_CheckExact(cum.ptr()) ? bisect_left_list(cum.ptr(), r, handle()) : bisect_left_obj(cum, float_of(r));
+    } else {
+        object uo = float_of(u);
+        object r = steal(PyNumber_Multiply(uo.ptr(), total_obj.ptr()));
+        i = bisect_left_obj(cum, r);
+    }
+    if (PyList_CheckExact(items.ptr())) {
+        Py_ssize_t n = PyList_GET_SIZE(items.ptr());
+        if (n > 0) {
+            index = i < n ? i : n - 1;
+            return borrow(PyList_GET_ITEM(items.ptr(), index));
+        }
+        return getitem(items, int_of(-1));
+    }
+    Py_ssize_t n = PyObject_Size(items.ptr());
+    if (n < 0) throw_py();
+    return i < n ? getitem(items, int_of(i)) : getitem(items, int_of(-1));
+}
+
+object weighted_choice(handle items, handle cum) {
+    Py_ssize_t ignored;
+    return weighted_choice_at(items, cum, ignored);
+}
+
+// ---------------------------------------------------------------- expression builder
+
+namespace {
+
+struct RecursionGuard {
+    RecursionGuard() {
+        if (Py_EnterRecursiveCall(" while building a random expression")) throw_py();
+    }
+    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
+};
+
+inline object new_node2(PyObject* type_value, PyObject* node_value) {
+    PyObject* d = _PyDict_NewPresized(2);
+    if (!d) throw_py();
+    object o = steal(d);
+    if (PyDict_SetItem(d, ID("type").ptr(), type_value) < 0 || PyDict_SetItem(d, ID("node").ptr(), node_value) < 0)
+        throw_py();
+    return o;
+}
+
+inline object copy_child(handle c) {
+    if (PyDict_Check(c.ptr())) return steal(PyDict_Copy(c.ptr()));
+    return call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {c});
+}
+
+}  // namespace
+
+Depth Depth::of(handle o) {
+    Depth d;
+    if (PyFloat_Check(o.ptr())) {
+        d.is_float = true;
+        d.f = PyFloat_AS_DOUBLE(o.ptr());
+    } else {
+        object i = steal(PyNumber_Index(o.ptr()));
+        d.i = clamp_ll(i);
+    }
+    return d;
+}
+
+object Depth::obj() const { return is_float ? float_of(f) : int_of(i); }
+
+object Builder::draw(handle items, handle cum, Py_ssize_t& index) const {
+    if (hooks::is_own(hooks::weighted_choice)) return weighted_choice_at(items, cum, index);
+    index = -1;
+    object fn = global(handle(hooks::names()[hooks::weighted_choice]));
+    return call(fn, {items, cum});
+}
+
+object Builder::child(Depth d) const {
+    if (hooks::is_own(hooks::build_expression)) return build(d);
+    object fn = global(handle(hooks::names()[hooks::build_expression]));
+    object depth = d.obj();
+    return call(fn, {func_names, func_specs, func_weights, feat_names, feat_weights, depth});
+}
+
+object Builder::build(Depth d) const {
+    RecursionGuard guard;
+    Py_ssize_t index;
+    if (d.le1()) {
+        object feat = draw(feat_names, feat_weights, index);
+        return new_node2(ID("feature").ptr(), feat.ptr());
+    }
+    object func = draw(func_names, func_weights, index);
+    Depth next = d.minus1();
+    object children;
+    if (mirror && index >= 0 && (std::size_t)index < mirror->size()) {
+        const FuncMirror& m = (*mirror)[index];
+        Py_ssize_t n_cfg = (Py_ssize_t)m.configs.size();
+        children = steal(PyList_New(m.n_data + n_cfg));
+        for (Py_ssize_t k = 0; k < m.n_data; ++k) PyList_SET_ITEM(children.ptr(), k, child(next).release().ptr());
+        for (Py_ssize_t k = 0; k < n_cfg; ++k) {
+            PyObject* c = PyDict_Copy(m.configs[k].ptr());
+            if (!c) throw_py();
+            PyList_SET_ITEM(children.ptr(), m.n_data + k, c);
+        }
+    } else {
+        object spec = getitem(func_specs, func);
+        children = new_list();
+        object data_params = getitem(spec, ID("data_params"));
+        object it = steal(PyObject_GetIter(data_params.ptr()));
+        while (PyObject* p = PyIter_Next(it.ptr())) {
+            Py_DECREF(p);
+            list_append(children, child(next));
+        }
+        if (PyErr_Occurred()) throw_py();
+        object configs = getitem(spec, ID("config_children"));
+        object cit = steal(PyObject_GetIter(configs.ptr()));
+        while (PyObject* p = PyIter_Next(cit.ptr())) {
+            object c = steal(p);
+            list_append(children, copy_child(c));
+        }
+        if (PyErr_Occurred()) throw_py();
+    }
+    PyObject* node = _PyDict_NewPresized(3);
+    if (!node) throw_py();
+    object out = steal(node);
+    if (PyDict_SetItem(node, ID("type").ptr(), ID("rotation").ptr()) < 0 ||
+        PyDict_SetItem(node, ID("node").ptr(), func.ptr()) < 0 ||
+        PyDict_SetItem(node, ID("children").ptr(), children.ptr()) < 0)
+        throw_py();
+    return out;
+}
+
+object build_expression(handle func_names, handle func_specs, handle func_weights, handle feat_names,
+                        handle feat_weights, handle target_depth) {
+    Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, nullptr};
+    return b.build(Depth::of(target_depth));
+}
+
+bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>& out) {
+    out.clear();
+    if (!PyList_CheckExact(func_names.ptr()) || !PyDict_CheckExact(func_specs.ptr())) return false;
+    Py_ssize_t n = PyList_GET_SIZE(func_names.ptr());
+    out.reserve(n);
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* spec = PyDict_GetItemWithError(func_specs.ptr(), PyList_GET_ITEM(func_names.ptr(), i));
+        if (!spec) {
+            if (PyErr_Occurred()) throw_py();
+            return false;
+        }
+        if (!PyDict_CheckExact(spec)) return false;
+        PyObject* data = PyDict_GetItemWithError(spec, ID("data_params").ptr());
+        PyObject* cfg = PyDict_GetItemWithError(spec, ID("config_children").ptr());
+        if (PyErr_Occurred()) throw_py();
+        if (!data || !cfg || !PyList_CheckExact(data) || !PyList_CheckExact(cfg)) return false;
+        FuncMirror m;
+        m.n_data = PyList_GET_SIZE(data);
+        for (Py_ssize_t k = 0; k < PyList_GET_SIZE(cfg); ++k) {
+            PyObject* c = PyList_GET_ITEM(cfg, k);
+            if (!PyDict_Check(c)) return false;
+            m.configs.push_back(borrow(c));
+        }
+        out.push_back(std::move(m));
+    }
+    return true;
+}
+
+}  // namespace tw::gen

@@ -1,0 +1,58 @@
+// The expression builder shared by `_build_random_signal_expression` and the
+// generator's own loop (which adds per-function mirrors of the specs).
+#pragma once
+
+#include "generator/gen.hpp"
+
+namespace tw::gen {
+
+namespace rnd {
+object choice_at(handle seq, Py_ssize_t& index);
+}
+
+object weighted_choice_at(handle items, handle cum, Py_ssize_t& index);
+
+// A target depth: an int, or a float as a host might pass one.
+struct Depth {
+    bool is_float = false;
+    long long i = 0;
+    double f = 0.0;
+    static Depth of(handle o);
+    bool le1() const { return is_float ? f <= 1.0 : i <= 1; }
+    Depth minus1() const {
+        Depth d = *this;
+        if (is_float) d.f -= 1.0;
+        else d.i -= 1;
+        return d;
+    }
+    object obj() const;
+};
+
+// What a drawn function contributes: its number of data inputs and the config
+// child maps copied into each node.
+struct FuncMirror {
+    Py_ssize_t n_data = 0;
+    std::vector<object> configs;
+};
+
+struct Builder {
+    handle func_names, func_specs, func_weights, feat_names, feat_weights;
+    const std::vector<FuncMirror>* mirror;  // parallel to func_names, or null
+    object build(Depth d) const;
+    object draw(handle items, handle cum, Py_ssize_t& index) const;
+    object child(Depth d) const;
+};
+
+// Mirrors of func_specs[name] for each name; false when a spec is not plain.
+bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>& out);
+
+// Calls module function `id` through the namespace when a host replaced it,
+// else the C++ implementation `own`.
+template <class Own>
+object via(hooks::Id id, std::initializer_list<handle> args, Own&& own) {
+    object r = hooks::replaced(id);
+    if (r) return call(r, args);
+    return own();
+}
+
+}  // namespace tw::gen

@@ -1,0 +1,219 @@
+// Rotation safety screening: which vocabulary functions the generator may use,
+// as compact specs with their data inputs and ready-made config children.
+#include "generator/gen.hpp"
+
+namespace tw::gen {
+
+static bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
+static bool eq_str(handle a, const char* s) {
+    if (PyUnicode_CheckExact(a.ptr())) return PyUnicode_CompareWithASCIIString(a.ptr(), s) == 0;
+    object b = steal(PyUnicode_FromString(s));
+    return cmp(a, b, Py_EQ);
+}
+static object get(handle m, handle key) { return dict_get(m, key, Py_None); }
+
+object param_dict(handle raw_param, handle default_name) {
+    object param;
+    if (is_dict(raw_param)) {
+        param = dict_copy(raw_param);
+    } else if (is_str(raw_param)) {
+        param = new_dict();
+        dict_set(param, ID("name"), default_name);
+        dict_set(param, ID("type"), raw_param);
+    } else {
+        param = new_dict();
+        for (handle key : {ID("name"), ID("type"), ID("min"), ID("max"), ID("default"), ID("variadic"), ID("choices"),
+                           ID("options"), ID("enum")}) {
+            PyObject* v = nullptr;
+            int rc = _PyObject_LookupAttr(raw_param.ptr(), key.ptr(), &v);
+            if (rc < 0) throw_py();
+            if (rc == 1) dict_set(param, key, steal(v));
+        }
+    }
+    if (PyDict_GET_SIZE(param.ptr()) == 0) return none();
+    if (!is_nonempty_str(get(param, ID("name")))) dict_set(param, ID("name"), default_name);
+    if (check_int(PyDict_Contains(param.ptr(), ID("type").ptr())) == 0) return none();
+    if (truthy(get(param, ID("variadic")))) return none();
+    return param;
+}
+
+std::pair<object, object> schema_params(handle schema, handle node_limit) {
+    object child_limit = none();
+    if (!is_none(node_limit)) {
+        object one = int_of(1);
+        object less = steal(PyNumber_Subtract(node_limit.ptr(), one.ptr()));
+        child_limit = cmp(less, one, Py_GT) ? less : one;  // max(1, node_limit - 1)
+    }
+    auto fail = [](const std::string& r) { return std::pair<object, object>{new_list(), str_of(r)}; };
+    if (is_none(schema)) return fail("rotation metadata missing param_schema");
+    bool is_map = is_dict(schema);
+    if (!is_map && !is_list(schema) && !is_tuple(schema))
+        return fail("unsupported param_schema container " +
+                    utf8(get_attr(handle(reinterpret_cast<PyObject*>(Py_TYPE(schema.ptr()))), ID("__name__"))));
+    Py_ssize_t size = PyObject_Size(schema.ptr());
+    if (size < 0) throw_py();
+    if (size == 0) return fail("rotation metadata param_schema is empty");
+    if (!is_none(child_limit)) {
+        object osize = int_of(size);
+        if (cmp(osize, child_limit, Py_GT))
+            return fail("param_schema size " + std::to_string(size) + " exceeds node budget child limit " +
+                        repr_std(child_limit));
+    }
+    object params = new_list();
+    if (is_map) {
+        object items = list_from(steal(PyDict_Items(schema.ptr())));
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+            handle pair = PyList_GET_ITEM(items.ptr(), i);
+            handle param_name = PyTuple_GET_ITEM(pair.ptr(), 0);
+            object param = param_dict(PyTuple_GET_ITEM(pair.ptr(), 1), param_name);
+            if (is_none(param)) return fail("unsupported param_schema entry for " + repr_std(param_name));
+            list_append(params, param);
+        }
+    } else {
+        object seq = list_from(schema);
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(seq.ptr()); ++i) {
+            object default_name = str_of("param_" + std::to_string(i));
+            object param = param_dict(PyList_GET_ITEM(seq.ptr(), i), default_name);
+            if (is_none(param)) return fail("unsupported param_schema entry at index " + std::to_string(i));
+            list_append(params, param);
+        }
+    }
+    return {params, none()};
+}
+
+std::pair<object, object> declared_arity(handle fn) {
+    if (!is_dict(fn)) return {none(), none()};
+    object value = get(fn, ID("arity"));
+    if (is_none(value)) return {none(), none()};
+    object arity = rw_int(value, Py_None);
+    object one = int_of(1);
+    if (is_none(arity) || cmp(arity, one, Py_LT)) return {none(), str_of("invalid arity metadata " + repr_std(value))};
+    return {arity, none()};
+}
+
+static object unsafe_result(const std::string& reason) {
+    object d = new_dict();
+    dict_set(d, ID("safe"), Py_False);
+    dict_set(d, ID("reason"), str_of(reason));
+    return d;
+}
+static object unsafe_result(handle reason) {
+    object d = new_dict();
+    dict_set(d, ID("safe"), Py_False);
+    dict_set(d, ID("reason"), reason);
+    return d;
+}
+
+object rotation_schema(handle fn, handle window_limit, handle node_limit) {
+    object unknown = str_of("<unknown>");
+    object name = dict_get(fn, ID("name"), unknown);
+    auto [arity, arity_reason] = declared_arity(fn);
+    if (!is_none(arity_reason)) return unsafe_result(arity_reason);
+    auto [params, reason] = schema_params(get(fn, ID("param_schema")), node_limit);
+    if (!is_none(reason)) return unsafe_result(reason);
+    object data_params = new_list(), config_children = new_list();
+    bool stateful = truthy(dict_get(fn, ID("stateful"), Py_False));
+    object one = int_of(1);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(params.ptr()); ++i) {
+        handle param = PyList_GET_ITEM(params.ptr(), i);
+        if (!is_none(node_limit)) {
+            object count = int_of(1 + PyList_GET_SIZE(data_params.ptr()) + PyList_GET_SIZE(config_children.ptr()));
+            if (cmp(count, node_limit, Py_GE))
+                return unsafe_result("param_schema minimum node count exceeds node budget " + repr_std(node_limit));
+        }
+        object param_type = get(param, ID("type"));
+        if (eq_str(param_type, "data")) {
+            list_append(data_params, param);
+        } else if (eq_str(param_type, "filtration")) {
+            return unsafe_result("rotation requires filtration input, which is not SIGNAL-safe");
+        } else if (eq_str(param_type, "int") || eq_str(param_type, "float") || eq_str(param_type, "string") ||
+                   eq_str(param_type, "bool")) {
+            handle pwl = (stateful && eq_str(param_type, "int")) ? window_limit : handle(Py_None);
+            auto [child, config_reason] = config_child(name, param, pwl);
+            if (!is_none(config_reason)) return unsafe_result(config_reason);
+            list_append(config_children, child);
+        } else {
+            return unsafe_result("unsupported param_schema type " + repr_std(param_type));
+        }
+    }
+    Py_ssize_t n_data = PyList_GET_SIZE(data_params.ptr());
+    if (n_data == 0) return unsafe_result("rotation metadata declares no data input");
+    if (!is_none(arity)) {
+        object count = int_of(n_data);
+        if (cmp(arity, count, Py_NE))
+            return unsafe_result("arity metadata " + repr_std(arity) + " does not match param_schema data inputs " +
+                                 std::to_string(n_data));
+    }
+    object d = new_dict();
+    dict_set(d, ID("safe"), Py_True);
+    dict_set(d, ID("data_params"), data_params);
+    dict_set(d, ID("config_children"), config_children);
+    return d;
+}
+
+object unsafe_function_reason(handle function_type, handle schema_reason) {
+    if (!eq_str(function_type, "rotation"))
+        return str_of("function_type=" + repr_std(function_type) +
+                      " is not a SIGNAL-safe rotation; random_weighted can only synthesize SIGNAL expression graphs "
+                      "from rotations");
+    if (is_nonempty_str(schema_reason)) return borrow(schema_reason.ptr());
+    return str_of("unsupported rotation metadata for SIGNAL-safe random_weighted generation");
+}
+
+std::pair<object, object> function_safety(handle functions, bool log_reasons, handle window_limit, handle node_limit) {
+    object safe = new_list(), unsafe = new_dict();
+    if (!is_list(functions)) {
+        if (log_reasons) log_info("random_weighted excluded function vocabulary: functions must be a list");
+        return {safe, unsafe};
+    }
+    object rotation = str_of("rotation"), empty = str_of("");
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(functions.ptr()); ++i) {
+        object fn = borrow(PyList_GET_ITEM(functions.ptr(), i));
+        if (!is_dict(fn)) {
+            if (log_reasons) log_info("random_weighted excluded function entry: expected dict metadata");
+            continue;
+        }
+        object name = get(fn, ID("name"));
+        if (!is_nonempty_str(name)) {
+            if (log_reasons) log_info("random_weighted excluded function with missing name from SIGNAL generation");
+            continue;
+        }
+        object function_type = get(fn, ID("function_type"));
+        if (!eq_str(function_type, "rotation")) {
+            if (log_reasons)
+                log_info("random_weighted excluded %s from SIGNAL generation: function_type=%r is not rotation",
+                         {name, function_type});
+            dict_set(unsafe, name, unsafe_function_reason(function_type, Py_None));
+            continue;
+        }
+        if (truthy(dict_get(fn, ID("engine_only"), Py_False))) {
+            if (log_reasons) log_info("random_weighted excluded %s from SIGNAL generation: engine_only runtime transform", {name});
+            dict_set(unsafe, name, str_of("engine_only runtime transform"));
+            continue;
+        }
+        object result = rotation_schema(fn, window_limit, node_limit);
+        if (!truthy(dict_get(result, ID("safe"), Py_False))) {
+            object dflt = str_of("unsupported rotation metadata");
+            object reason = dict_get(result, ID("reason"), dflt);
+            if (log_reasons) log_info("random_weighted excluded %s from SIGNAL generation: %s", {name, reason});
+            dict_set(unsafe, name, unsafe_function_reason(function_type, reason));
+            continue;
+        }
+        object spec = new_dict();
+        dict_set(spec, ID("name"), name);
+        dict_set(spec, ID("function_type"), rotation);
+        dict_set(spec, ID("function_family"), dict_get(fn, ID("function_family"), empty));
+        dict_set(spec, ID("function_subfamily"), dict_get(fn, ID("function_subfamily"), empty));
+        dict_set(spec, ID("stateful"), bool_of(truthy(dict_get(fn, ID("stateful"), Py_False))));
+        dict_set(spec, ID("data_params"), getitem(result, ID("data_params")));
+        dict_set(spec, ID("config_children"), getitem(result, ID("config_children")));
+        list_append(safe, spec);
+    }
+    return {safe, unsafe};
+}
+
+object safe_rotations(handle functions, handle window_limit, handle node_limit) {
+    return function_safety(functions, true, window_limit, node_limit).first;
+}
+
+}  // namespace tw::gen
