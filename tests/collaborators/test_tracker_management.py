@@ -110,6 +110,19 @@ def test_search_stats_rows_per_function_and_feature(tracker):
     assert rows["feature", "volume"]["yield_rate"] == 0.0
 
 
+def test_reads_work_where_files_and_databases_are_forbidden(tracker, monkeypatch):
+    """Template code may refresh analytics while it can't open files or connect."""
+    record(tracker, True)
+
+    def forbidden(*a, **k):
+        raise RuntimeError("forbidden in templates")
+
+    monkeypatch.setattr("sqlite3.connect", forbidden)
+    monkeypatch.setattr("builtins.open", forbidden)
+    assert tracker.get_search_stats().total_evaluations == 1
+    assert tracker.get_evaluation_count() == 1
+
+
 def test_analytics_restricted_to_the_era_pools(tracker):
     record(tracker, True, pool_id="p1")
     record(tracker, False, pool_id="p2")
