@@ -8,8 +8,6 @@ import pytest
 
 from fakes.collaborators import DirSource, RecordingCallback
 from tarnwicket import agent_onboarding, callbacks
-from tarnwicket.auth import AuthError
-from tarnwicket.errors import SdkRuntimeNotReadyError
 from tarnwicket.obfuscation import ObfuscationManager, load_vocabulary
 from tarnwicket.sync import SyncError, SyncManager
 
@@ -154,10 +152,3 @@ def test_update_nudge_records_and_logs(caplog):
     assert agent_onboarding._nudges[-1]["context"] == {"total": 1}
     assert "first_signal" in caplog.text
     assert set(agent_onboarding._config) >= {"data_dir", "server_url"}
-
-
-def test_error_types():
-    err = AuthError("Not authenticated.", reason="not_authenticated")
-    assert (str(err), err.reason) == ("Not authenticated.", "not_authenticated")
-    assert AuthError("x").reason is None
-    assert str(SdkRuntimeNotReadyError())

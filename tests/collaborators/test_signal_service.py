@@ -5,12 +5,7 @@ import socket
 import pytest
 
 from tarnwicket.local_signal_service import LocalSignalService
-from tarnwicket.submit import (
-    SignalServiceClient,
-    SubmissionReceipt,
-    SubmissionRejectedError,
-    SubmissionStatus,
-)
+from tarnwicket.submit import SignalServiceClient
 
 TOKEN = "tok-123"
 
@@ -152,12 +147,9 @@ def test_client_construction_is_checked(args, exc):
         SignalServiceClient(*args)
 
 
-def test_answer_types():
+def test_rejection_error_exposes_the_error_text_as_reason():
+    from tarnwicket.submit import SubmissionRejectedError
+
     err = SubmissionRejectedError(403, "banned", {"ban_expiry": 5}, body=[1])
-    assert (err.status_code, err.reason, err.details, err.body) == (403, "banned",
-                                                                    {"ban_expiry": 5}, [1])
-    assert SubmissionReceipt("s1").submission_id == "s1"
-    status = SubmissionStatus("s1", "found", {}, 1.0, None, signal_pool_id="p",
-                              failure_detail="d")
-    assert (status.status, status.signal_pool_id, status.is_pnl_mi, status.failure_detail) == (
-        "found", "p", None, "d")
+    assert (err.status_code, err.reason, err.details, err.body) == (
+        403, "banned", {"ban_expiry": 5}, [1])
