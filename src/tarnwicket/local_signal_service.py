@@ -11,12 +11,14 @@ from __future__ import annotations
 import collections
 import json
 import logging
+import sys
 import threading
 import time
 import uuid
 from dataclasses import dataclass, field
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from typing import Any, Callable
+from urllib.parse import unquote
 
 logger = logging.getLogger(__name__)
 
@@ -45,6 +47,19 @@ class _Fault:
     status_code: int | None  # None: drop the connection without an answer
     body: Any
     route: str
+
+
+class _Server(ThreadingHTTPServer):
+    daemon_threads = True
+
+    def handle_error(self, request, client_address):
+        # A client that went away (timeout, dropped test connection) is routine.
+        exc = sys.exc_info()[1]
+        if isinstance(exc, (BrokenPipeError, ConnectionResetError, ConnectionAbortedError)):
+            logger.debug("client %s went away: %s", client_address, exc)
+        else:
+            logger.warning("local signal service request from %s failed", client_address,
+                           exc_info=True)
 
 
 def default_outcome(submission: Submission) -> tuple[str, str | None]:
@@ -86,8 +101,7 @@ class LocalSignalService:
     def start(self) -> "LocalSignalService":
         if self._server is not None:
             return self
-        server = ThreadingHTTPServer((self._host, self._port), _make_handler(self))
-        server.daemon_threads = True
+        server = _Server((self._host, self._port), _make_handler(self))
         self._server = server
         self._thread = threading.Thread(
             target=server.serve_forever, kwargs={"poll_interval": 0.1},
@@ -275,8 +289,6 @@ def _make_handler(service: LocalSignalService):
             if not self.path.startswith(prefix) or len(self.path) == len(prefix):
                 self._send(404, {"error": "not found"})
                 return
-            from urllib.parse import unquote
-
             submission_id = unquote(self.path[len(prefix):])
             self._handle("status", lambda: service._status(submission_id))
 

@@ -24,6 +24,8 @@ import uuid
 from dataclasses import dataclass, field
 from typing import Any, Iterator
 
+from tarnwicket.search_analytics import SearchAnalytics
+
 logger = logging.getLogger(__name__)
 
 DB_FILENAME = "search_tracking.db"
@@ -401,9 +403,12 @@ class SearchTracker:
         self._lock = threading.RLock()
         self._search_active = False
         self._claim_columns: dict[str, bool] = {}
+        self._read_lock = threading.Lock()
+        self._read_conn: sqlite3.Connection | None = None
         self._conn: sqlite3.Connection | None = self._connect()
         try:
             self._create_schema()
+            self._read_conn = self._connect()
         except BaseException:
             self._conn.close()
             self._conn = None
@@ -472,14 +477,16 @@ class SearchTracker:
 
     @contextlib.contextmanager
     def _reader(self) -> Iterator[sqlite3.Connection]:
-        """A short-lived read connection, for reads made without the caller's lock."""
-        self._require_conn()
-        conn = sqlite3.connect(self._db_path, timeout=self._busy_timeout, check_same_thread=False)
-        try:
-            conn.execute(f"PRAGMA busy_timeout = {int(self._busy_timeout * 1000)}")
+        """The read connection, for reads made without the caller's lock.
+
+        It is opened with the tracker, so that reads keep working on threads
+        that may not open files or databases themselves (template code).
+        """
+        with self._read_lock:
+            conn = self._read_conn
+            if conn is None:
+                raise RuntimeError("SearchTracker is closed")
             yield conn
-        finally:
-            conn.close()
 
     def _has_claim_columns(self, conn: sqlite3.Connection, table: str) -> bool:
         if self._claim_columns.get(table):
@@ -493,8 +500,11 @@ class SearchTracker:
     def close(self) -> None:
         with self._lock:
             conn, self._conn = self._conn, None
-        if conn is not None:
-            conn.close()
+        with self._read_lock:
+            reader, self._read_conn = self._read_conn, None
+        for c in (conn, reader):
+            if c is not None:
+                c.close()
 
     def __enter__(self) -> "SearchTracker":
         return self
@@ -532,8 +542,6 @@ class SearchTracker:
             return int(conn.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0])
 
     def get_search_stats(self):
-        from tarnwicket.search_analytics import SearchAnalytics
-
         return SearchAnalytics(self, []).get_search_stats()
 
     def iter_signal_outcomes(self, pool_ids=None, limit=None) -> Iterator[tuple[bool, list, list]]:
@@ -549,13 +557,14 @@ class SearchTracker:
             sql += " LIMIT ?"
             params.append(int(limit))
         with self._reader() as conn:
-            for passed, functions_json, features_json in conn.execute(sql, params):
-                try:
-                    functions = json.loads(functions_json)
-                    features = json.loads(features_json)
-                except (TypeError, ValueError):
-                    continue
-                yield bool(passed), functions, features
+            rows = conn.execute(sql, params).fetchall()
+        for passed, functions_json, features_json in rows:
+            try:
+                functions = json.loads(functions_json)
+                features = json.loads(features_json)
+            except (TypeError, ValueError):
+                continue
+            yield bool(passed), functions, features
 
     # -- evaluations ------------------------------------------------------
 

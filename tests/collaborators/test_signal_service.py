@@ -1,0 +1,155 @@
+"""SignalServiceClient against the local signal service on loopback."""
+
+import socket
+
+import pytest
+
+from tarnwicket.local_signal_service import LocalSignalService
+from tarnwicket.submit import SignalServiceClient
+
+TOKEN = "tok-123"
+
+
+def signal_kwargs(**over):
+    kwargs = {
+        "graph": {"type": "rotation", "node": "rank", "children": [{"type": "feature",
+                                                                     "node": "close"}]},
+        "universe_id": "universe_top50", "signal_pool_id": "pool_a",
+        "is_stats": {"sharpe": 1.2}, "is_pnl_mi": 0.1, "metaparameters": None,
+        "expression_elapsed_seconds": 0.5, "search_state": {}, "idempotency_key": "key-1",
+    }
+    kwargs.update(over)
+    return kwargs
+
+
+@pytest.fixture
+def service():
+    svc = LocalSignalService(token=TOKEN, polls_to_terminal=2).start()
+    yield svc
+    svc.stop()
+
+
+@pytest.fixture
+def client(service):
+    c = SignalServiceClient(service.url, TOKEN, timeout=5.0)
+    yield c
+    c.close()
+
+
+def test_submit_then_poll_to_terminal(service, client):
+    result = client.submit_signal(**signal_kwargs())
+    assert 200 <= result.status_code < 300 and result.error is None
+    assert result.submission_id and result.body["submission_id"] == result.submission_id
+    stored = service.get(result.submission_id)
+    assert stored.body["graph"]["node"] == "rank" and stored.idempotency_key == "key-1"
+
+    statuses = [client.get_signal_status(result.submission_id).body["status"] for _ in range(4)]
+    assert statuses == ["is_validating", "is_validating", "found", "found"]
+    body = client.get_signal_status(result.submission_id).body
+    assert body["signal_pool_id"] == "pool_a" and body["is_stats"] == {"sharpe": 1.2}
+    assert {"payment", "rejection_reason", "is_correlation", "is_pnl_mi", "agent_is_pnl_mi",
+            "is_weights_mi", "failure_reason", "failure_detail"} <= set(body)
+
+
+def test_outcome_hook_decides_the_terminal_status(service, client):
+    service.polls_to_terminal = 0
+    service.outcome = lambda sub: ("not_useful", "too correlated")
+    sid = client.submit_signal(**signal_kwargs()).submission_id
+    body = client.get_signal_status(sid).body
+    assert (body["status"], body["rejection_reason"], body["payment"]) == (
+        "not_useful", "too correlated", None)
+
+
+def test_idempotency_key_returns_the_same_submission(service, client):
+    first = client.submit_signal(**signal_kwargs())
+    again = client.submit_signal(**signal_kwargs(is_pnl_mi=0.2))
+    other = client.submit_signal(**signal_kwargs(idempotency_key="key-2"))
+    assert again.submission_id == first.submission_id
+    assert other.submission_id != first.submission_id
+    assert service.submission_count == 2
+    assert service.request_counts["submit"] == 3
+
+
+def test_key_derived_from_the_body_when_none_is_given(service, client):
+    kwargs = signal_kwargs()
+    del kwargs["idempotency_key"]
+    a = client.submit_signal(**kwargs).submission_id
+    b = client.submit_signal(**dict(reversed(list(kwargs.items())))).submission_id
+    assert a == b
+    assert service.get(a).idempotency_key == SignalServiceClient._idempotency_key_for_body(kwargs)
+
+
+@pytest.mark.parametrize("fault, code, error", [
+    ((403, {"error": "banned", "ban_expiry": 123.0}), 403, "banned"),
+    ((422, {"message": "bad stats"}), 422, "bad stats"),
+    ((500, {"error": "boom"}), 500, "boom"),
+    ((503, None), 503, "injected failure 503"),
+])
+def test_error_answers_come_back_as_results(service, client, fault, code, error):
+    service.fail_next(*fault, route="submit")
+    result = client.submit_signal(**signal_kwargs())
+    assert (result.status_code, result.error, result.submission_id) == (code, error, None)
+    assert isinstance(result.body, dict)
+    assert service.submission_count == 0
+
+
+def test_bad_token_and_bad_requests(service):
+    with SignalServiceClient(service.url, "wrong") as c:
+        result = c.submit_signal(**signal_kwargs())
+    assert (result.status_code, result.error) == (401, "invalid or missing token")
+    with SignalServiceClient(service.url, TOKEN) as c:
+        missing_pool = c.submit_signal(**signal_kwargs(signal_pool_id=None))
+        unknown = c.get_signal_status("sub_missing")
+    assert (missing_pool.status_code, missing_pool.error) == (422, "signal_pool_id is required")
+    assert unknown.status_code == 404 and unknown.submission_id == "sub_missing"
+
+
+def test_transport_failures_have_status_zero(service, client):
+    service.fail_next(None, route="status")
+    dropped = client.get_signal_status("anything")
+    assert dropped.status_code == 0 and dropped.error and dropped.body is None
+
+    with socket.socket() as s:  # a port that nobody listens on
+        s.bind(("127.0.0.1", 0))
+        port = s.getsockname()[1]
+    with SignalServiceClient(f"http://127.0.0.1:{port}", TOKEN, timeout=2.0) as c:
+        refused = c.submit_signal(**signal_kwargs())
+    assert (refused.status_code, refused.body, refused.submission_id) == (0, None, None)
+    assert "refused" in refused.error.lower()
+
+
+def test_timeout_is_a_transport_failure(service):
+    service.set_delay(1.0)
+    with SignalServiceClient(service.url, TOKEN, timeout=0.2) as c:
+        result = c.submit_signal(**signal_kwargs())
+    assert result.status_code == 0 and "timed out" in result.error.lower()
+
+
+def test_idempotency_key_for_body():
+    key = SignalServiceClient._idempotency_key_for_body
+    body = {"b": [1, 2], "a": {"y": 1, "x": object.__name__}}
+    assert key(body) == key(dict(reversed(list(body.items()))))
+    assert key(body) != key({**body, "b": [2, 1]})
+    assert isinstance(key({"when": object()}), str)  # non-JSON values go by their text
+    with pytest.raises(TypeError):
+        key([1, 2])
+
+
+@pytest.mark.parametrize("args, exc", [
+    (("ftp://host", "t"), ValueError),
+    (("localhost:8080", "t"), ValueError),
+    ((8080, "t"), TypeError),
+    (("http://h", None), TypeError),
+    (("http://h", "t", 0), ValueError),
+])
+def test_client_construction_is_checked(args, exc):
+    with pytest.raises(exc):
+        SignalServiceClient(*args)
+
+
+def test_rejection_error_exposes_the_error_text_as_reason():
+    from tarnwicket.submit import SubmissionRejectedError
+
+    err = SubmissionRejectedError(403, "banned", {"ban_expiry": 5}, body=[1])
+    assert (err.status_code, err.reason, err.details, err.body) == (
+        403, "banned", {"ban_expiry": 5}, [1])

@@ -1,0 +1,59 @@
+"""Reusable fakes and builders around the sibling modules."""
+
+from __future__ import annotations
+
+import json
+import os
+import threading
+
+
+def graph(function="rank", *features, config=None):
+    """A rotation over feature leaves, with optional literal config children."""
+    children = [{"type": "feature", "node": f} for f in (features or ("close",))]
+    children += [dict(c) for c in (config or [])]
+    return {"type": "rotation", "node": function, "children": children}
+
+
+def payload(eval_id, era_id=1, submission_type="signal", **extra):
+    """A submission payload record and its stored JSON form (sorted keys)."""
+    record = {"eval_id": eval_id, "submission_type": submission_type, "era_id": era_id,
+              "signal_pool_id": "pool_a", "is_stats": {"sharpe": 1.0}, **extra}
+    return record, json.dumps(record, sort_keys=True)
+
+
+class DirSource:
+    """Data source that 'materialises' a universe by writing a marker file.
+
+    ``failures`` exceptions are raised by the first calls of ``materialise``.
+    """
+
+    def __init__(self, failures=()):
+        self.failures = list(failures)
+        self.calls = 0
+        self._lock = threading.Lock()
+
+    @staticmethod
+    def marker(data_dir, universe_id):
+        return os.path.join(data_dir, universe_id, "READY")
+
+    def is_present(self, data_dir, universe_id):
+        return os.path.exists(self.marker(data_dir, universe_id))
+
+    def materialise(self, data_dir, universe_id):
+        with self._lock:
+            self.calls += 1
+            if self.failures:
+                raise self.failures.pop(0)
+        os.makedirs(os.path.join(data_dir, universe_id), exist_ok=True)
+        with open(self.marker(data_dir, universe_id), "w") as fh:
+            fh.write("ok")
+
+
+class RecordingCallback:
+    """Era callback that records (event_type, era_id) calls."""
+
+    def __init__(self):
+        self.calls = []
+
+    def __call__(self, event_type, era_id):
+        self.calls.append((event_type, era_id))
