@@ -18,6 +18,8 @@ from .market_data import Panel
 
 TRADING_DAYS = 252
 _REL_TOL = 1e-9
+CLIP_ROUNDS = 3
+BETA_WINDOW = 60
 
 
 @dataclass(frozen=True)
@@ -56,6 +58,12 @@ class MarketContext:
             fr = (self.returns * trad) @ loadings / np.maximum(trad @ loadings, 1.0)
         self.factor_returns = fr                                     # (T, F)
         self.market_returns = fr[:, 0]
+        # Trailing market betas, known at each day's close; 1.0 until measurable.
+        m = np.broadcast_to(self.market_returns[:, None], self.returns.shape)
+        cov = k.ts_mean(self.returns * m, BETA_WINDOW) - k.ts_mean(self.returns, BETA_WINDOW) * k.ts_mean(m, BETA_WINDOW)
+        var = k.ts_std(m, BETA_WINDOW) ** 2
+        beta = k.safe_div(cov, var)
+        self.beta = np.where(np.isfinite(beta), beta, 1.0)
 
 
 def signal_weights(signal: np.ndarray, market: MarketContext, settings: BacktestSettings) -> np.ndarray:
@@ -68,9 +76,16 @@ def signal_weights(signal: np.ndarray, market: MarketContext, settings: Backtest
     scale = np.abs(filled).sum(axis=1, keepdims=True)
     live = (count >= settings.min_names) & (gross > _REL_TOL * np.maximum(scale, 1e-300))
     w = np.where(live, w / np.where(live, gross, 1.0), 0.0)
-    w = np.clip(w, -settings.max_position, settings.max_position)
-    gross = np.abs(w).sum(axis=1, keepdims=True)
-    return np.where(gross > 0.0, w / np.where(gross > 0.0, gross, 1.0), 0.0)
+    # Clipping a dominant name breaks neutrality; a few rounds of clip, demean
+    # and rescale bring the book back close to dollar neutral.
+    inside = valid & live
+    n_inside = np.maximum(inside.sum(axis=1, keepdims=True), 1)
+    for _ in range(CLIP_ROUNDS):
+        w = np.clip(w, -settings.max_position, settings.max_position)
+        w = np.where(inside, w - w.sum(axis=1, keepdims=True) / n_inside, 0.0)
+        gross = np.abs(w).sum(axis=1, keepdims=True)
+        w = np.where(gross > 0.0, w / np.where(gross > 0.0, gross, 1.0), 0.0)
+    return w
 
 
 @dataclass
@@ -138,7 +153,8 @@ def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettin
         "margin": float(period.sum() / total_traded * 1e4) if total_traded > 0 else 0.0,
         "long_count": int(round(float((live > 0).sum(axis=1).mean()))),
         "short_count": int(round(float((live < 0).sum(axis=1).mean()))),
-        "delta_exposure": float(np.abs(live.sum(axis=1)).mean()),
+        # Market exposure of the book: dollar neutral is not beta neutral.
+        "delta_exposure": float(np.abs((live * market.beta[active]).sum(axis=1)).mean()),
         "max_weight": float(np.abs(live).max()),
     }
 

@@ -36,7 +36,7 @@ class LocalEraConfig:
         self.transform_pipeline = ["demean", "resize", "normalise"]
         self.thresholds = {
             "turnover_max": 0.70,
-            "delta_exposure_max": 0.10,
+            "delta_exposure_max": 0.08,
             "max_weight_max": 0.15,
             "correlation_max": 0.85,
             "sharpe_min": 0.9,

@@ -29,7 +29,7 @@ DEFAULT_THRESHOLDS = {
     "sharpe_min": 0.9,
     "fitness_min": 0.5,
     "turnover_max": 0.7,
-    "delta_exposure_max": 0.10,
+    "delta_exposure_max": 0.08,
     "max_weight_max": 0.15,
     "correlation_max": 0.85,
 }
