@@ -67,24 +67,31 @@ class MarketContext:
 
 
 def signal_weights(signal: np.ndarray, market: MarketContext, settings: BacktestSettings) -> np.ndarray:
-    valid = np.isfinite(signal) & market.tradable
+    valid = np.isfinite(signal)
+    valid &= market.tradable
     count = valid.sum(axis=1, keepdims=True)
     filled = np.where(valid, signal, 0.0)
-    mean = filled.sum(axis=1, keepdims=True) / np.maximum(count, 1)
-    w = np.where(valid, signal - mean, 0.0)
-    gross = np.abs(w).sum(axis=1, keepdims=True)
     scale = np.abs(filled).sum(axis=1, keepdims=True)
+    filled -= filled.sum(axis=1, keepdims=True) / np.maximum(count, 1)
+    w = np.multiply(filled, valid, out=filled)
+    gross = np.abs(w).sum(axis=1, keepdims=True)
     live = (count >= settings.min_names) & (gross > _REL_TOL * np.maximum(scale, 1e-300))
-    w = np.where(live, w / np.where(live, gross, 1.0), 0.0)
+    w /= np.where(live, gross, np.inf)
     # Clipping a dominant name breaks neutrality; a few rounds of clip, demean
-    # and rescale bring the book back close to dollar neutral.
-    inside = valid & live
-    n_inside = np.maximum(inside.sum(axis=1, keepdims=True), 1)
-    for _ in range(CLIP_ROUNDS):
-        w = np.clip(w, -settings.max_position, settings.max_position)
-        w = np.where(inside, w - w.sum(axis=1, keepdims=True) / n_inside, 0.0)
-        gross = np.abs(w).sum(axis=1, keepdims=True)
-        w = np.where(gross > 0.0, w / np.where(gross > 0.0, gross, 1.0), 0.0)
+    # and rescale bring the book back close to dollar neutral. Only the days
+    # with a weight over the cap take part.
+    cap = settings.max_position
+    rows = np.flatnonzero((np.abs(w) > cap).any(axis=1))
+    if rows.size:
+        sub = w[rows]
+        inside = valid[rows] & live[rows]
+        n_inside = np.maximum(inside.sum(axis=1, keepdims=True), 1)
+        for _ in range(CLIP_ROUNDS):
+            np.clip(sub, -cap, cap, out=sub)
+            sub -= sub.sum(axis=1, keepdims=True) / n_inside
+            sub *= inside
+            sub /= np.maximum(np.abs(sub).sum(axis=1, keepdims=True), 1e-300)
+        w[rows] = sub
     return w
 
 
@@ -130,7 +137,8 @@ def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettin
     first = int(np.argmax(active))
     pnl = np.einsum("ij,ij->i", w[:-1], market.returns[1:])
     period = pnl[first:]
-    traded = np.abs(np.diff(w[first:], axis=0)).sum(axis=1)      # days first+1 .. T-1
+    dw = np.abs(np.diff(w[first:], axis=0))                        # days first+1 .. T-1
+    traded = dw.sum(axis=1)
     initial = float(gross[first])
     cost = traded * settings.cost_bps / 1e4
     cost[0] += initial * settings.cost_bps / 1e4
@@ -161,10 +169,10 @@ def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettin
     exposures = w[first:-1] @ market.loadings                       # (A, F)
     factor_pnl = (exposures * market.factor_returns[first + 1:]).mean(axis=0) * TRADING_DAYS
     mkt = market.market_returns[first + 1:]
-    rho = 0.0
-    if period.std() > 0 and mkt.std() > 0:
-        rho = float(np.corrcoef(period, mkt)[0, 1])
-    rho2 = min(rho * rho, 1.0 - 1e-12) if math.isfinite(rho) else 0.0
+    pc, mc = period - period.mean(), mkt - mkt.mean()
+    denom = math.sqrt(float(pc @ pc) * float(mc @ mc))
+    rho = float(pc @ mc) / denom if denom > 0.0 else 0.0
+    rho2 = min(rho * rho, 1.0 - 1e-12)
     is_pnl_mi = -0.5 * math.log(1.0 - rho2)
 
     effective = float((1.0 / (live * live).sum(axis=1)).mean())
@@ -174,10 +182,11 @@ def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettin
                                       settings.min_effective_positions, None),
         "coverage": _entry(coverage >= settings.min_coverage, coverage, settings.min_coverage, None),
     }
-    dw = np.abs(np.diff(w[first:], axis=0)) * settings.book_size    # dollars traded per name
-    dollars = float(dw.sum())
-    participation = float((dw * dw / market.adv[first + 1:]).sum() / dollars) if dollars > 0 else 0.0
-    illiquid = float((np.abs(live) * market.illiquid[active]).sum(axis=1).mean())
+    # Dollar-weighted mean share of a name's daily dollar volume that we trade.
+    dollars = float(traded.sum()) * settings.book_size
+    participation = (float((dw * dw / market.adv[first + 1:]).sum()) * settings.book_size ** 2 / dollars
+                     if dollars > 0 else 0.0)
+    illiquid = float((np.abs(w) * market.illiquid).sum() / active.sum())
     liquidity = {
         "participation": _entry(participation <= settings.max_participation, participation,
                                 None, settings.max_participation),

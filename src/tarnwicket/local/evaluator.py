@@ -8,7 +8,6 @@ everything else is per call. Cached arrays are read-only.
 
 from __future__ import annotations
 
-import copy
 import json
 import threading
 from collections import OrderedDict
@@ -33,6 +32,11 @@ DEFAULT_THRESHOLDS = {
     "max_weight_max": 0.15,
     "correlation_max": 0.85,
 }
+
+
+def _copy_records(records: dict) -> dict:
+    """Fresh copies of a two-level record, so callers can't reach cached state."""
+    return {name: dict(entry) for name, entry in records.items()}
 
 
 class _LRU:
@@ -168,10 +172,10 @@ class LocalEvaluator:
             passed=passed,
             correlation=correlation,
             factor_pnl=list(core.factor_pnl),
-            per_column_stats=copy.deepcopy(core.per_column_stats),
+            per_column_stats=_copy_records(core.per_column_stats),
             is_pnl_mi=core.is_pnl_mi,
-            weight_quality_metrics=copy.deepcopy(core.weight_quality),
-            liquidity_metrics=copy.deepcopy(core.liquidity),
+            weight_quality_metrics=_copy_records(core.weight_quality),
+            liquidity_metrics=_copy_records(core.liquidity),
             custom_stats={},
             **m,
         )
