@@ -1,0 +1,40 @@
+"""The local data source behind the sync manager: writes the synthetic universe."""
+
+from __future__ import annotations
+
+import os
+import threading
+
+from .features import compute_features
+from .market_data import UNIVERSE_ID, generate_panel, panel_path, save_panel
+from .vocabulary import VOCABULARY_FILE, build_vocabulary, write_vocabulary
+
+
+def vocabulary_path(data_dir: str, universe_id: str = UNIVERSE_ID) -> str:
+    return os.path.join(os.path.expanduser(data_dir), universe_id, VOCABULARY_FILE)
+
+
+class LocalMarketSource:
+    """Materialises ``<data_dir>/<universe_id>/`` with the panel and its vocabulary.
+
+    Both files are written under temporary names and renamed into place, the
+    panel last, so ``is_present`` never sees a half-written universe.
+    """
+
+    def __init__(self, seed: int = 0):
+        self.seed = int(seed)
+        self._lock = threading.Lock()
+
+    def is_present(self, data_dir: str, universe_id: str = UNIVERSE_ID) -> bool:
+        return (os.path.isfile(vocabulary_path(data_dir, universe_id))
+                and os.path.isfile(panel_path(data_dir, universe_id)))
+
+    def materialise(self, data_dir: str, universe_id: str = UNIVERSE_ID) -> None:
+        with self._lock:
+            if self.is_present(data_dir, universe_id):
+                return
+            panel = generate_panel(self.seed)
+            vocab = build_vocabulary(compute_features(panel), universe_id)
+            vocab["seed"] = self.seed
+            write_vocabulary(vocab, vocabulary_path(data_dir, universe_id))
+            save_panel(panel, panel_path(data_dir, universe_id))

@@ -1,0 +1,113 @@
+"""Expression graphs: validation into hashable keys, and evaluation of keys.
+
+A graph is a tree of maps. A function node is ``{"type": kind, "node": name,
+"children": [...]}`` with its data children first, in schema order, then one
+literal child ``{"type": "int"|"float"|"bool"|"string", "node": value}`` per
+config parameter, in schema order (trailing literals may be left out and take
+their defaults). A feature leaf is ``{"type": "feature", "node": name}``.
+
+``compile_graph`` turns a graph into a nested tuple key that names the same
+computation, so results can be memoised across graphs that share a subtree.
+"""
+
+from __future__ import annotations
+
+from typing import Any, Callable, Mapping
+
+import numpy as np
+
+from .operators import OPERATORS_BY_NAME, Operator
+
+FUNCTION_KINDS = ("rotation", "filtration", "reduction")
+LITERAL_TYPES = ("int", "float", "bool", "string")
+MAX_GRAPH_DEPTH = 64
+_ALLOWED_KEYS = frozenset(("type", "node", "children"))
+
+
+def _describe(path: str) -> str:
+    return path or "root"
+
+
+def compile_graph(graph: Any, feature_names: frozenset[str] | set[str], path: str = "",
+                  depth: int = 0) -> tuple:
+    """Validate ``graph`` and return its key; raise ``ValueError`` on any fault."""
+    where = _describe(path)
+    if depth > MAX_GRAPH_DEPTH:
+        raise ValueError(f"graph deeper than {MAX_GRAPH_DEPTH} levels at {where}")
+    if not isinstance(graph, Mapping):
+        raise ValueError(f"graph node at {where} must be a dict, got {type(graph).__name__}")
+    extra = set(graph) - _ALLOWED_KEYS
+    if extra:
+        raise ValueError(f"graph node at {where} has unexpected keys {sorted(map(str, extra))}")
+    node_type = graph.get("type")
+    name = graph.get("node")
+    if node_type == "feature":
+        if graph.get("children"):
+            raise ValueError(f"feature leaf at {where} cannot have children")
+        if not isinstance(name, str) or name not in feature_names:
+            raise ValueError(f"unknown feature {name!r} at {where}")
+        return ("feature", name)
+    if node_type not in FUNCTION_KINDS:
+        raise ValueError(f"graph node at {where} has unsupported type {node_type!r}")
+    op = OPERATORS_BY_NAME.get(name) if isinstance(name, str) else None
+    if op is None:
+        raise ValueError(f"unknown function {name!r} at {where}")
+    if op.kind != node_type:
+        raise ValueError(f"function {name!r} at {where} is a {op.kind}, not a {node_type}")
+    children = graph.get("children", [])
+    if not isinstance(children, (list, tuple)):
+        raise ValueError(f"children of {name!r} at {where} must be a list")
+    n_data, n_config = len(op.data_params), len(op.config)
+    if not n_data <= len(children) <= n_data + n_config:
+        raise ValueError(f"function {name!r} at {where} takes {n_data} data input(s) and "
+                         f"{n_config} config value(s), got {len(children)} children")
+    data_keys = tuple(
+        compile_graph(child, feature_names, f"{path}/{name}[{i}]", depth + 1)
+        for i, child in enumerate(children[:n_data]))
+    config_values = tuple(
+        _literal(op, i, child, where) for i, child in enumerate(children[n_data:]))
+    config_values += tuple(p.default for p in op.config[len(config_values):])
+    return (node_type, name, data_keys, config_values)
+
+
+def _literal(op: Operator, index: int, child: Any, where: str) -> Any:
+    param = op.config[index]
+    if not isinstance(child, Mapping) or set(child) - {"type", "node"} or "node" not in child:
+        raise ValueError(f"config child {param.name!r} of {op.name!r} at {where} must be "
+                         "a literal {type, node}")
+    literal_type = child.get("type")
+    if literal_type not in LITERAL_TYPES:
+        raise ValueError(f"config child {param.name!r} of {op.name!r} at {where} has "
+                         f"unsupported type {literal_type!r}")
+    if literal_type != param.type and not (param.type == "float" and literal_type == "int"):
+        raise ValueError(f"config child {param.name!r} of {op.name!r} at {where} is "
+                         f"{literal_type!r}, expected {param.type!r}")
+    return param.check(child["node"], op.name)
+
+
+def graph_depth(key: tuple) -> int:
+    if key[0] == "feature":
+        return 1
+    return 1 + max((graph_depth(child) for child in key[2]), default=0)
+
+
+def evaluate_key(key: tuple, features: Mapping[str, np.ndarray], env: Any,
+                 lookup: Callable[[tuple], np.ndarray | None],
+                 store: Callable[[tuple, np.ndarray], None]) -> np.ndarray:
+    """Evaluate a compiled key, memoising function nodes through lookup/store."""
+    if key[0] == "feature":
+        return features[key[1]]
+    cached = lookup(key)
+    if cached is not None:
+        return cached
+    _, name, data_keys, config_values = key
+    inputs = [evaluate_key(child, features, env, lookup, store) for child in data_keys]
+    with np.errstate(all="ignore"):
+        out = OPERATORS_BY_NAME[name].fn(env, *inputs, *config_values)
+    out = np.asarray(out, dtype=np.float64)
+    if out.shape != inputs[0].shape:
+        out = np.broadcast_to(out, inputs[0].shape)
+    out = np.where(np.isfinite(out), out, np.nan)
+    out.setflags(write=False)
+    store(key, out)
+    return out

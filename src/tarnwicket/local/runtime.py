@@ -1,0 +1,105 @@
+"""Assembles the local runtime object that a search takes from the package."""
+
+from __future__ import annotations
+
+import importlib
+import os
+
+from .data_source import LocalMarketSource
+from .era import LocalAuth, LocalEraConfig, ensure_seed_file, load_or_create_wallet_secret
+from .evaluator import LocalEvaluator
+from .market_data import UNIVERSE_ID
+
+DEFAULT_DATA_DIR = "~/.tarnwicket/local"
+
+
+class LocalRuntime:
+    """Authentication, sync, tracking, era and evaluation for a search on this machine."""
+
+    valid_universe_id = UNIVERSE_ID
+    vocabulary_raw = None          # the vocabulary file is read through load_vocabulary
+
+    def __init__(self, *, data_dir, auth_proxy, sync_manager, search_tracker,
+                 search_era_config, evaluator, source, server_url=None):
+        self.data_dir = data_dir
+        self.auth_proxy = auth_proxy
+        self.sync_manager = sync_manager
+        self.search_tracker = search_tracker
+        self.search_era_config = search_era_config
+        self.evaluator = evaluator
+        self.source = source
+        self.server_url = server_url
+
+    def __repr__(self) -> str:
+        return f"LocalRuntime(data_dir={self.data_dir!r}, universe={self.valid_universe_id!r})"
+
+
+def _sync_manager(data_dir: str, source: LocalMarketSource):
+    try:
+        from tarnwicket.sync import SyncManager
+    except ImportError:
+        return None
+    return SyncManager(data_dir, universe_id=UNIVERSE_ID, source=source)
+
+
+def _ensure_data(data_dir: str, source: LocalMarketSource, sync_manager) -> None:
+    if source.is_present(data_dir, UNIVERSE_ID):
+        return
+    if sync_manager is not None and callable(getattr(sync_manager, "sync", None)):
+        sync_manager.sync()
+    if not source.is_present(data_dir, UNIVERSE_ID):
+        source.materialise(data_dir, UNIVERSE_ID)
+
+
+def usable_data_dir(data_dir: str) -> str:
+    """The absolute data directory, created if need be; ``OSError`` if it can't be used."""
+    path = os.path.abspath(os.path.expanduser(data_dir))
+    if os.path.exists(path) and not os.path.isdir(path):
+        raise NotADirectoryError(f"data directory {path} is not a directory")
+    os.makedirs(path, exist_ok=True)
+    if not os.access(path, os.W_OK | os.X_OK):
+        raise PermissionError(f"data directory {path} is not writable")
+    return path
+
+
+def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
+                          server_url: str | None = None) -> LocalRuntime:
+    """Build the local runtime, syncing the local data set first if needed.
+
+    Also points ``tarnwicket.agent_onboarding._config`` at the data directory
+    (and the server URL, when given) and publishes the runtime as
+    ``tarnwicket.search_templates._library_runtime``.
+    """
+    data_dir = usable_data_dir(data_dir)
+    source = LocalMarketSource(seed)
+    sync_manager = _sync_manager(data_dir, source)
+    _ensure_data(data_dir, source, sync_manager)
+
+    wallet_secret = load_or_create_wallet_secret(data_dir)
+    era_config = LocalEraConfig()
+    ensure_seed_file(data_dir, wallet_secret, era_config.era_id)
+
+    from tarnwicket.search_tracking import SearchTracker
+
+    runtime = LocalRuntime(
+        data_dir=data_dir,
+        auth_proxy=LocalAuth(wallet_secret),
+        sync_manager=sync_manager,
+        search_tracker=SearchTracker(data_dir),
+        search_era_config=era_config,
+        evaluator=LocalEvaluator(data_dir, UNIVERSE_ID, thresholds=era_config.thresholds),
+        source=source,
+        server_url=server_url,
+    )
+    try:
+        onboarding = importlib.import_module("tarnwicket.agent_onboarding")
+    except ModuleNotFoundError as exc:
+        if exc.name != "tarnwicket.agent_onboarding":
+            raise
+    else:
+        onboarding._config["data_dir"] = data_dir
+        if server_url is not None:
+            onboarding._config["server_url"] = server_url
+    search_templates = importlib.import_module("tarnwicket.search_templates")
+    search_templates._library_runtime = runtime
+    return runtime

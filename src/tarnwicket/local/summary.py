@@ -1,0 +1,98 @@
+"""What the command prints: expressions as text, progress lines and the summary."""
+
+from __future__ import annotations
+
+import json
+import os
+import sqlite3
+from typing import Any, Iterable
+
+
+def expression_text(graph: Any) -> str:
+    """``rank(ts_mean(returns, 20), true)`` style text of a graph."""
+    if not isinstance(graph, dict):
+        return repr(graph)
+    node = graph.get("node")
+    kind = graph.get("type")
+    if kind == "feature":
+        return str(node)
+    if kind in ("int", "float", "string"):
+        return repr(node) if kind == "string" else str(node)
+    if kind == "bool":
+        return "true" if node else "false"
+    args = ", ".join(expression_text(c) for c in graph.get("children") or [])
+    return f"{node}({args})"
+
+
+def progress_line(evaluated: int, rate: float, found: int, queued: int, errors: int,
+                  elapsed: float, limit: float) -> str:
+    return (f"[{elapsed:5.0f}s/{limit:.0f}s] evaluated {evaluated:,}  "
+            f"{rate:,.0f}/s  signals {found:,}  queued {queued:,}  errors {errors}")
+
+
+def find_store(tracker: Any, data_dir: str) -> str | None:
+    path = getattr(tracker, "_db_path", None)
+    if isinstance(path, str) and os.path.exists(path):
+        return path
+    for name in sorted(os.listdir(data_dir)) if os.path.isdir(data_dir) else []:
+        if name.endswith((".db", ".sqlite", ".sqlite3")):
+            return os.path.join(data_dir, name)
+    return None
+
+
+def _columns(conn: sqlite3.Connection, table: str) -> list[str]:
+    return [row[1] for row in conn.execute(f"PRAGMA table_info({table})")]
+
+
+def stored_evaluations(db_path: str) -> dict:
+    """Counts of evaluations in the store, and the graphs of those that passed."""
+    out: dict = {"total": None, "passed": None, "passed_graphs": []}
+    conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, timeout=5.0)
+    try:
+        cols = _columns(conn, "signal_evaluations")
+        if not cols:
+            return out
+        out["total"] = conn.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
+        flag = next((c for c in ("passed_thresholds", "passed") if c in cols), None)
+        if flag is not None:
+            out["passed"] = conn.execute(
+                f"SELECT COUNT(*) FROM signal_evaluations WHERE {flag} = 1").fetchone()[0]
+            graph_col = next((c for c in ("graph_json", "expression", "graph", "expr_graph")
+                              if c in cols), None)
+            if graph_col is not None:
+                rows = conn.execute(
+                    f"SELECT {graph_col} FROM signal_evaluations WHERE {flag} = 1 "
+                    "ORDER BY rowid DESC LIMIT 200").fetchall()
+                for (text,) in rows:
+                    try:
+                        out["passed_graphs"].append(json.loads(text))
+                    except (TypeError, ValueError):
+                        pass
+    except sqlite3.Error:
+        pass
+    finally:
+        conn.close()
+    return out
+
+
+def summary_lines(passed: Iterable[dict], stored: dict, db_path: str | None,
+                  evaluated: int, elapsed: float, top: int = 5) -> list[str]:
+    passed = list(passed)
+    lines = [f"Evaluated {evaluated:,} expressions in {elapsed:.0f}s; "
+             f"{len(passed)} passed every local rule."]
+    if passed:
+        lines.append("Best signals (by fitness):")
+        for rec in passed[:top]:
+            lines.append(f"  fitness {rec['fitness']:5.2f}  sharpe {rec['sharpe']:5.2f}  "
+                         f"turnover {rec['turnover']:4.2f}  {expression_text(rec['graph'])}")
+    elif stored.get("passed_graphs"):
+        lines.append("Passed signals in the store (latest first):")
+        for graph in stored["passed_graphs"][:top]:
+            lines.append(f"  {expression_text(graph)}")
+    if db_path:
+        counts = ""
+        if stored.get("total") is not None:
+            counts = f" ({stored['total']:,} evaluations"
+            counts += f", {stored['passed']:,} passed)" if stored.get("passed") is not None else ")"
+        lines.append(f"Evaluations are stored in {db_path}{counts}.")
+    return lines

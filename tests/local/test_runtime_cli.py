@@ -1,0 +1,150 @@
+import os
+import subprocess
+import sys
+
+import pytest
+
+from tarnwicket.local import cli
+from tarnwicket.local.era import (LocalAuth, LocalEraConfig, ensure_seed_file,
+                                  load_or_create_wallet_secret, make_seed, verify_seed)
+from tarnwicket.local.evaluator import LocalEvaluator
+from tarnwicket.local.summary import expression_text
+
+
+class TestCommandLine:
+    @pytest.mark.parametrize("argv, words", [
+        (["search", "--jobs", "0"], "--jobs: must be at least 1"),
+        (["search", "--jobs", "two"], "expected a whole number"),
+        (["search", "--seconds", "-3"], "positive number of seconds"),
+        (["search", "--seconds", "nan"], "positive number of seconds"),
+        (["search", "--seed", "x"], "--seed"),
+        (["search", "--frobnicate"], "unrecognized arguments"),
+        (["launch"], "invalid choice"),
+    ])
+    def test_bad_options_give_one_line_and_exit_2(self, capsys, argv, words):
+        assert cli.main(argv) == 2
+        err = capsys.readouterr().err
+        assert err.count("\n") == 1 and err.startswith("tarnwicket: error: ") and words in err
+
+    def test_unusable_data_dir(self, capsys, tmp_path):
+        blocker = tmp_path / "file"
+        blocker.write_text("x")
+        assert cli.main(["search", "--data-dir", str(blocker / "sub")]) == 2
+        err = capsys.readouterr().err
+        assert err.count("\n") == 1 and "is not usable" in err
+
+    def test_module_entry_help(self):
+        out = subprocess.run([sys.executable, "-m", "tarnwicket", "search", "--help"],
+                             capture_output=True, text=True, timeout=60)
+        assert out.returncode == 0
+        for option in ("--jobs", "--seconds", "--data-dir", "--seed"):
+            assert option in out.stdout
+
+
+class TestEraSeed:
+    def test_seed_file_round_trip(self, tmp_path):
+        secret = load_or_create_wallet_secret(str(tmp_path))
+        assert len(secret) == 32 and load_or_create_wallet_secret(str(tmp_path)) == secret
+        path = ensure_seed_file(str(tmp_path), secret, 1)
+        blob = open(path, "rb").read()
+        assert len(blob) == 60
+        verify_seed(blob, secret, 1)
+        assert ensure_seed_file(str(tmp_path), secret, 1) == path and open(path, "rb").read() == blob
+
+    @pytest.mark.parametrize("mutate, words", [
+        (lambda blob, secret: (blob, bytes(32)), "invalid credentials"),
+        (lambda blob, secret: (blob[:-1] + bytes([blob[-1] ^ 1]), secret), "invalid credentials"),
+        (lambda blob, secret: (make_seed(secret, 2, bytes(20)), secret), "era mismatch"),
+        (lambda blob, secret: (blob[:59], secret), "60 bytes"),
+    ])
+    def test_reconstruction_refuses_a_bad_seed(self, mutate, words):
+        secret = bytes(range(32))
+        blob, key = mutate(make_seed(secret, 1, bytes(20)), secret)
+        ev = LocalEvaluator("/nonexistent")
+        with pytest.raises(ValueError, match=words):
+            ev.init_reconstruction(shuffle_blob=blob, wallet_secret=key, era_id=1)
+        assert not ev.reconstructed
+
+    def test_auth_and_era_config(self):
+        auth = LocalAuth(bytes(32))
+        assert auth.get_token().startswith("local-") and "\\x00" not in repr(auth)
+        with pytest.raises(ValueError):
+            LocalAuth(b"short")
+        cfg = LocalEraConfig()
+        for key in ("turnover_max", "delta_exposure_max", "max_weight_max", "correlation_max"):
+            assert isinstance(cfg.thresholds[key], float)
+        assert all(step in cfg.thresholds for step in cfg.transform_pipeline)
+        assert cfg.signal_pools[0]["signal_pool_id"]
+
+
+def test_expression_text():
+    graph = {"type": "rotation", "node": "rank", "children": [
+        {"type": "rotation", "node": "ts_mean", "children": [
+            {"type": "feature", "node": "returns"}, {"type": "int", "node": 20}]},
+        {"type": "bool", "node": True}]}
+    assert expression_text(graph) == "rank(ts_mean(returns, 20), true)"
+
+
+def test_prepare_local_runtime(tmp_path):
+    tracking = pytest.importorskip("tarnwicket.search_tracking")
+    if not hasattr(tracking, "SearchTracker"):
+        pytest.skip("tracker not available in this build")
+    import tarnwicket.search_templates as st
+    from tarnwicket.local import prepare_local_runtime
+
+    runtime = prepare_local_runtime(str(tmp_path / "d"), seed=1)
+    assert st._library_runtime is runtime
+    assert runtime.valid_universe_id == "universe_top50" and runtime.vocabulary_raw is None
+    assert os.path.getsize(tmp_path / "d" / "shuffle_seed.enc") == 60
+    with open(tmp_path / "d" / "shuffle_seed.enc", "rb") as fh:
+        runtime.evaluator.init_reconstruction(shuffle_blob=fh.read(),
+                                              wallet_secret=runtime.auth_proxy.wallet_secret,
+                                              era_id=runtime.search_era_config.era_id)
+    assert runtime.evaluator.reconstructed
+
+
+class _Status:
+    def __init__(self, n):
+        self.total_evaluated, self.total_found, self.submission_queued, self.errors = n, n // 10, 0, []
+
+
+class _FakeHandle:
+    def __init__(self, evaluator, graph):
+        self.calls, self.stopped = 0, False
+        self.evaluator, self.graph = evaluator, graph
+
+    def status(self):
+        self.calls += 1
+        self.evaluator.run_backtest(self.graph)
+        return _Status(100 * self.calls)
+
+    def stop(self, join_timeout=2.0):
+        self.stopped = True
+
+
+def test_search_command_runs_stops_and_summarises(tmp_path, monkeypatch, capsys):
+    import tarnwicket.search_templates as st
+    import tarnwicket.search_tracking as tracking
+
+    class Tracker:
+        def __init__(self, data_dir):
+            self._data_dir = data_dir
+
+    monkeypatch.setattr(tracking, "SearchTracker", Tracker, raising=False)
+    graph = {"type": "rotation", "node": "ts_mean",
+             "children": [{"type": "feature", "node": "returns"}, {"type": "int", "node": 120}]}
+    handles = []
+
+    def fake_search(template, n_jobs=1):
+        runtime = st._library_runtime
+        runtime.evaluator.thresholds.update(sharpe_min=-100.0, fitness_min=-100.0)
+        handles.append(_FakeHandle(runtime.evaluator, graph))
+        return handles[0]
+
+    monkeypatch.setattr(st, "search", fake_search, raising=False)
+    monkeypatch.setattr(st, "random_weighted", object(), raising=False)
+    assert cli.main(["search", "--data-dir", str(tmp_path), "--seconds", "0.3", "--jobs", "1"]) == 0
+    out = capsys.readouterr().out
+    assert handles[0].stopped and handles[0].calls >= 1
+    assert "ts_mean(returns, 120)" in out
+    assert f"Local data and settings: {tmp_path}" in out
