@@ -43,9 +43,10 @@ def test_report_with_analytics_and_refusals(info_log):
 def test_report_edge_cases(info_log):
     empty = st.analyze_random_weighted(types.SimpleNamespace(vocabulary=None, max_depth=None))
     assert empty == {"analytics_rows_seen": 0, "function_weights": {}, "feature_weights": {}, "unsafe_functions": {}}
-    stateful = rotation("m", {"x": "data", "w": {"type": "int"}}, stateful=True)
+    stateful = rotation("m", {"x": "data", "w": {"type": "int", "default": 6000}}, stateful=True)
+    # a non-numeric depth counts as 2: the window budget is 20160 // 2
     report = st.analyze_random_weighted(ctx_of([stateful], [feature("x")], max_depth="?"))
     assert set(report["function_weights"]) == {"m"} and report["unsafe_functions"] == {}
-    # the window for the non-numeric depth is computed for a depth of 2: [1, 10080] has the midpoint 5040
-    safe, _ = st._random_weighted_function_safety([stateful], False, st._random_weighted_window_limit(types.SimpleNamespace(), 2))
-    assert safe[0]["config_children"] == [{"type": "int", "node": 5040}]
+    report = st.analyze_random_weighted(ctx_of([stateful], [feature("x")], max_depth=4))
+    assert report["unsafe_functions"] == {"m": "config param 'w' window 6000 exceeds per-node lookback budget 5040"}
+    assert info_log() == []
