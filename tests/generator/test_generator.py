@@ -83,14 +83,20 @@ def depth_of(node):
     return 1 + max((depth_of(c) for c in kids), default=0)
 
 
-@pytest.mark.parametrize("analytics", [None, "rich", "dead"])
+@pytest.mark.parametrize("analytics", [None, "rich", "dead", "wide"])
 @pytest.mark.parametrize("seed", [0, 7, 12345])
 def test_draw_sequence_matches_plain_reference(seed, analytics):
-    if analytics == "rich":
+    features = FEATURES
+    if analytics == "wide":
+        rates = random.Random(seed)
+        features = [feature(f"w{i}") for i in range(300)]
+        analytics = snapshot(*({"name": f"w{i}", "type": "feature", "yield_rate": rates.choice([-1.0, 0.0, 0.5, 3.0])}
+                               for i in range(300)))
+    elif analytics == "rich":
         analytics = rich_snapshot()
     elif analytics == "dead":
         analytics = snapshot(*({"name": n, "yield_rate": -1.0} for n in ("add", "neg", "mean", "clip")))
-    ctx = context(FUNCTIONS, FEATURES, max_depth=5, analytics=analytics, max_node_count=150)
+    ctx = context(FUNCTIONS, features, max_depth=5, analytics=analytics, max_node_count=150)
     random.seed(seed)
     expected = ref_stream(ctx, 60)
     after_reference = random.random()

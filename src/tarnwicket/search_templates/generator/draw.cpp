@@ -2,6 +2,7 @@
 // with random numbers from the host's process-wide `random` module.
 #include "generator/draw.hpp"
 
+#include <algorithm>
 #include <bit>
 
 namespace tw::gen {
@@ -288,6 +289,10 @@ object Builder::build(Depth d) const {
         return new_node2(ID("feature").ptr(), feat.ptr());
     }
     object func = draw(func_names, func_weights, index);
+    return rotation_node(func, index, d);
+}
+
+object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
     Depth next = d.minus1();
     object children;
     if (mirror && index >= 0 && (std::size_t)index < mirror->size()) {
@@ -332,6 +337,136 @@ object build_expression(handle func_names, handle func_specs, handle func_weight
                         handle feat_weights, handle target_depth) {
     Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, nullptr};
     return b.build(Depth::of(target_depth));
+}
+
+bool mirror_weights(handle cum, std::vector<double>& out) {
+    out.clear();
+    if (!PyList_CheckExact(cum.ptr())) return false;
+    Py_ssize_t n = PyList_GET_SIZE(cum.ptr());
+    out.reserve(n);
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* v = PyList_GET_ITEM(cum.ptr(), i);
+        if (!PyFloat_CheckExact(v)) return false;
+        out.push_back(PyFloat_AS_DOUBLE(v));
+    }
+    return true;
+}
+
+namespace {
+
+// First index whose value is >= x (bisect_left) over a non-empty sorted
+// array; branch-free, since random probes defeat branch prediction.
+inline Py_ssize_t lower_bound_index(const double* a, std::size_t n, double x) {
+    const double* base = a;
+    while (n > 1) {
+        std::size_t half = n / 2;
+        base = (base[half] < x) ? base + half : base;
+        n -= half;
+    }
+    return (base - a) + (*base < x);
+}
+
+// One weighted draw over `items`; returns a new reference and the index drawn
+// (-1 when a replaced random.choice picked it).
+PyObject* fast_draw(PyObject* items, PyObject* cum_list, const std::vector<double>* cum, Py_ssize_t& index) {
+    index = -1;
+    try {
+        if (!cum) return weighted_choice_at(items, cum_list, index).release().ptr();
+        if (cum->empty()) {
+            PyErr_SetString(PyExc_IndexError, "list index out of range");
+            return nullptr;
+        }
+        double total = cum->back();
+        if (total <= 0.0 || !std::isfinite(total)) return rnd::choice_at(items, index).release().ptr();
+        double r = rnd::random01() * total;
+        Py_ssize_t i = lower_bound_index(cum->data(), cum->size(), r);
+        Py_ssize_t n = PyList_GET_SIZE(items);
+        if (n == 0) {
+            PyErr_SetString(PyExc_IndexError, "list index out of range");
+            return nullptr;
+        }
+        index = i < n ? i : n - 1;
+        PyObject* item = PyList_GET_ITEM(items, index);
+        Py_INCREF(item);
+        return item;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    }
+}
+
+PyObject* node_of(PyObject* type_value, PyObject* node_value) {
+    PyObject* d = PyDict_New();
+    if (!d) return nullptr;
+    if (PyDict_SetItem(d, ID("type").ptr(), type_value) < 0 || PyDict_SetItem(d, ID("node").ptr(), node_value) < 0) {
+        Py_DECREF(d);
+        return nullptr;
+    }
+    return d;
+}
+
+}  // namespace
+
+PyObject* FastTables::build(long long depth) const {
+    const Builder& g = *generic;
+    bool own = false;
+    try {
+        own = hooks::is_own(hooks::weighted_choice) && hooks::is_own(hooks::build_expression);
+        if (!own || !g.mirror || depth > 256) return g.build(Depth{false, depth, 0.0}).release().ptr();
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    }
+    Py_ssize_t index;
+    if (depth <= 1) {
+        PyObject* feat = fast_draw(g.feat_names.ptr(), g.feat_weights.ptr(), feat_cum, index);
+        if (!feat) return nullptr;
+        PyObject* leaf = node_of(ID("feature").ptr(), feat);
+        Py_DECREF(feat);
+        return leaf;
+    }
+    PyObject* func = fast_draw(g.func_names.ptr(), g.func_weights.ptr(), func_cum, index);
+    if (!func) return nullptr;
+    if (index < 0 || (std::size_t)index >= g.mirror->size()) {
+        // drawn by a replaced random.choice: look its spec up by name
+        object hold = steal(func);
+        try {
+            return g.rotation_node(hold, -1, Depth{false, depth, 0.0}).release().ptr();
+        } catch (py::error_already_set& e) {
+            e.restore();
+            return nullptr;
+        }
+    }
+    const FuncMirror& m = (*g.mirror)[index];
+    Py_ssize_t n_cfg = (Py_ssize_t)m.configs.size();
+    PyObject* children = PyList_New(m.n_data + n_cfg);
+    if (!children) {
+        Py_DECREF(func);
+        return nullptr;
+    }
+    for (Py_ssize_t k = 0; k < m.n_data; ++k) {
+        PyObject* c = build(depth - 1);
+        if (!c) {
+            Py_DECREF(children);
+            Py_DECREF(func);
+            return nullptr;
+        }
+        PyList_SET_ITEM(children, k, c);
+    }
+    for (Py_ssize_t k = 0; k < n_cfg; ++k) {
+        PyObject* c = PyDict_Copy(m.configs[k].ptr());
+        if (!c) {
+            Py_DECREF(children);
+            Py_DECREF(func);
+            return nullptr;
+        }
+        PyList_SET_ITEM(children, m.n_data + k, c);
+    }
+    PyObject* node = node_of(ID("rotation").ptr(), func);
+    Py_DECREF(func);
+    if (node && PyDict_SetItem(node, ID("children").ptr(), children) < 0) Py_CLEAR(node);
+    Py_DECREF(children);
+    return node;
 }
 
 bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>& out) {

@@ -41,7 +41,22 @@ struct Builder {
     object build(Depth d) const;
     object draw(handle items, handle cum, Py_ssize_t& index) const;
     object child(Depth d) const;
+    // The rotation node for an already drawn `func` (index into the mirror, or -1).
+    object rotation_node(handle func, Py_ssize_t index, Depth d) const;
 };
+
+// The generator's own hot path: raw references, cumulative weights mirrored
+// into contiguous arrays. Falls back to Builder at any node where a host
+// replaced `_weighted_choice` or `_build_random_signal_expression`.
+struct FastTables {
+    const Builder* generic;                 // same tables as objects
+    const std::vector<double>* func_cum;    // mirror of func_weights, or null
+    const std::vector<double>* feat_cum;    // mirror of feat_weights, or null
+    PyObject* build(long long depth) const;  // new reference, or null with an error set
+};
+
+// Mirror of a cumulative-weight list when it is a list of floats.
+bool mirror_weights(handle cum, std::vector<double>& out);
 
 // Mirrors of func_specs[name] for each name; false when a spec is not plain.
 bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>& out);
