@@ -83,14 +83,15 @@ def depth_of(node):
     return 1 + max((depth_of(c) for c in kids), default=0)
 
 
-@pytest.mark.parametrize("analytics", [None, "rich", "dead", "wide"])
+@pytest.mark.parametrize("analytics", [None, "rich", "dead", "wide", "skewed"])
 @pytest.mark.parametrize("seed", [0, 7, 12345])
 def test_draw_sequence_matches_plain_reference(seed, analytics):
     features = FEATURES
-    if analytics == "wide":
+    if analytics in ("wide", "skewed"):
         rates = random.Random(seed)
+        choices = [-1.0, 0.0, 0.5, 3.0] if analytics == "wide" else [-1.0] * 6 + [0.0, 1000.0]
         features = [feature(f"w{i}") for i in range(300)]
-        analytics = snapshot(*({"name": f"w{i}", "type": "feature", "yield_rate": rates.choice([-1.0, 0.0, 0.5, 3.0])}
+        analytics = snapshot(*({"name": f"w{i}", "type": "feature", "yield_rate": rates.choice(choices)}
                                for i in range(300)))
     elif analytics == "rich":
         analytics = rich_snapshot()

@@ -339,19 +339,6 @@ object build_expression(handle func_names, handle func_specs, handle func_weight
     return b.build(Depth::of(target_depth));
 }
 
-bool mirror_weights(handle cum, std::vector<double>& out) {
-    out.clear();
-    if (!PyList_CheckExact(cum.ptr())) return false;
-    Py_ssize_t n = PyList_GET_SIZE(cum.ptr());
-    out.reserve(n);
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* v = PyList_GET_ITEM(cum.ptr(), i);
-        if (!PyFloat_CheckExact(v)) return false;
-        out.push_back(PyFloat_AS_DOUBLE(v));
-    }
-    return true;
-}
-
 namespace {
 
 // First index whose value is >= x (bisect_left) over a non-empty sorted
@@ -366,20 +353,66 @@ inline Py_ssize_t lower_bound_index(const double* a, std::size_t n, double x) {
     return (base - a) + (*base < x);
 }
 
+}  // namespace
+
+// The bucket of a value is monotone in the value, so every entry at or above r
+// lies in r's bucket or later, and every entry in a later bucket is above r:
+// bisect_left(cum, r) lies in [start[b], start[b + 1]] for b = bucket(r).
+bool CumIndex::assign(handle list) {
+    cum.clear();
+    start.clear();
+    if (!PyList_CheckExact(list.ptr())) return false;
+    Py_ssize_t n = PyList_GET_SIZE(list.ptr());
+    if (n >= (Py_ssize_t)UINT32_MAX) return false;
+    cum.reserve(n);
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* v = PyList_GET_ITEM(list.ptr(), i);
+        if (!PyFloat_CheckExact(v)) return false;
+        cum.push_back(PyFloat_AS_DOUBLE(v));
+        if (i > 0 && !(cum[i - 1] <= cum[i])) return false;  // unsorted or NaN: plain search only
+    }
+    double total = n ? cum.back() : 0.0;
+    if (!(total > 0.0) || !std::isfinite(total)) return true;
+    std::size_t buckets = (std::size_t)n;
+    scale = (double)buckets / total;
+    if (!std::isfinite(scale) || !(cum.front() >= 0.0)) return true;
+    start.assign(buckets + 1, (uint32_t)n);
+    std::size_t b = 0;
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        std::size_t bi = bucket(cum[i]);
+        while (b <= bi) start[b++] = (uint32_t)i;
+    }
+    return true;
+}
+
+Py_ssize_t CumIndex::bisect_left(double r) const {
+    const double* a = cum.data();
+    std::size_t lo = 0, hi = cum.size();
+    if (!start.empty() && r >= 0.0) {
+        std::size_t b = bucket(r);
+        lo = start[b];
+        hi = start[b + 1];
+    }
+    if (lo == hi) return (Py_ssize_t)lo;
+    return (Py_ssize_t)lo + lower_bound_index(a + lo, hi - lo, r);
+}
+
+namespace {
+
 // One weighted draw over `items`; returns a new reference and the index drawn
 // (-1 when a replaced random.choice picked it).
-PyObject* fast_draw(PyObject* items, PyObject* cum_list, const std::vector<double>* cum, Py_ssize_t& index) {
+PyObject* fast_draw(PyObject* items, PyObject* cum_list, const CumIndex* cum, Py_ssize_t& index) {
     index = -1;
     try {
         if (!cum) return weighted_choice_at(items, cum_list, index).release().ptr();
-        if (cum->empty()) {
+        if (cum->cum.empty()) {
             PyErr_SetString(PyExc_IndexError, "list index out of range");
             return nullptr;
         }
-        double total = cum->back();
+        double total = cum->cum.back();
         if (total <= 0.0 || !std::isfinite(total)) return rnd::choice_at(items, index).release().ptr();
         double r = rnd::random01() * total;
-        Py_ssize_t i = lower_bound_index(cum->data(), cum->size(), r);
+        Py_ssize_t i = cum->bisect_left(r);
         Py_ssize_t n = PyList_GET_SIZE(items);
         if (n == 0) {
             PyErr_SetString(PyExc_IndexError, "list index out of range");

@@ -20,13 +20,13 @@ struct GenState {
     bool mirror_ok = false;
     // Contiguous copies of the cumulative weights, refreshed with the weights
     // and whenever the namespace changed (a replaced hook saw the lists).
-    std::vector<double> func_cum, feat_cum;
+    CumIndex func_cum, feat_cum;
     bool func_cum_ok = false, feat_cum_ok = false;
     uint64_t cum_version = 0;
 
     void mirror_cum() {
-        func_cum_ok = mirror_weights(func_weights, func_cum);
-        feat_cum_ok = mirror_weights(feat_weights, feat_cum);
+        func_cum_ok = func_cum.assign(func_weights);
+        feat_cum_ok = feat_cum.assign(feat_weights);
         cum_version = hooks::namespace_version();
     }
 
@@ -42,8 +42,8 @@ struct GenState {
     }
     void clear() {
         mirror.clear();
-        func_cum.clear();
-        feat_cum.clear();
+        func_cum = CumIndex();
+        feat_cum = CumIndex();
         func_cum_ok = feat_cum_ok = false;
         mirror_ok = false;
         for (object* o : {&ctx, &func_names, &func_specs, &feat_names, &func_weights, &feat_weights,
