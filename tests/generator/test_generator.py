@@ -307,3 +307,31 @@ def test_depth_conversion_and_cap(info_log):
     assert max(count_nodes(g) for g in graphs) <= 94
     two = st.random_weighted(context(FUNCTIONS, FEATURES, max_depth=2.9))
     assert all(depth_of(next(two)) == 2 for _ in range(20))
+
+
+def test_replaced_setup_helpers_are_obeyed(monkeypatch):
+    monkeypatch.setattr(st, "_random_weighted_feature_names", lambda features: ["only"])
+    monkeypatch.setattr(st, "_random_weighted_cum_weights", lambda names, yield_map: [1] * len(names))
+    monkeypatch.setattr(st, "_normalize_template_vocabulary", lambda vocab: {"functions": vocab["fns"]})
+    ctx = types.SimpleNamespace(vocabulary={"fns": FUNCTIONS}, max_depth=3, analytics=None)
+    graphs = [next(st.random_weighted(ctx)) for _ in range(10)]
+    assert all(g["node"] == "add" and g["children"][2] == {"type": "int", "node": 5} for g in graphs)
+    assert all(leaf["node"] == "only" for g in graphs for leaf in _leaves(g))
+
+
+def test_generator_in_a_reference_cycle_is_collected():
+    import gc
+    import weakref
+
+    class Ctx:
+        vocabulary = {"functions": FUNCTIONS, "features": FEATURES}
+        max_depth = 3
+        analytics = None
+
+    ctx = Ctx()
+    ctx.gen = st.random_weighted(ctx)
+    next(ctx.gen)
+    alive = weakref.ref(ctx)
+    del ctx
+    gc.collect()
+    assert alive() is None
