@@ -54,7 +54,11 @@ double random01() {
     const Cache& c = cache();
     object r;
     if (c.random) {
-        r = steal(PyObject_Vectorcall(c.random, nullptr, 0, nullptr));
+        PyObject* fn = c.random;
+        Py_INCREF(fn);  // another thread may rebind random.random while it runs
+        PyObject* res = PyObject_Vectorcall(fn, nullptr, 0, nullptr);
+        Py_DECREF(fn);
+        r = steal(res);
     } else {
         object fn = get_attr(handle(g_module), ID("random"));
         r = call(fn);
