@@ -77,7 +77,7 @@ object config_value_reason(handle param_name, handle value, bool integer) {
 }
 
 object window_bounded_param(handle param, handle window_limit) {
-    object bounded = dict_copy(param);
+    object bounded = is_dict(param) ? dict_copy(param) : call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {param});
     if (is_none(window_limit)) return bounded;
     if (!has_value(bounded, ID("min"))) dict_set(bounded, ID("min"), int_of(1));
     if (!has_value(bounded, ID("max"))) {

@@ -2,6 +2,7 @@
 // with random numbers from the host's process-wide `random` module.
 #include "generator/draw.hpp"
 
+#include <algorithm>
 #include <bit>
 
 namespace tw::gen {
@@ -53,7 +54,11 @@ double random01() {
     const Cache& c = cache();
     object r;
     if (c.random) {
-        r = steal(PyObject_Vectorcall(c.random, nullptr, 0, nullptr));
+        PyObject* fn = c.random;
+        Py_INCREF(fn);  // another thread may rebind random.random while it runs
+        PyObject* res = PyObject_Vectorcall(fn, nullptr, 0, nullptr);
+        Py_DECREF(fn);
+        r = steal(res);
     } else {
         object fn = get_attr(handle(g_module), ID("random"));
         r = call(fn);
@@ -288,6 +293,10 @@ object Builder::build(Depth d) const {
         return new_node2(ID("feature").ptr(), feat.ptr());
     }
     object func = draw(func_names, func_weights, index);
+    return rotation_node(func, index, d);
+}
+
+object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
     Depth next = d.minus1();
     object children;
     if (mirror && index >= 0 && (std::size_t)index < mirror->size()) {
@@ -332,6 +341,169 @@ object build_expression(handle func_names, handle func_specs, handle func_weight
                         handle feat_weights, handle target_depth) {
     Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, nullptr};
     return b.build(Depth::of(target_depth));
+}
+
+namespace {
+
+// First index whose value is >= x (bisect_left) over a non-empty sorted
+// array; branch-free, since random probes defeat branch prediction.
+inline Py_ssize_t lower_bound_index(const double* a, std::size_t n, double x) {
+    const double* base = a;
+    while (n > 1) {
+        std::size_t half = n / 2;
+        base = (base[half] < x) ? base + half : base;
+        n -= half;
+    }
+    return (base - a) + (*base < x);
+}
+
+}  // namespace
+
+// The bucket of a value is monotone in the value, so every entry at or above r
+// lies in r's bucket or later, and every entry in a later bucket is above r:
+// bisect_left(cum, r) lies in [start[b], start[b + 1]] for b = bucket(r).
+bool CumIndex::assign(handle list) {
+    cum.clear();
+    start.clear();
+    if (!PyList_CheckExact(list.ptr())) return false;
+    Py_ssize_t n = PyList_GET_SIZE(list.ptr());
+    if (n >= (Py_ssize_t)UINT32_MAX) return false;
+    cum.reserve(n);
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* v = PyList_GET_ITEM(list.ptr(), i);
+        if (!PyFloat_CheckExact(v)) return false;
+        cum.push_back(PyFloat_AS_DOUBLE(v));
+        if (i > 0 && !(cum[i - 1] <= cum[i])) return false;  // unsorted or NaN: plain search only
+    }
+    double total = n ? cum.back() : 0.0;
+    if (!(total > 0.0) || !std::isfinite(total)) return true;
+    std::size_t buckets = (std::size_t)n;
+    scale = (double)buckets / total;
+    if (!std::isfinite(scale) || !(cum.front() >= 0.0)) return true;
+    start.assign(buckets + 1, (uint32_t)n);
+    std::size_t b = 0;
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        std::size_t bi = bucket(cum[i]);
+        while (b <= bi) start[b++] = (uint32_t)i;
+    }
+    return true;
+}
+
+Py_ssize_t CumIndex::bisect_left(double r) const {
+    const double* a = cum.data();
+    std::size_t lo = 0, hi = cum.size();
+    if (!start.empty() && r >= 0.0) {
+        std::size_t b = bucket(r);
+        lo = start[b];
+        hi = start[b + 1];
+    }
+    if (lo == hi) return (Py_ssize_t)lo;
+    return (Py_ssize_t)lo + lower_bound_index(a + lo, hi - lo, r);
+}
+
+namespace {
+
+// One weighted draw over `items`; returns a new reference and the index drawn
+// (-1 when a replaced random.choice picked it).
+PyObject* fast_draw(PyObject* items, PyObject* cum_list, const CumIndex* cum, Py_ssize_t& index) {
+    index = -1;
+    try {
+        if (!cum) return weighted_choice_at(items, cum_list, index).release().ptr();
+        if (cum->cum.empty()) {
+            PyErr_SetString(PyExc_IndexError, "list index out of range");
+            return nullptr;
+        }
+        double total = cum->cum.back();
+        if (total <= 0.0 || !std::isfinite(total)) return rnd::choice_at(items, index).release().ptr();
+        double r = rnd::random01() * total;
+        Py_ssize_t i = cum->bisect_left(r);
+        Py_ssize_t n = PyList_GET_SIZE(items);
+        if (n == 0) {
+            PyErr_SetString(PyExc_IndexError, "list index out of range");
+            return nullptr;
+        }
+        index = i < n ? i : n - 1;
+        PyObject* item = PyList_GET_ITEM(items, index);
+        Py_INCREF(item);
+        return item;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    }
+}
+
+PyObject* node_of(PyObject* type_value, PyObject* node_value) {
+    PyObject* d = PyDict_New();
+    if (!d) return nullptr;
+    if (PyDict_SetItem(d, ID("type").ptr(), type_value) < 0 || PyDict_SetItem(d, ID("node").ptr(), node_value) < 0) {
+        Py_DECREF(d);
+        return nullptr;
+    }
+    return d;
+}
+
+}  // namespace
+
+PyObject* FastTables::build(long long depth) const {
+    const Builder& g = *generic;
+    bool own = false;
+    try {
+        own = hooks::is_own(hooks::weighted_choice) && hooks::is_own(hooks::build_expression);
+        if (!own || !g.mirror || depth > 256) return g.build(Depth{false, depth, 0.0}).release().ptr();
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    }
+    Py_ssize_t index;
+    if (depth <= 1) {
+        PyObject* feat = fast_draw(g.feat_names.ptr(), g.feat_weights.ptr(), feat_cum, index);
+        if (!feat) return nullptr;
+        PyObject* leaf = node_of(ID("feature").ptr(), feat);
+        Py_DECREF(feat);
+        return leaf;
+    }
+    PyObject* func = fast_draw(g.func_names.ptr(), g.func_weights.ptr(), func_cum, index);
+    if (!func) return nullptr;
+    if (index < 0 || (std::size_t)index >= g.mirror->size()) {
+        // drawn by a replaced random.choice: look its spec up by name
+        object hold = steal(func);
+        try {
+            return g.rotation_node(hold, -1, Depth{false, depth, 0.0}).release().ptr();
+        } catch (py::error_already_set& e) {
+            e.restore();
+            return nullptr;
+        }
+    }
+    const FuncMirror& m = (*g.mirror)[index];
+    Py_ssize_t n_cfg = (Py_ssize_t)m.configs.size();
+    PyObject* children = PyList_New(m.n_data + n_cfg);
+    if (!children) {
+        Py_DECREF(func);
+        return nullptr;
+    }
+    for (Py_ssize_t k = 0; k < m.n_data; ++k) {
+        PyObject* c = build(depth - 1);
+        if (!c) {
+            Py_DECREF(children);
+            Py_DECREF(func);
+            return nullptr;
+        }
+        PyList_SET_ITEM(children, k, c);
+    }
+    for (Py_ssize_t k = 0; k < n_cfg; ++k) {
+        PyObject* c = PyDict_Copy(m.configs[k].ptr());
+        if (!c) {
+            Py_DECREF(children);
+            Py_DECREF(func);
+            return nullptr;
+        }
+        PyList_SET_ITEM(children, m.n_data + k, c);
+    }
+    PyObject* node = node_of(ID("rotation").ptr(), func);
+    Py_DECREF(func);
+    if (node && PyDict_SetItem(node, ID("children").ptr(), children) < 0) Py_CLEAR(node);
+    Py_DECREF(children);
+    return node;
 }
 
 bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>& out) {

@@ -41,6 +41,33 @@ struct Builder {
     object build(Depth d) const;
     object draw(handle items, handle cum, Py_ssize_t& index) const;
     object child(Depth d) const;
+    // The rotation node for an already drawn `func` (index into the mirror, or -1).
+    object rotation_node(handle func, Py_ssize_t index, Depth d) const;
+};
+
+// The generator's own hot path: raw references, cumulative weights mirrored
+// into contiguous arrays. Falls back to Builder at any node where a host
+// replaced `_weighted_choice` or `_build_random_signal_expression`.
+// A cumulative-weight list as a contiguous array with a bucket index over its
+// value range, so that bisect_left(cum, r) probes only a few entries.
+struct CumIndex {
+    std::vector<double> cum;
+    std::vector<uint32_t> start;  // start[b]: first i whose bucket is >= b
+    double scale = 0.0;           // buckets per unit of weight
+    bool assign(handle list);     // false unless a list of floats
+    Py_ssize_t bisect_left(double r) const;
+    std::size_t bucket(double r) const {
+        double x = r * scale;
+        std::size_t last = start.size() - 2;
+        return x < (double)last ? (std::size_t)x : last;
+    }
+};
+
+struct FastTables {
+    const Builder* generic;         // same tables as objects
+    const CumIndex* func_cum;       // mirror of func_weights, or null
+    const CumIndex* feat_cum;       // mirror of feat_weights, or null
+    PyObject* build(long long depth) const;  // new reference, or null with an error set
 };
 
 // Mirrors of func_specs[name] for each name; false when a spec is not plain.

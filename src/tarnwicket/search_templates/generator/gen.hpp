@@ -148,6 +148,8 @@ extern PyObject* const* names();
 object replaced(Id id);
 // Fast variant for the draw: cached against the namespace dict's version.
 bool is_own(Id id);
+// Version tag of the module namespace: changes with every write to it.
+uint64_t namespace_version();
 }  // namespace hooks
 
 // a, b = value  (the host's unpacking rules and messages)

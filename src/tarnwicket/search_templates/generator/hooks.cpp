@@ -42,6 +42,8 @@ object replaced(Id id) {
 static uint64_t g_seen_version = 0;
 static bool g_own[count];
 
+uint64_t namespace_version() { return reinterpret_cast<PyDictObject*>(g_globals)->ma_version_tag; }
+
 bool is_own(Id id) {
     uint64_t version = reinterpret_cast<PyDictObject*>(g_globals)->ma_version_tag;
     if (version != g_seen_version || version == 0) {

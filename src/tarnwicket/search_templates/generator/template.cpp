@@ -18,6 +18,17 @@ struct GenState {
     object cached_analytics;  // the snapshot the weights were computed from
     std::vector<FuncMirror> mirror;
     bool mirror_ok = false;
+    // Contiguous copies of the cumulative weights, refreshed with the weights
+    // and whenever the namespace changed (a replaced hook saw the lists).
+    CumIndex func_cum, feat_cum;
+    bool func_cum_ok = false, feat_cum_ok = false;
+    uint64_t cum_version = 0;
+
+    void mirror_cum() {
+        func_cum_ok = func_cum.assign(func_weights);
+        feat_cum_ok = feat_cum.assign(feat_weights);
+        cum_version = hooks::namespace_version();
+    }
 
     bool setup();
     object pass();
@@ -31,6 +42,9 @@ struct GenState {
     }
     void clear() {
         mirror.clear();
+        func_cum = CumIndex();
+        feat_cum = CumIndex();
+        func_cum_ok = feat_cum_ok = false;
         mirror_ok = false;
         for (object* o : {&ctx, &func_names, &func_specs, &feat_names, &func_weights, &feat_weights,
                           &effective_max_depth, &cached_analytics})
@@ -124,11 +138,18 @@ object GenState::pass() {
         auto pair = unpack(maps, 2);
         func_weights = via(hooks::cum_weights, {func_names, pair[0]}, [&] { return cum_weights(func_names, pair[0]); });
         feat_weights = via(hooks::cum_weights, {feat_names, pair[1]}, [&] { return cum_weights(feat_names, pair[1]); });
+        mirror_cum();
     }
     if (hooks::is_own(hooks::build_expression)) {
         Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, mirror_ok ? &mirror : nullptr};
-        Depth d = depth ? Depth::of(depth) : Depth{false, depth_ll, 0.0};
-        return b.build(d);
+        if (depth) return b.build(Depth::of(depth));
+        if (cum_version != hooks::namespace_version()) mirror_cum();
+        bool lists = PyList_CheckExact(func_names.ptr()) && PyList_CheckExact(feat_names.ptr());
+        if (!lists) return b.build(Depth{false, depth_ll, 0.0});
+        FastTables fast{&b, func_cum_ok ? &func_cum : nullptr, feat_cum_ok ? &feat_cum : nullptr};
+        PyObject* graph = fast.build(depth_ll);
+        if (!graph) throw_py();
+        return steal(graph);
     }
     if (!depth) depth = int_of(depth_ll);
     object fn = global(handle(hooks::names()[hooks::build_expression]));
