@@ -120,3 +120,21 @@ def test_fatal_error_surfaces_and_stop_clears_the_module(live_runtime, monkeypat
         st.status()
     assert info.value.error_code == "NO_ACTIVE_SEARCH"
     assert isinstance(st.get_db_info(), dict)
+
+
+@pytest.mark.soak
+def test_soak_minutes_of_search_lose_nothing(live_runtime):
+    """Several workers for two minutes: every evaluation recorded, clean stop."""
+    import time
+
+    rt, started = live_runtime
+    h = st.search(st.random_weighted, n_jobs=2)
+    started.append(h)
+    deadline = time.monotonic() + 120
+    while time.monotonic() < deadline:
+        assert h.status().running
+        time.sleep(1.0)
+    h.stop()
+    recorded = rows(rt.search_tracker, "SELECT COUNT(*) FROM signal_evaluations")[0][0]
+    assert recorded == h.status().total_evaluated > 0
+    assert not [t for t in threading.enumerate() if t.name.startswith(("worker_", "supervisor", "era_thread"))]
