@@ -27,7 +27,7 @@ class SqliteTracker(MemoryTracker):
             self._conn.execute(f"UPDATE {table} SET in_flight_owner=? WHERE rowid=last_insert_rowid()",
                                (claimed_by,))
 
-    def count(self, table):
+    def rows_in(self, table):
         return self._conn.execute(f"SELECT COUNT(*) FROM {table}").fetchone()[0]
 
 
@@ -99,7 +99,7 @@ class TestReplacementAbort:
         h._retry_queue.append({"x": 1})
         h._pending_submissions["s"] = {}
         h._abort_for_replacement()
-        assert tracker.count("submission_queue") == 1 and tracker.count("submission_retry") == 1
+        assert tracker.rows_in("submission_queue") == 1 and tracker.rows_in("submission_retry") == 1
         assert h._replacement_abort_requested() and h._stop_event.is_set()
         assert h._submission_degraded and h._polling_degraded and h._stopped
         assert h._retry_queue == [] and h._pending_submissions == {}

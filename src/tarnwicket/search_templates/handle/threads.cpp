@@ -125,7 +125,6 @@ static object worker_loop_inner(Args& a) {
             object gen = in_sandbox([&] { return call(tmpl, {ctx}); });
             if (is_none(gen)) return none();
             object iterator = steal(PyObject_GetIter(gen.ptr()));
-            object evaluate = get_attr(ctx, ID("evaluate"));
             object lock = lock_of(self);
             while (true) {
                 bool exhausted = false;
@@ -141,7 +140,7 @@ static object worker_loop_inner(Args& a) {
                 if (exhausted) break;
                 if (event_is_set(stop_event)) return none();
                 try {
-                    call(evaluate, {expr});
+                    call_method(ctx, ID("evaluate"), {expr});
                 } catch (py::error_already_set& e) {
                     if (!ordinary(e)) throw;
                     log_warning("Expression evaluation failed: %s", {exc_value(e)});
