@@ -1,7 +1,301 @@
-#include "core/module.hpp"
+// SearchContext: what a template sees — read-only views, the analytics
+// snapshot, thresholds without silent defaults — and the fault-tolerant
+// evaluation recorder.
+#include "context/context.hpp"
+
+namespace tw::ctx {
+
+PyObject* g_require_threshold_fn = nullptr;
+
+// ---------------------------------------------------------------- thresholds
+
+object resolve_thresholds(handle thresholds, handle era_config) {
+    if (is_dict(thresholds)) return dict_copy(thresholds);
+    if (!is_none(thresholds)) raise(PyExc_ValueError, "SearchContext thresholds must be a dict");
+    object value = none();
+    if (is_dict(era_config))
+        value = dict_get(era_config, ID("thresholds"));
+    else if (!is_none(era_config))
+        value = get_attr_or_none(era_config, ID("thresholds"));
+    if (!is_dict(value)) raise(PyExc_ValueError, "SearchContext thresholds must be provided");
+    return dict_copy(value);
+}
+
+object require_threshold(handle thresholds, handle name) {
+    if (check_int(PySequence_Contains(thresholds.ptr(), name.ptr())) == 0)
+        raise(PyExc_ValueError, "SearchContext thresholds missing required threshold '" + to_std(name) + "'");
+    object value = getitem(thresholds, name);
+    if (is_bool(value) || !(is_int(value) || is_float(value)))
+        raise(PyExc_ValueError, "SearchContext threshold '" + to_std(name) + "' must be numeric");
+    return value;
+}
+
+object require_threshold_late(handle thresholds, handle name) {
+    object fn = global(ID("_require_search_threshold"));
+    if (fn.ptr() == g_require_threshold_fn) return require_threshold(thresholds, name);
+    return call(fn, {thresholds, name});
+}
+
+// ---------------------------------------------------------------- analytics
+
+object build_search_analytics(handle tracker, handle era_config) {
+    if (is_none(era_config)) return none();
+    object analytics_cls, resolve;
+    try {
+        object mod = import_module("tarnwicket.search_analytics");
+        analytics_cls = get_attr(mod, ID("SearchAnalytics"));
+        resolve = get_attr(mod, ID("_resolve_pool_configs"));
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        return none();
+    }
+    object pool_configs;
+    try {
+        pool_configs = call_kw(resolve, {}, {{ID("era_config"), era_config}});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        return none();
+    }
+    if (!truthy(pool_configs)) return none();
+    try {
+        return call(analytics_cls, {tracker, pool_configs});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        return none();
+    }
+}
+
+static object snapshot_from(handle raw) {
+    object count = int_of(0);
+    object rows = new_list();
+    if (!is_none(raw)) {
+        try {
+            object te = get_attr_or(raw, ID("total_evaluations"), int_of(0));
+            if (is_int(te)) count = te;
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Failed to read total_evaluations from stats: %s", {exc_value(e)});
+        }
+        try {
+            object r = get_attr_or(raw, ID("rows"), new_list());
+            if (is_list(r) || is_tuple(r)) rows = list_from(r);
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Failed to read rows from stats: %s", {exc_value(e)});
+        }
+    }
+    return call_kw(global(ID("_AnalyticsSnapshot")), {}, {{ID("total_evaluations"), count}, {ID("rows"), rows}});
+}
+
+// ---------------------------------------------------------------- construction
+
+static object context_init(Args& a) {
+    handle self = a.me();
+    handle vocab = a[0], universe = a[1], metaparams = a[2], depth = a[3], tracker = a[4], sync_mgr = a[5], bt = a[6],
+           thresholds = a[7], era_config = a[8], fatal_callback = a[9], submission_queue = a[10],
+           tracker_write_lock = a[11], submission_wakeup = a[12], stop_event = a[13], submission_owner = a[14],
+           replacement_abort_event = a[15];
+    set_attr(self, ID("_vocabulary"), vocab);
+    set_attr(self, ID("_universe_id"), universe);
+    set_attr(self, ID("_metaparameters"), metaparams);
+    set_attr(self, ID("_max_depth"), depth);
+    set_attr(self, ID("_tracker"), tracker);
+    set_attr(self, ID("_sync_mgr"), sync_mgr);
+    set_attr(self, ID("_backtester"), bt);
+
+    object engine = none();
+    object raw = none();
+    object getter = get_attr_or_none(tracker, ID("get_search_stats"));
+    if (PyCallable_Check(getter.ptr())) {
+        try {
+            raw = call(getter);
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Failed to get search stats: %s", {exc_value(e)});
+            raw = none();
+        }
+    } else {
+        engine = call(global(ID("_build_search_analytics_from_era_config")), {tracker, era_config});
+        if (!is_none(engine)) {
+            try {
+                raw = call_method(engine, ID("get_search_stats"));
+            } catch (py::error_already_set& e) {
+                if (!ordinary(e)) throw;
+                log_warning("Failed to get search stats: %s", {exc_value(e)});
+                raw = none();
+            }
+        } else {
+            log_warning(
+                "Failed to get search stats: tracker exposes no get_search_stats method and era_config has no "
+                "usable signal_pools.");
+        }
+    }
+    set_attr(self, ID("_analytics_engine"), engine);
+    object result_cls = import_attr("tarnwicket.search_analytics", ID("SearchStatsResult"));
+    if (is_instance(raw, result_cls))
+        set_attr(self, ID("_analytics"), raw);
+    else
+        set_attr(self, ID("_analytics"), snapshot_from(raw));
+
+    set_attr(self, ID("_thresholds"), call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}));
+    set_attr(self, ID("_era_config"), era_config);
+    set_attr(self, ID("_fatal_callback"), fatal_callback);
+    set_attr(self, ID("_submission_queue"), submission_queue);
+    set_attr(self, ID("_submission_wakeup"), submission_wakeup);
+    if (truthy(tracker_write_lock))
+        set_attr(self, ID("_tracker_write_lock"), tracker_write_lock);
+    else
+        set_attr(self, ID("_tracker_write_lock"), call(import_attr("threading", ID("RLock"))));
+    set_attr(self, ID("_stop_event"), stop_event);
+    set_attr(self, ID("_submission_owner"), submission_owner);
+    set_attr(self, ID("_replacement_abort_event"), replacement_abort_event);
+
+    set_attr(self, ID("_signal_pool_id"), call(global(ID("_first_signal_pool_id_from_era_config")), {era_config}));
+    object for_db = new_dict();
+    object items = list_from(call_method(metaparams, ID("items")));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+        handle pair = PyList_GET_ITEM(items.ptr(), i);
+        object key = getitem(pair, int_of(0));
+        object value = getitem(pair, int_of(1));
+        dict_set(for_db, key, is_none(value) ? str_of("none") : py_str(value));
+    }
+    set_attr(self, ID("_metaparams_for_db"), for_db);
+
+    object era_id;
+    if (is_none(era_config)) {
+        era_id = int_of(1);
+    } else if (is_dict(era_config)) {
+        object raw_id = dict_get(era_config, ID("era_id"), int_of(1));
+        era_id = truthy(raw_id) ? py_int(raw_id) : int_of(1);
+    } else {
+        era_id = get_attr(era_config, ID("era_id"));
+    }
+    set_attr(self, ID("_era_id"), era_id);
+    return none();
+}
+
+// ---------------------------------------------------------------- views
+
+static object get_vocabulary(Args& a) {
+    return call(import_attr("copy", ID("deepcopy")), {get_attr(a[0], ID("_vocabulary"))});
+}
+static object get_universe_id(Args& a) { return get_attr(a[0], ID("_universe_id")); }
+static object get_metaparameters(Args& a) { return get_attr(a[0], ID("_metaparameters")); }
+static object get_max_depth(Args& a) { return get_attr(a[0], ID("_max_depth")); }
+static object get_analytics(Args& a) { return get_attr(a[0], ID("_analytics")); }
+static object set_vocabulary(Args&) { raise(PyExc_AttributeError, "vocabulary is read-only"); }
+static object set_universe_id(Args&) { raise(PyExc_AttributeError, "universe_id is read-only"); }
+static object set_metaparameters(Args&) { raise(PyExc_AttributeError, "metaparameters is read-only"); }
+static object set_max_depth(Args&) { raise(PyExc_AttributeError, "max_depth is read-only"); }
+
+static object refresh_analytics(Args& a) {
+    handle self = a.me();
+    object tracker = get_attr(self, ID("_tracker"));
+    object getter = get_attr_or_none(tracker, ID("get_search_stats"));
+    object result;
+    if (PyCallable_Check(getter.ptr())) {
+        result = call(getter);
+    } else {
+        if (is_none(get_attr(self, ID("_analytics_engine"))))
+            set_attr(self, ID("_analytics_engine"),
+                     call(global(ID("_build_search_analytics_from_era_config")),
+                          {tracker, get_attr(self, ID("_era_config"))}));
+        object engine = get_attr(self, ID("_analytics_engine"));
+        if (is_none(engine))
+            raise(PyExc_AttributeError,
+                  "Cannot refresh analytics: tracker has no get_search_stats method and era_config has no usable "
+                  "signal_pools.");
+        result = call_method(engine, ID("get_search_stats"));
+    }
+    set_attr(self, ID("_analytics"), result);
+    return result;
+}
+
+bool submission_cancelled(handle self) {
+    object stop = get_attr(self, ID("_stop_event"));
+    if (!is_none(stop) && truthy(call_method(stop, ID("is_set")))) return true;
+    object abort = get_attr(self, ID("_replacement_abort_event"));
+    if (is_none(abort)) return false;
+    return truthy(call_method(abort, ID("is_set")));
+}
+
+static object f_submission_cancelled(Args& a) { return bool_of(submission_cancelled(a.me())); }
+
+static object safe_record(Args& a) {
+    handle self = a.me();
+    handle graph = a[0], passed = a[1], rejection_reason = a[2], per_column_stats = a[4];
+    object stats = borrow(a[3].ptr());
+    try {
+        if (is_none(stats)) stats = call(global(ID("_BacktestStats")));
+        object lock = get_attr(self, ID("_tracker_write_lock"));
+        call_method(lock, ID("acquire"));
+        object result;
+        try {
+            result = call_method_kw(get_attr(self, ID("_tracker")), ID("record_signal_evaluation"),
+                                    {graph, stats, get_attr(self, ID("_era_id")), passed,
+                                     get_attr(self, ID("_universe_id")), get_attr(self, ID("_metaparams_for_db"))},
+                                    {{ID("pool_id"), get_attr(self, ID("_signal_pool_id"))},
+                                     {ID("rejection_reason"), rejection_reason},
+                                     {ID("per_column_stats"), per_column_stats}});
+        } catch (...) {
+            PyObject* r = PyObject_CallMethodNoArgs(lock.ptr(), ID("release").ptr());
+            Py_XDECREF(r);
+            throw;
+        }
+        call_method(lock, ID("release"));
+        return result;
+    } catch (py::error_already_set& e) {
+        if (!matches(e, PyExc_OSError)) throw;
+        object callback = get_attr(self, ID("_fatal_callback"));
+        if (truthy(callback))
+            call(callback, {str_of("DATABASE_ERROR"),
+                            str_of("Run get_db_info() to check database state. Consider restarting the search."),
+                            str_of("Database write failed after retry: " + to_std(exc_value(e)))});
+        return none();
+    }
+}
+
+// ---------------------------------------------------------------- bindings
+
+static object f_build_analytics(Args& a) { return build_search_analytics(a[0], a[1]); }
+static object f_resolve_thresholds(Args& a) { return resolve_thresholds(a[0], a[1]); }
+static object f_require_threshold(Args& a) { return require_threshold(a[0], a[1]); }
+
+}  // namespace tw::ctx
 
 namespace tw {
 
-void register_context(handle) {}
+void register_context(handle m) {
+    using namespace ctx;
+    object cls = make_class("SearchContext", handle(reinterpret_cast<PyObject*>(&PyBaseObject_Type)),
+                            "Context passed to template functions.");
+    def_method<context_init>(cls,
+                             "__init__($self, vocab, universe, metaparams, depth, tracker, sync_mgr, bt, "
+                             "thresholds=None, era_config=None, fatal_callback=None, submission_queue=None, "
+                             "tracker_write_lock=None, submission_wakeup=None, stop_event=None, "
+                             "submission_owner=None, replacement_abort_event=None)");
+    def_property<get_vocabulary, set_vocabulary>(cls, "vocabulary", "vocabulary(self)", "vocabulary(self, value)");
+    def_property<get_universe_id, set_universe_id>(cls, "universe_id", "universe_id(self)", "universe_id(self, value)");
+    def_property<get_metaparameters, set_metaparameters>(cls, "metaparameters", "metaparameters(self)",
+                                                         "metaparameters(self, value)");
+    def_property<get_max_depth, set_max_depth>(cls, "max_depth", "max_depth(self)", "max_depth(self, value)");
+    def_property<get_analytics>(cls, "analytics", "analytics(self)");
+    def_method<refresh_analytics>(cls, "refresh_analytics($self)");
+    def_method<f_submission_cancelled>(cls, "_submission_cancelled($self)");
+    def_method<safe_record>(cls,
+                            "_safe_record($self, graph, passed_thresholds, rejection_reason=None, stats=None, "
+                            "per_column_stats=None)");
+    register_evaluate(cls);
+
+    // Helpers that need no context: module functions, also reachable from the class.
+    object build = def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
+    object resolve = def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
+    object require = def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
+    g_require_threshold_fn = require.ptr();
+    set_attr(cls, ID("_build_search_analytics_from_era_config"), steal(PyStaticMethod_New(build.ptr())));
+    set_attr(cls, ID("_resolve_search_thresholds"), steal(PyStaticMethod_New(resolve.ptr())));
+    set_attr(cls, ID("_require_search_threshold"), steal(PyStaticMethod_New(require.ptr())));
+    set_global("SearchContext", cls);
+}
 
 }  // namespace tw

@@ -1,7 +1,210 @@
-#include "core/module.hpp"
+// The submission payload: its stored JSON form, the row schema, the local
+// contract gate before any request, and the small operations the pipeline
+// shares.
+#include "submission/payload.hpp"
+
+#include "context/metric_contract.hpp"
+
+namespace tw::payload {
+
+static PyObject* g_serialize_fn = nullptr;
+static PyObject* g_persistent_fn = nullptr;
+
+object serialize(handle payload) {
+    object dumps = import_attr("json", ID("dumps"));
+    return call_kw(dumps, {payload}, {{ID("sort_keys"), handle(Py_True)}, {ID("default"), handle(reinterpret_cast<PyObject*>(&PyUnicode_Type))}});
+}
+
+object serialize_late(handle payload) {
+    object fn = global(ID("_serialize_submission_payload"));
+    if (fn.ptr() == g_serialize_fn) return serialize(payload);
+    return call(fn, {payload});
+}
+
+bool uses_persistent_store(handle tracker) {
+    // An absent attribute and a None connection both mean "not persistent".
+    return !is_none(get_attr_or_none(tracker, ID("_conn")));
+}
+
+bool uses_persistent_store_late(handle tracker) {
+    object fn = global(ID("_tracker_uses_persistent_store"));
+    if (fn.ptr() == g_persistent_fn) return uses_persistent_store(tracker);
+    return truthy(call(fn, {tracker}));
+}
+
+static const char* kTransient[] = {"_queue_id",       "retry_id",           "retry_count",         "retry_after",
+                                   "_journal_replay", "_source_created_at", "_source_payload_json"};
+
+object for_storage(handle payload) {
+    object out = new_dict();
+    PyObject *k, *v;
+    Py_ssize_t pos = 0;
+    while (PyDict_Next(payload.ptr(), &pos, &k, &v)) {
+        bool transient = false;
+        if (PyUnicode_Check(k))
+            for (auto t : kTransient)
+                if (PyUnicode_CompareWithASCIIString(k, t) == 0) transient = true;
+        if (!transient) dict_set(out, k, v);
+    }
+    return out;
+}
+
+object load(handle payload_json) {
+    if (!truthy(payload_json)) raise(PyExc_ValueError, "payload_json must not be empty");
+    object decoded = call(import_attr("json", ID("loads")), {payload_json});
+    if (!is_dict(decoded)) raise(PyExc_ValueError, "payload_json must decode to an object");
+    return decoded;
+}
+
+[[noreturn]] static void raise_row_schema(handle source_kind, handle missing, handle row_id) {
+    object exc = call_kw(global(ID("RowSchemaError")), {source_kind}, {{ID("missing"), missing}, {ID("row_id"), row_id}});
+    raise_obj(exc);
+}
+
+void require_typed_keys(handle payload, handle source_kind, handle row_id) {
+    object required = global(ID("_REQUIRED_ROW_PAYLOAD_KEYS"));
+    if (!is_dict(payload)) raise_row_schema(source_kind, required, row_id);
+    object missing = new_list();
+    object it = steal(PyObject_GetIter(required.ptr()));
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object key = steal(raw);
+        if (check_int(PyDict_Contains(payload.ptr(), key.ptr())) == 0) list_append(missing, key);
+    }
+    if (PyErr_Occurred()) throw_py();
+    if (PyList_GET_SIZE(missing.ptr()) > 0) raise_row_schema(source_kind, missing, row_id);
+}
+
+static object first_truthy(std::initializer_list<handle> values) {
+    for (auto v : values)
+        if (v && truthy(v)) return borrow(v.ptr());
+    return none();
+}
+
+object resolve_pool_ids(handle conn, handle payload) {
+    object submission_type = dict_get(payload, ID("submission_type"));
+    object eval_id = dict_get(payload, ID("eval_id"));
+    if (is_str(submission_type) && PyUnicode_CompareWithASCIIString(submission_type.ptr(), "strategy") == 0) {
+        object cur = call_method(conn, ID("execute"),
+                                 {str_of("SELECT strategy_pool_id, signal_pool_id FROM strategy_evaluations WHERE eval_id=?"),
+                                  tuple_of({eval_id})});
+        object row = call_method(cur, ID("fetchone"));
+        object row_pool = is_none(row) ? none() : getitem(row, int_of(0));
+        object row_signal = is_none(row) ? none() : getitem(row, int_of(1));
+        object pool_id = first_truthy({dict_get(payload, ID("pool_id")), dict_get(payload, ID("strategy_pool_id")), row_pool});
+        object payload_signal = dict_get(payload, ID("signal_pool_id"));
+        object signal_pool_id = truthy(payload_signal) ? payload_signal : row_signal;
+        if (!truthy(signal_pool_id)) raise(PyExc_ValueError, "signal_pool_id must be a non-empty string");
+        return tuple_of({pool_id, signal_pool_id});
+    }
+    object cur = call_method(conn, ID("execute"),
+                             {str_of("SELECT pool_id FROM signal_evaluations WHERE eval_id=?"), tuple_of({eval_id})});
+    object row = call_method(cur, ID("fetchone"));
+    object row_pool = is_none(row) ? none() : getitem(row, int_of(0));
+    object pool_id = first_truthy({dict_get(payload, ID("pool_id")), dict_get(payload, ID("signal_pool_id")), row_pool});
+    return tuple_of({pool_id, none()});
+}
+
+static bool has_key(handle d, const char* key) {
+    object k = str_of(key);
+    return check_int(PyDict_Contains(d.ptr(), k.ptr())) == 1;
+}
+
+void validate_submit_contract(handle kwargs) {
+    if (!is_dict(kwargs)) raise(PyExc_TypeError, "submission keyword arguments must be a dict");
+    if (has_key(kwargs, "is_pnl_mi_values"))
+        raise(PyExc_ValueError, "is_pnl_mi_values is no longer supported; provide is_pnl_mi as a scalar");
+    if (has_key(kwargs, "is_mi_values"))
+        raise(PyExc_ValueError, "is_mi_values is no longer supported; provide is_pnl_mi as a scalar");
+    if (has_key(kwargs, "is_mi")) raise(PyExc_ValueError, "is_mi is no longer supported; provide is_pnl_mi as a scalar");
+    if (!has_key(kwargs, "signal_pool_id")) raise(PyExc_ValueError, "signal_pool_id is required");
+    object pool = dict_get(kwargs, ID("signal_pool_id"));
+    if (!is_nonempty_str(pool)) raise(PyExc_ValueError, "signal_pool_id must be a non-empty string");
+    if (!has_key(kwargs, "is_stats")) raise(PyExc_ValueError, "is_stats is required");
+    object is_stats = dict_get(kwargs, ID("is_stats"));
+    if (!is_dict(is_stats)) raise(PyExc_ValueError, "is_stats must be a dict");
+    if (metrics::has_disallowed_mi_field(is_stats)) raise(PyExc_ValueError, "is_stats must not contain MI contract fields");
+    if (metrics::has_non_finite_number(is_stats)) raise(PyExc_ValueError, "is_stats values must be finite numbers");
+    if (!has_key(kwargs, "is_pnl_mi")) raise(PyExc_ValueError, "is_pnl_mi is required");
+    if (!metrics::is_finite_number(dict_get(kwargs, ID("is_pnl_mi"))))
+        raise(PyExc_ValueError, "is_pnl_mi must be a finite scalar number");
+    if (!has_key(kwargs, "expression_elapsed_seconds")) raise(PyExc_ValueError, "expression_elapsed_seconds is required");
+    object elapsed = dict_get(kwargs, ID("expression_elapsed_seconds"));
+    if (!PyFloat_CheckExact(elapsed.ptr()) || !std::isfinite(PyFloat_AS_DOUBLE(elapsed.ptr())) ||
+        PyFloat_AS_DOUBLE(elapsed.ptr()) <= 0.0)
+        raise(PyExc_ValueError, "expression_elapsed_seconds must be a positive float");
+}
+
+object submit_kwargs(handle payload, handle allowed) {
+    object source = dict_copy(payload);
+    call(global(ID("_validate_submit_contract_kwargs")), {source});
+    object defaults = global(ID("_SUBMIT_KWARG_DEFAULTS"));
+    object out = new_dict();
+    object it = steal(PyObject_GetIter(allowed.ptr()));
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object key = steal(raw);
+        PyObject* v = PyDict_GetItemWithError(source.ptr(), key.ptr());
+        if (!v && PyErr_Occurred()) throw_py();
+        if (v) {
+            dict_set(out, key, v);
+            continue;
+        }
+        PyObject* d = PyDict_GetItemWithError(defaults.ptr(), key.ptr());
+        if (!d && PyErr_Occurred()) throw_py();
+        if (d) {
+            dict_set(out, key, d);
+            continue;
+        }
+        raise(PyExc_ValueError, to_std(key) + " is required");
+    }
+    if (PyErr_Occurred()) throw_py();
+    return out;
+}
+
+void backoff_sleep(handle seconds) {
+    double s = as_double(seconds);
+    double cap = as_double(global(ID("SUBMISSION_POLL_INTERVAL")));
+    call(import_attr("time", ID("sleep")), {float_of(std::min(s, cap))});
+}
+
+// ---------------------------------------------------------------- bindings
+
+static object f_serialize(Args& a) { return serialize(a[0]); }
+static object f_for_storage(Args& a) {
+    if (!is_dict(a[0])) raise(PyExc_TypeError, "payload must be a dict");
+    return for_storage(a[0]);
+}
+static object f_load(Args& a) { return load(a[0]); }
+static object f_require_keys(Args& a) {
+    require_typed_keys(a[0], a[1], a[2]);
+    return none();
+}
+static object f_resolve_pools(Args& a) { return resolve_pool_ids(a[0], a[1]); }
+static object f_validate(Args& a) {
+    validate_submit_contract(a[0]);
+    return none();
+}
+static object f_submit_kwargs(Args& a) { return submit_kwargs(a[0], a[1]); }
+static object f_persistent(Args& a) { return bool_of(uses_persistent_store(a[0])); }
+static object f_backoff_sleep(Args& a) {
+    backoff_sleep(a[0]);
+    return none();
+}
+
+}  // namespace tw::payload
 
 namespace tw {
 
-void register_payload(handle) {}
+void register_payload(handle m) {
+    using namespace payload;
+    g_serialize_fn = def_function<f_serialize>(m, "_serialize_submission_payload(payload)").release().ptr();
+    def_function<f_for_storage>(m, "_submission_payload_for_storage(payload)");
+    def_function<f_load>(m, "_load_submission_payload(payload_json)");
+    def_function<f_require_keys>(m, "_require_payload_typed_keys(payload, source_kind, row_id)");
+    def_function<f_resolve_pools>(m, "_resolve_submission_pool_ids(conn, payload)");
+    def_function<f_validate>(m, "_validate_submit_contract_kwargs(kwargs)");
+    def_function<f_submit_kwargs>(m, "_submit_kwargs_from_payload(payload, allowed)");
+    g_persistent_fn = def_function<f_persistent>(m, "_tracker_uses_persistent_store(tracker)").release().ptr();
+    def_function<f_backoff_sleep>(m, "_submission_backoff_sleep(seconds)");
+}
 
 }  // namespace tw

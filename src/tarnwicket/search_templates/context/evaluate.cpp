@@ -1,0 +1,327 @@
+// The path of one expression graph: shape checks, time budget, backtest,
+// rejection tiers, metric contract, record and durable enqueue.
+#include "context/context.hpp"
+#include "context/metric_contract.hpp"
+#include "submission/payload.hpp"
+
+namespace tw::ctx {
+
+namespace {
+
+bool is_text(handle o, const char* s) { return is_str(o) && PyUnicode_CompareWithASCIIString(o.ptr(), s) == 0; }
+
+bool greater(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_GT)) == 1; }
+bool less(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LT)) == 1; }
+bool is_number(handle o) { return is_int(o) || is_float(o); }
+
+// Names of the vocabulary's functions; one cached set for the shared list.
+struct NameCache {
+    PyObject* list = nullptr;  // strong reference
+    Py_ssize_t size = -1;
+    PyObject* names = nullptr;  // frozenset
+};
+NameCache g_names;
+
+object function_names(handle functions) {
+    Py_ssize_t n = PyObject_Length(functions.ptr());
+    if (n < 0) throw_py();
+    if (g_names.list == functions.ptr() && g_names.size == n) return borrow(g_names.names);
+    object names = steal(PySet_New(nullptr));
+    object it = steal(PyObject_GetIter(functions.ptr()));
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object entry = steal(raw);
+        object name = is_dict(entry) ? dict_get(entry, ID("name")) : get_attr_or_none(entry, ID("name"));
+        if (PyObject_Hash(name.ptr()) == -1) {
+            PyErr_Clear();
+            continue;
+        }
+        check_int(PySet_Add(names.ptr(), name.ptr()));
+    }
+    if (PyErr_Occurred()) throw_py();
+    if (is_list(functions)) {
+        Py_XDECREF(g_names.list);
+        Py_XDECREF(g_names.names);
+        g_names.list = functions.inc_ref().ptr();
+        g_names.size = n;
+        g_names.names = names.inc_ref().ptr();
+    }
+    return names;
+}
+
+object reject(handle self, handle graph, handle reason) {
+    call_method_kw(self, ID("_safe_record"), {graph, handle(Py_False)}, {{ID("rejection_reason"), reason}});
+    return none();
+}
+object reject(handle self, handle graph, const char* reason) { return reject(self, graph, str_of(reason)); }
+
+bool well_shaped(handle graph) {
+    if (!is_dict(graph) || PyDict_GET_SIZE(graph.ptr()) == 0) return false;
+    if (check_int(PyDict_Contains(graph.ptr(), ID("type").ptr())) == 0) return false;
+    PyObject *k, *v;
+    Py_ssize_t pos = 0;
+    while (PyDict_Next(graph.ptr(), &pos, &k, &v)) {
+        if (!PyUnicode_Check(k)) return false;
+        if (PyUnicode_CompareWithASCIIString(k, "type") != 0 && PyUnicode_CompareWithASCIIString(k, "node") != 0 &&
+            PyUnicode_CompareWithASCIIString(k, "children") != 0)
+            return false;
+    }
+    return true;
+}
+
+object budget_of(handle era_config) {
+    if (is_none(era_config)) return none();
+    if (is_dict(era_config)) return dict_get(era_config, ID("max_expression_generation_seconds"));
+    return get_attr_or_none(era_config, ID("max_expression_generation_seconds"));
+}
+
+// A module function reached through the namespace; direct when unreplaced.
+object late(handle name, PyObject* original, object (*direct)(handle), handle arg) {
+    object fn = global(name);
+    if (fn.ptr() == original) return direct(arg);
+    return call(fn, {arg});
+}
+
+PyObject* g_collect_fn = nullptr;
+PyObject* g_factor_fn = nullptr;
+PyObject* g_per_column_fn = nullptr;
+PyObject* g_pnl_mi_fn = nullptr;
+
+object collect_direct(handle s) {
+    auto [v, r] = metrics::collect_required(s);
+    return tuple_of({v, r});
+}
+
+}  // namespace
+
+static object evaluate(Args& a) {
+    handle self = a.me();
+    handle graph = a[0];
+    if (!well_shaped(graph)) return reject(self, graph, "invalid_input");
+    object vocabulary = get_attr(self, ID("_vocabulary"));
+    object empty = str_of("");
+    object type = dict_get(graph, ID("type"), empty);
+    if (is_text(type, "rotation") || is_text(type, "filtration") || is_text(type, "reduction")) {
+        object functions = is_dict(vocabulary) ? dict_get(vocabulary, ID("functions"), new_list())
+                                               : mapping_get(vocabulary, ID("functions"), new_list());
+        if (truthy(functions)) {
+            object node = dict_get(graph, ID("node"), empty);
+            object names = function_names(functions);
+            bool known = PyObject_Hash(node.ptr()) != -1 && check_int(PySet_Contains(names.ptr(), node.ptr())) == 1;
+            if (PyErr_Occurred()) PyErr_Clear();
+            if (!known) return reject(self, graph, "unknown_function");
+        }
+    }
+
+    object bt = get_attr(self, ID("_backtester"));
+    double t0 = monotonic();
+    try {
+        call_method(bt, ID("evaluate_expression"), {graph});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_error_exc("evaluate_expression_failed", e);
+        return reject(self, graph, "evaluate_expression_failed");
+    }
+    object elapsed = float_of(monotonic() - t0);
+    object max_expr_secs = budget_of(get_attr(self, ID("_era_config")));
+    if (is_none(max_expr_secs))
+        raise(PyExc_ValueError, "era config missing required field: max_expression_generation_seconds");
+    if (greater(elapsed, max_expr_secs)) {
+        object extra = new_dict();
+        dict_set(extra, ID("elapsed"), elapsed);
+        dict_set(extra, ID("threshold"), max_expr_secs);
+        dict_set(extra, ID("rejection_reason"), str_of("expression_too_slow"));
+        call_method_kw(logger(), ID("warning"), {str_of("Expression rejected: timing breach")}, {{ID("extra"), extra}});
+        return reject(self, graph, "expression_too_slow");
+    }
+
+    object bt_stats = none();
+    object failure_reason = none();
+    try {
+        bt_stats = call_method(bt, ID("run_backtest"), {graph});
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        log_warning("Backtest failed: %s", {exc_value(e)});
+        failure_reason = str_of("backtest_failed: " + to_std(exc_value(e)));
+    }
+    if (is_none(bt_stats))
+        return reject(self, graph, is_nonempty_str(failure_reason) ? handle(failure_reason) : handle(str_of("backtester_unavailable")));
+
+    object reason = call_method(self, ID("_derive_rejection_reason"), {bt_stats});
+    if (!is_none(reason)) return reject(self, graph, reason);
+    object correlation = get_attr_or_none(bt_stats, ID("correlation"));
+    if (is_number(correlation)) {
+        object limit = require_threshold_late(get_attr(self, ID("_thresholds")), ID("correlation_max"));
+        if (greater(correlation, limit)) return reject(self, graph, "correlation_exceeded");
+    }
+
+    object sync_mgr = get_attr(self, ID("_sync_mgr"));
+    if (!is_none(sync_mgr)) {
+        try {
+            call_method(sync_mgr, ID("request_for_sync"));
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Failed to request sync files: %s", {exc_value(e)});
+        }
+    }
+
+    object collected = late(ID("_collect_required_backtest_stats"), g_collect_fn, collect_direct, bt_stats);
+    object stats_dict = getitem(collected, int_of(0));
+    object stats_reason = getitem(collected, int_of(1));
+    if (!is_none(stats_reason)) return reject(self, graph, stats_reason);
+    object factor_pnl = late(ID("_normalize_factor_pnl"), g_factor_fn, metrics::normalize_factor_pnl,
+                             get_attr_or_none(bt_stats, ID("factor_pnl")));
+    object per_column = late(ID("_normalize_per_column_stats"), g_per_column_fn, metrics::normalize_per_column_stats,
+                             get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));
+    object result = call_kw(global(ID("BacktestResult")), {},
+                            {{ID("expression"), graph},
+                             {ID("passed"), handle(Py_True)},
+                             {ID("stats"), stats_dict},
+                             {ID("factor_pnl"), factor_pnl},
+                             {ID("per_column_stats"), per_column},
+                             {ID("submitted"), handle(Py_False)}});
+
+    if (submission_cancelled(self)) return none();
+    object recorded = call_method(self, ID("_safe_record"), {graph, handle(Py_True)});
+    if (submission_cancelled(self)) return result;
+    object eval_id = is_none(recorded) ? py_str(call(import_attr("uuid", ID("uuid4")))) : recorded;
+
+    object era_id = get_attr(self, ID("_era_id"));
+    object payload = new_dict();
+    dict_set(payload, ID("eval_id"), eval_id);
+    dict_set(payload, ID("submission_type"), str_of("signal"));
+    dict_set(payload, ID("graph"), graph);
+    dict_set(payload, ID("universe_id"), get_attr(self, ID("_universe_id")));
+    dict_set(payload, ID("signal_pool_id"), get_attr(self, ID("_signal_pool_id")));
+    dict_set(payload, ID("is_stats"), stats_dict);
+    dict_set(payload, ID("is_pnl_mi"), late(ID("_is_pnl_mi_from_backtest_stats"), g_pnl_mi_fn,
+                                            metrics::is_pnl_mi_from_stats, bt_stats));
+    dict_set(payload, ID("metaparameters"), get_attr(self, ID("_metaparams_for_db")));
+    dict_set(payload, ID("search_state"), new_dict());
+    dict_set(payload, ID("era_id"), era_id);
+    dict_set(payload, ID("expression_elapsed_seconds"), elapsed);
+    object owner = get_attr(self, ID("_submission_owner"));
+    if (!is_none(owner)) dict_set(payload, ID("_submission_owner"), owner);
+
+    object lock = get_attr(self, ID("_tracker_write_lock"));
+    call_method(lock, ID("acquire"));
+    try {
+        if (!submission_cancelled(self)) {
+            object tracker = get_attr(self, ID("_tracker"));
+            if (!payload::uses_persistent_store_late(tracker))
+                call_method(tracker, ID("enqueue_submission"), {payload});
+            else
+                call_method(tracker, ID("enqueue_submission"),
+                            {eval_id, dict_get(payload, ID("submission_type")), payload::serialize_late(payload), era_id});
+            if (!submission_cancelled(self)) {
+                object queue = get_attr(self, ID("_submission_queue"));
+                if (!is_none(queue)) {
+                    call_method(queue, ID("put"), {dict_copy(payload)});
+                    object wakeup = get_attr(self, ID("_submission_wakeup"));
+                    if (!is_none(wakeup)) call_method(wakeup, ID("set"));
+                }
+            }
+        }
+    } catch (...) {
+        PyObject* r = PyObject_CallMethodNoArgs(lock.ptr(), ID("release").ptr());
+        Py_XDECREF(r);
+        throw;
+    }
+    call_method(lock, ID("release"));
+    return result;
+}
+
+// ---------------------------------------------------------------- rejection tiers
+
+namespace {
+
+object entry_get(handle entry, const char* key, handle dflt) { return dict_get(entry, str_of(key), dflt); }
+
+// First failing entry of a metric record, or a null object.
+std::pair<object, object> first_failed(handle record) {
+    if (!is_dict(record)) return {object(), object()};
+    object items = list_from(steal(PyDict_Items(record.ptr())));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+        handle pair = PyList_GET_ITEM(items.ptr(), i);
+        handle name = PyTuple_GET_ITEM(pair.ptr(), 0);
+        handle entry = PyTuple_GET_ITEM(pair.ptr(), 1);
+        if (!is_dict(entry)) continue;
+        if (!truthy(entry_get(entry, "passed", Py_True))) return {borrow(name.ptr()), borrow(entry.ptr())};
+    }
+    return {object(), object()};
+}
+
+// "<prefix><name>_below_min" or "_above_max" by the entry's limits.
+object limit_reason(const std::string& prefix, handle name, handle entry) {
+    object mn = entry_get(entry, "min", Py_None);
+    object mx = entry_get(entry, "max", Py_None);
+    object value = entry_get(entry, "value", int_of(0));
+    std::string base = prefix + to_std(name);
+    if (!is_none(mn) && less(value, mn)) return str_of(base + "_below_min");
+    if (!is_none(mx) && greater(value, mx)) return str_of(base + "_above_max");
+    return str_of(base + "_below_min");
+}
+
+}  // namespace
+
+static object derive_rejection_reason(Args& a) {
+    handle self = a.me();
+    handle stats = a[0];
+    object thresholds = get_attr(self, ID("_thresholds"));
+    bool passed = truthy(get_attr_or(stats, ID("passed"), Py_True));
+
+    static const char* tier1[][3] = {{"turnover", "turnover_max", "turnover_exceeded"},
+                                     {"delta_exposure", "delta_exposure_max", "delta_exposure_exceeded"},
+                                     {"max_weight", "max_weight_max", "max_weight_exceeded"}};
+    object zero = float_of(0.0);
+    for (auto& row : tier1) {
+        object value = get_attr_or(stats, str_of(row[0]), zero);
+        object limit = require_threshold_late(thresholds, str_of(row[1]));
+        if (is_number(value) && greater(value, limit)) return str_of(row[2]);
+    }
+
+    object empty = new_dict();
+    auto [wq_name, wq_entry] = first_failed(get_attr_or(stats, ID("weight_quality_metrics"), empty));
+    if (wq_entry) {
+        if (is_none(entry_get(wq_entry, "value", Py_None))) return str_of("invalid_weights");
+        return str_of("weight_quality_" + to_std(wq_name) + "_exceeded");
+    }
+    auto [liq_name, liq_entry] = first_failed(get_attr_or(stats, ID("liquidity_metrics"), empty));
+    if (liq_entry) return limit_reason("liquidity_", liq_name, liq_entry);
+
+    object custom = get_attr_or(stats, ID("custom_stats"), empty);
+    auto [custom_name, custom_entry] = first_failed(custom);
+    bool has_custom_failure = static_cast<bool>(custom_entry);
+    object correlation = get_attr_or_none(stats, ID("correlation"));
+    bool has_correlation_failure = false;
+    if (is_number(correlation))
+        has_correlation_failure = greater(correlation, require_threshold_late(thresholds, ID("correlation_max")));
+
+    if (!passed && !has_custom_failure && !has_correlation_failure) {
+        object era_config = get_attr(self, ID("_era_config"));
+        if (!is_none(era_config)) {
+            object rules = get_attr(era_config, ID("column_threshold_rules"));
+            if (truthy(rules)) {
+                object rule = getitem(rules, int_of(0));
+                object column = mapping_get(rule, ID("column"), str_of("gross_returns"));
+                object stat = mapping_get(rule, ID("stat"), str_of("sharpe"));
+                return str_of(to_std(column) + "_" + to_std(stat) + "_below_min");
+            }
+        }
+        return str_of("gross_returns_sharpe_below_min");
+    }
+    if (has_custom_failure) return limit_reason("custom_stat_", custom_name, custom_entry);
+    if (has_correlation_failure) return str_of("correlation_exceeded");
+    if (!passed) return str_of("gross_returns_sharpe_below_min");
+    return none();
+}
+
+void register_evaluate(handle cls) {
+    def_method<evaluate>(cls, "evaluate($self, expr_graph)");
+    def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
+    g_collect_fn = global(ID("_collect_required_backtest_stats")).ptr();
+    g_factor_fn = global(ID("_normalize_factor_pnl")).ptr();
+    g_per_column_fn = global(ID("_normalize_per_column_stats")).ptr();
+    g_pnl_mi_fn = global(ID("_is_pnl_mi_from_backtest_stats")).ptr();
+}
+
+}  // namespace tw::ctx

@@ -1,0 +1,21 @@
+// Submission payload operations shared by evaluation and the pipeline.
+#pragma once
+
+#include "core/module.hpp"
+
+namespace tw::payload {
+
+object serialize(handle payload);
+// Through the module namespace, obeying a replaced `_serialize_submission_payload`.
+object serialize_late(handle payload);
+bool uses_persistent_store(handle tracker);
+bool uses_persistent_store_late(handle tracker);
+object for_storage(handle payload);
+object load(handle payload_json);
+void require_typed_keys(handle payload, handle source_kind, handle row_id);
+object resolve_pool_ids(handle conn, handle payload);
+void validate_submit_contract(handle kwargs);
+object submit_kwargs(handle payload, handle allowed);
+void backoff_sleep(handle seconds);
+
+}  // namespace tw::payload
