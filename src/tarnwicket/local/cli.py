@@ -104,7 +104,7 @@ def run_search(args) -> int:
     except Exception as exc:                      # a start-up refusal, told in one line
         _err(f"the search did not start: {exc}")
         return EXIT_FAILED
-    evaluated, elapsed, failure = _watch(handle, args.seconds)
+    evaluated, elapsed, failure = _watch(handle, args.seconds, runtime)
     try:
         handle.stop()
     except Exception as exc:
@@ -116,8 +116,12 @@ def run_search(args) -> int:
     return EXIT_OK
 
 
-def _watch(handle, seconds: float):
+def _watch(handle, seconds: float, runtime=None):
     """Show progress until the time limit or Ctrl-C; return (evaluated, elapsed, failure)."""
+    from .summary import LiveCounts, find_store, progress_line
+
+    db_path = find_store(runtime.search_tracker, runtime.data_dir) if runtime is not None else None
+    counts = LiveCounts(db_path, time.time())
     tty = sys.stdout.isatty()
     start = time.monotonic()
     baseline = None
@@ -137,9 +141,8 @@ def _watch(handle, seconds: float):
                 baseline = s.total_evaluated
             evaluated = s.total_evaluated - baseline
             rate = evaluated / elapsed if elapsed > 0 else 0.0
-            from .summary import progress_line
-            line = progress_line(evaluated, rate, s.total_found, s.submission_queued,
-                                 len(s.errors), elapsed, seconds)
+            found, queued = counts.read()
+            line = progress_line(evaluated, rate, found, queued, len(s.errors), elapsed, seconds)
             if tty:
                 print("\r" + line.ljust(100), end="", flush=True)
             elif now - last_print >= 5.0:
@@ -150,6 +153,7 @@ def _watch(handle, seconds: float):
             time.sleep(min(0.5, max(seconds - elapsed, 0.01)))
     except KeyboardInterrupt:
         print("\nInterrupted; stopping ...", flush=True)
+    counts.close()
     if tty:
         print()
     return evaluated, time.monotonic() - start, failure

@@ -30,6 +30,36 @@ def progress_line(evaluated: int, rate: float, found: int, queued: int, errors: 
             f"{rate:,.0f}/s  signals {found:,}  queued {queued:,}  errors {errors}")
 
 
+class LiveCounts:
+    """Signals passed in this run and rows waiting in the queue, read from the store."""
+
+    def __init__(self, db_path: str | None, since: float):
+        self.since = since
+        self.conn = None
+        if db_path:
+            import sqlite3
+
+            try:
+                self.conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, check_same_thread=False)
+            except sqlite3.Error:
+                self.conn = None
+
+    def read(self) -> tuple[int, int]:
+        if self.conn is None:
+            return 0, 0
+        try:
+            found = self.conn.execute("SELECT COUNT(*) FROM signal_evaluations WHERE passed=1 AND created_at>=?",
+                                      (self.since,)).fetchone()[0]
+            queued = self.conn.execute("SELECT COUNT(*) FROM submission_queue").fetchone()[0]
+            return int(found), int(queued)
+        except Exception:
+            return 0, 0
+
+    def close(self) -> None:
+        if self.conn is not None:
+            self.conn.close()
+
+
 def find_store(tracker: Any, data_dir: str) -> str | None:
     path = getattr(tracker, "_db_path", None)
     if isinstance(path, str) and os.path.exists(path):
