@@ -1,0 +1,34 @@
+"""The main job: `python -m tarnwicket search` on the local runtime."""
+
+import os
+import sqlite3
+import subprocess
+import sys
+
+
+def run_command(*args, timeout=120):
+    env = dict(os.environ, PYTHONUNBUFFERED="1")
+    return subprocess.run([sys.executable, "-m", "tarnwicket", "search", *args], capture_output=True, text=True,
+                          timeout=timeout, env=env)
+
+
+def test_a_short_local_search_records_passes_and_queues_them(tmp_path):
+    data_dir = tmp_path / "local"
+    done = run_command("--seconds", "6", "--jobs", "2", "--seed", "7", "--data-dir", str(data_dir))
+    assert done.returncode == 0, done.stderr
+    assert "Traceback" not in done.stderr
+    assert "evaluated" in done.stdout and str(data_dir) in done.stdout
+    db = sqlite3.connect(str(data_dir / "search_tracking.db"))
+    evaluated = db.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
+    passed = db.execute("SELECT COUNT(*) FROM signal_evaluations WHERE passed=1").fetchone()[0]
+    queued = db.execute("SELECT COUNT(*) FROM submission_queue").fetchone()[0]
+    assert evaluated > 100 and passed >= 1 and queued >= 1
+
+
+def test_bad_options_give_one_line(tmp_path):
+    blocker = tmp_path / "file"
+    blocker.write_text("x")
+    for args in (["--jobs", "0"], ["--data-dir", str(blocker)]):
+        done = run_command(*args, "--seconds", "1")
+        assert done.returncode == 2
+        assert len(done.stderr.strip().splitlines()) == 1 and "Traceback" not in done.stderr
