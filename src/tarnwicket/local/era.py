@@ -14,6 +14,8 @@ import os
 import secrets
 import struct
 
+from .files import write_atomically
+
 SEED_FILE = "shuffle_seed.enc"
 WALLET_FILE = "local_wallet.key"
 SEED_LENGTH = 60
@@ -121,15 +123,4 @@ def ensure_seed_file(data_dir: str, wallet_secret: bytes, era_id: int = LOCAL_ER
 
 
 def _write_private(path: str, data: bytes) -> None:
-    tmp = f"{path}.{os.getpid()}.tmp"
-    fd = os.open(tmp, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600)
-    try:
-        with os.fdopen(fd, "wb") as fh:
-            fh.write(data)
-            fh.flush()
-            os.fsync(fh.fileno())
-        os.replace(tmp, path)
-    except BaseException:
-        if os.path.exists(tmp):
-            os.unlink(tmp)
-        raise
+    write_atomically(path, lambda fh: fh.write(data), private=True)

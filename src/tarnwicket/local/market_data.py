@@ -12,10 +12,11 @@ Arrays are time-major: shape (days, instruments).
 from __future__ import annotations
 
 import os
-import tempfile
 from dataclasses import dataclass
 
 import numpy as np
+
+from .files import write_atomically
 
 UNIVERSE_ID = "universe_top50"
 PANEL_FILE = "panel.npz"
@@ -148,20 +149,8 @@ def panel_path(data_dir: str, universe_id: str = UNIVERSE_ID) -> str:
 
 def save_panel(panel: Panel, path: str) -> None:
     """Write atomically: a temporary file in the same directory, then rename."""
-    directory = os.path.dirname(path)
-    os.makedirs(directory, exist_ok=True)
-    fd, tmp = tempfile.mkstemp(prefix=".panel-", suffix=".tmp", dir=directory)
-    try:
-        with os.fdopen(fd, "wb") as fh:
-            np.savez(fh, dates=panel.dates, symbols=panel.symbols, sector=panel.sector,
-                     **{name: getattr(panel, name) for name in PRICE_FIELDS})
-            fh.flush()
-            os.fsync(fh.fileno())
-        os.replace(tmp, path)
-    except BaseException:
-        if os.path.exists(tmp):
-            os.unlink(tmp)
-        raise
+    write_atomically(path, lambda fh: np.savez(fh, dates=panel.dates, symbols=panel.symbols, sector=panel.sector,
+                                               **{name: getattr(panel, name) for name in PRICE_FIELDS}))
 
 
 def load_panel(path: str) -> Panel:

@@ -10,11 +10,10 @@ filtration input, an engine-only transform and one with a variadic input.
 from __future__ import annotations
 
 import json
-import os
-import tempfile
 
 import numpy as np
 
+from .files import write_atomically
 from .features import FEATURES, feature_hash, feature_stats
 from .operators import OPERATORS, Operator
 
@@ -109,16 +108,4 @@ def build_vocabulary(features: dict[str, np.ndarray], universe_id: str) -> dict:
 
 
 def write_vocabulary(vocab: dict, path: str) -> None:
-    directory = os.path.dirname(path)
-    os.makedirs(directory, exist_ok=True)
-    fd, tmp = tempfile.mkstemp(prefix=".vocabulary-", suffix=".tmp", dir=directory)
-    try:
-        with os.fdopen(fd, "w", encoding="utf-8") as fh:
-            json.dump(vocab, fh, indent=1, sort_keys=False)
-            fh.flush()
-            os.fsync(fh.fileno())
-        os.replace(tmp, path)
-    except BaseException:
-        if os.path.exists(tmp):
-            os.unlink(tmp)
-        raise
+    write_atomically(path, lambda fh: json.dump(vocab, fh, indent=1, sort_keys=False), binary=False)
