@@ -8,7 +8,6 @@ import logging
 import os
 import threading
 import time
-from typing import Any
 
 logger = logging.getLogger(__name__)
 
