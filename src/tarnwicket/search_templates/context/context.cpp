@@ -30,7 +30,13 @@ object require_threshold(handle thresholds, handle name) {
     return value;
 }
 
-object require_threshold_late(handle thresholds, handle name) {
+static PyObject* g_class_require_fn = nullptr;
+
+object require_threshold_late(handle self, handle thresholds, handle name) {
+    // The class's own static forwards to the module function; a replacement of
+    // either is obeyed.
+    object via_instance = get_attr(self, ID("_require_search_threshold"));
+    if (via_instance.ptr() != g_class_require_fn) return call(via_instance, {thresholds, name});
     object fn = global(ID("_require_search_threshold"));
     if (fn.ptr() == g_require_threshold_fn) return require_threshold(thresholds, name);
     return call(fn, {thresholds, name});
@@ -115,7 +121,7 @@ static object context_init(Args& a) {
             raw = none();
         }
     } else {
-        engine = call(global(ID("_build_search_analytics_from_era_config")), {tracker, era_config});
+        engine = call_method(self, ID("_build_search_analytics_from_era_config"), {tracker, era_config});
         if (!is_none(engine)) {
             try {
                 raw = call_method(engine, ID("get_search_stats"));
@@ -137,7 +143,7 @@ static object context_init(Args& a) {
     else
         set_attr(self, ID("_analytics"), snapshot_from(raw));
 
-    set_attr(self, ID("_thresholds"), call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}));
+    set_attr(self, ID("_thresholds"), call_method(self, ID("_resolve_search_thresholds"), {thresholds, era_config}));
     set_attr(self, ID("_era_config"), era_config);
     set_attr(self, ID("_fatal_callback"), fatal_callback);
     set_attr(self, ID("_submission_queue"), submission_queue);
@@ -198,8 +204,8 @@ static object refresh_analytics(Args& a) {
     } else {
         if (is_none(get_attr(self, ID("_analytics_engine"))))
             set_attr(self, ID("_analytics_engine"),
-                     call(global(ID("_build_search_analytics_from_era_config")),
-                          {tracker, get_attr(self, ID("_era_config"))}));
+                     call_method(self, ID("_build_search_analytics_from_era_config"),
+                                 {tracker, get_attr(self, ID("_era_config"))}));
         object engine = get_attr(self, ID("_analytics_engine"));
         if (is_none(engine))
             raise(PyExc_AttributeError,
@@ -261,6 +267,17 @@ static object f_build_analytics(Args& a) { return build_search_analytics(a[0], a
 static object f_resolve_thresholds(Args& a) { return resolve_thresholds(a[0], a[1]); }
 static object f_require_threshold(Args& a) { return require_threshold(a[0], a[1]); }
 
+// Static methods of the class: they forward to the module functions of the same name.
+static object c_build_analytics(Args& a) {
+    return call(global(ID("_build_search_analytics_from_era_config")), {a[0], a[1]});
+}
+static object c_resolve_thresholds(Args& a) { return call(global(ID("_resolve_search_thresholds")), {a[0], a[1]}); }
+static object c_require_threshold(Args& a) {
+    object fn = global(ID("_require_search_threshold"));
+    if (fn.ptr() == g_require_threshold_fn) return require_threshold(a[0], a[1]);
+    return call(fn, {a[0], a[1]});
+}
+
 }  // namespace tw::ctx
 
 namespace tw {
@@ -292,9 +309,11 @@ void register_context(handle m) {
     object resolve = def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
     object require = def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
     g_require_threshold_fn = require.ptr();
-    set_attr(cls, ID("_build_search_analytics_from_era_config"), steal(PyStaticMethod_New(build.ptr())));
-    set_attr(cls, ID("_resolve_search_thresholds"), steal(PyStaticMethod_New(resolve.ptr())));
-    set_attr(cls, ID("_require_search_threshold"), steal(PyStaticMethod_New(require.ptr())));
+    (void)build;
+    (void)resolve;
+    def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
+    def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
+    g_class_require_fn = def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)").ptr();
     set_global("SearchContext", cls);
 }
 

@@ -48,6 +48,8 @@ object function_names(handle functions) {
     return names;
 }
 
+bool cancelled(handle self) { return truthy(call_method(self, ID("_submission_cancelled"))); }
+
 object reject(handle self, handle graph, handle reason) {
     call_method_kw(self, ID("_safe_record"), {graph, handle(Py_False)}, {{ID("rejection_reason"), reason}});
     return none();
@@ -150,7 +152,7 @@ static object evaluate(Args& a) {
     if (!is_none(reason)) return reject(self, graph, reason);
     object correlation = get_attr_or_none(bt_stats, ID("correlation"));
     if (is_number(correlation)) {
-        object limit = require_threshold_late(get_attr(self, ID("_thresholds")), ID("correlation_max"));
+        object limit = require_threshold_late(self, get_attr(self, ID("_thresholds")), ID("correlation_max"));
         if (greater(correlation, limit)) return reject(self, graph, "correlation_exceeded");
     }
 
@@ -180,9 +182,9 @@ static object evaluate(Args& a) {
                              {ID("per_column_stats"), per_column},
                              {ID("submitted"), handle(Py_False)}});
 
-    if (submission_cancelled(self)) return none();
+    if (cancelled(self)) return none();
     object recorded = call_method(self, ID("_safe_record"), {graph, handle(Py_True)});
-    if (submission_cancelled(self)) return result;
+    if (cancelled(self)) return result;
     object eval_id = is_none(recorded) ? py_str(call(import_attr("uuid", ID("uuid4")))) : recorded;
 
     object era_id = get_attr(self, ID("_era_id"));
@@ -205,14 +207,14 @@ static object evaluate(Args& a) {
     object lock = get_attr(self, ID("_tracker_write_lock"));
     call_method(lock, ID("acquire"));
     try {
-        if (!submission_cancelled(self)) {
+        if (!cancelled(self)) {
             object tracker = get_attr(self, ID("_tracker"));
             if (!payload::uses_persistent_store_late(tracker))
                 call_method(tracker, ID("enqueue_submission"), {payload});
             else
                 call_method(tracker, ID("enqueue_submission"),
                             {eval_id, dict_get(payload, ID("submission_type")), payload::serialize_late(payload), era_id});
-            if (!submission_cancelled(self)) {
+            if (!cancelled(self)) {
                 object queue = get_attr(self, ID("_submission_queue"));
                 if (!is_none(queue)) {
                     call_method(queue, ID("put"), {dict_copy(payload)});
@@ -275,7 +277,7 @@ static object derive_rejection_reason(Args& a) {
     object zero = float_of(0.0);
     for (auto& row : tier1) {
         object value = get_attr_or(stats, str_of(row[0]), zero);
-        object limit = require_threshold_late(thresholds, str_of(row[1]));
+        object limit = require_threshold_late(self, thresholds, str_of(row[1]));
         if (is_number(value) && greater(value, limit)) return str_of(row[2]);
     }
 
@@ -294,7 +296,7 @@ static object derive_rejection_reason(Args& a) {
     object correlation = get_attr_or_none(stats, ID("correlation"));
     bool has_correlation_failure = false;
     if (is_number(correlation))
-        has_correlation_failure = greater(correlation, require_threshold_late(thresholds, ID("correlation_max")));
+        has_correlation_failure = greater(correlation, require_threshold_late(self, thresholds, ID("correlation_max")));
 
     if (!passed && !has_custom_failure && !has_correlation_failure) {
         object era_config = get_attr(self, ID("_era_config"));
