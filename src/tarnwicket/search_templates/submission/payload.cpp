@@ -160,6 +160,14 @@ object submit_kwargs(handle payload, handle allowed) {
     return out;
 }
 
+static PyObject* g_submit_kwargs_fn = nullptr;
+
+object call_submit_kwargs(handle payload, handle allowed) {
+    object fn = global(ID("_submit_kwargs_from_payload"));
+    if (fn.ptr() == g_submit_kwargs_fn) return submit_kwargs(payload, allowed);
+    return call(fn, {payload, allowed});
+}
+
 void backoff_sleep(handle seconds) {
     double s = as_double(seconds);
     double cap = as_double(global(ID("SUBMISSION_POLL_INTERVAL")));
@@ -202,7 +210,7 @@ void register_payload(handle m) {
     def_function<f_require_keys>(m, "_require_payload_typed_keys(payload, source_kind, row_id)");
     def_function<f_resolve_pools>(m, "_resolve_submission_pool_ids(conn, payload)");
     def_function<f_validate>(m, "_validate_submit_contract_kwargs(kwargs)");
-    def_function<f_submit_kwargs>(m, "_submit_kwargs_from_payload(payload, allowed)");
+    g_submit_kwargs_fn = def_function<f_submit_kwargs>(m, "_submit_kwargs_from_payload(payload, allowed)").release().ptr();
     g_persistent_fn = def_function<f_persistent>(m, "_tracker_uses_persistent_store(tracker)").release().ptr();
     def_function<f_backoff_sleep>(m, "_submission_backoff_sleep(seconds)");
 }

@@ -16,6 +16,8 @@ void require_typed_keys(handle payload, handle source_kind, handle row_id);
 object resolve_pool_ids(handle conn, handle payload);
 void validate_submit_contract(handle kwargs);
 object submit_kwargs(handle payload, handle allowed);
+// Through the module namespace, obeying a replaced `_submit_kwargs_from_payload`.
+object call_submit_kwargs(handle payload, handle allowed);
 void backoff_sleep(handle seconds);
 
 }  // namespace tw::payload
