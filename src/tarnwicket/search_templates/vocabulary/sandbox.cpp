@@ -1,7 +1,284 @@
+// Per-thread guard that keeps template code away from files, SQLite and the
+// network.
+//
+// `open`, `sqlite3.connect` and `urllib.request.urlopen` are replaced once for
+// the whole process. Each replacement asks whether the calling thread is inside
+// a sandboxed section; threads outside pass straight through to the real
+// operation with their arguments forwarded as they came (vectorcall, no copy).
+// The replacements are plain METH_FASTCALL functions so that an unsandboxed call
+// costs one thread-id read, one round trip on `_template_sandbox_lock` and one
+// set lookup.
 #include "core/module.hpp"
+#include "lock_scope.hpp"
+
+#include <pythread.h>
 
 namespace tw {
 
-void register_sandbox(handle) {}
+namespace {
+
+// Our own function objects, for the identity test on the hot path: a name
+// replaced in the module namespace is called instead.
+PyObject* g_active_fn = nullptr;
+PyObject* g_raise_fn = nullptr;
+PyObject* g_install_fn = nullptr;
+PyTypeObject* g_guard_type = nullptr;
+
+// The calling thread's identifier as a Python int (the value of
+// threading.get_ident()), made once per OS thread.
+thread_local PyObject* t_ident_obj = nullptr;
+thread_local unsigned long t_ident_val = 0;
+
+PyObject* current_thread_ident() {
+    unsigned long id = PyThread_get_thread_ident();
+    if (t_ident_obj && t_ident_val == id) return t_ident_obj;
+    PyObject* o = PyLong_FromUnsignedLong(id);
+    if (!o) throw_py();
+    Py_XDECREF(t_ident_obj);
+    t_ident_obj = o;
+    t_ident_val = id;
+    return o;
+}
+
+object sandbox_lock() { return global(ID("_template_sandbox_lock")); }
+
+// ---------------------------------------------------------------- thread set
+
+bool thread_in_set(PyObject* ident) {
+    object threads = global(ID("_template_sandbox_threads"));
+    int r = PySet_CheckExact(threads.ptr()) ? PySet_Contains(threads.ptr(), ident)
+                                            : PySequence_Contains(threads.ptr(), ident);
+    return check_int(r) == 1;
+}
+
+void thread_set_add(PyObject* ident) {
+    object threads = global(ID("_template_sandbox_threads"));
+    if (PySet_CheckExact(threads.ptr()))
+        check_int(PySet_Add(threads.ptr(), ident));
+    else
+        call_method(threads, ID("add"), {handle(ident)});
+}
+
+void thread_set_discard(PyObject* ident) {
+    object threads = global(ID("_template_sandbox_threads"));
+    if (PySet_CheckExact(threads.ptr()))
+        check_int(PySet_Discard(threads.ptr(), ident));
+    else
+        call_method(threads, ID("discard"), {handle(ident)});
+}
+
+bool sandbox_active_impl() {
+    PyObject* ident = current_thread_ident();  // taken before the lock
+    object lock = sandbox_lock();
+    return with_host_lock(lock, [&] { return thread_in_set(ident); });
+}
+
+bool sandbox_active() {
+    object fn = global(ID("_template_sandbox_active"));
+    if (fn.ptr() == g_active_fn) return sandbox_active_impl();
+    return truthy(call(fn));
+}
+
+[[noreturn]] void raise_violation_impl(handle operation) {
+    object text = steal(PyObject_Format(operation.ptr(), nullptr));
+    object msg = steal(PyUnicode_FromFormat("forbidden %U access from search template", text.ptr()));
+    object exc = call(global(ID("TemplateSandboxViolation")), {msg});
+    raise_obj(exc);
+}
+
+// ---------------------------------------------------------------- installation
+
+void install_hooks_impl() {
+    object lock = sandbox_lock();
+    with_host_lock(lock, [&] {
+        object urllib_request = import_module("urllib.request");
+        object builtins = import_module("builtins");
+        object sqlite3 = import_module("sqlite3");
+        if (truthy(global(ID("_template_sandbox_hooks_installed")))) {
+            // Re-assert: other code may have put its own functions in place.
+            set_attr(builtins, ID("open"), global(ID("_sandboxed_open")));
+            set_attr(sqlite3, ID("connect"), global(ID("_sandboxed_sqlite_connect")));
+            object current = get_attr(urllib_request, ID("urlopen"));
+            object mine = global(ID("_sandboxed_urllib_urlopen"));
+            if (current.ptr() != mine.ptr()) set_attr(urllib_request, ID("urlopen"), mine);
+            return;
+        }
+        set_attr(builtins, ID("open"), global(ID("_sandboxed_open")));
+        set_attr(sqlite3, ID("connect"), global(ID("_sandboxed_sqlite_connect")));
+        set_global(ID("_original_urllib_urlopen"), get_attr(urllib_request, ID("urlopen")));
+        set_attr(urllib_request, ID("urlopen"), global(ID("_sandboxed_urllib_urlopen")));
+        set_global(ID("_template_sandbox_hooks_installed"), bool_of(true));
+    });
+}
+
+void install_hooks() {
+    object fn = global(ID("_install_template_sandbox_hooks"));
+    if (fn.ptr() == g_install_fn)
+        install_hooks_impl();
+    else
+        call(fn);
+}
+
+// ---------------------------------------------------------------- hooked entry points
+
+PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, handle original_name,
+                                   handle operation) {
+    try {
+        if (sandbox_active()) {
+            object raise_fn = global(ID("_raise_template_sandbox_violation"));
+            if (raise_fn.ptr() == g_raise_fn) raise_violation_impl(operation);
+            call(raise_fn, {operation});
+        }
+        object original = global(original_name);
+        return PyObject_Vectorcall(original.ptr(), args, (size_t)nargs, kwnames);
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+        return nullptr;
+    }
+}
+
+PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_open"), ID("filesystem"));
+}
+
+PyObject* sandboxed_sqlite_connect(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_sqlite_connect"), ID("sqlite"));
+}
+
+PyObject* sandboxed_urllib_urlopen(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_urllib_urlopen"), ID("network"));
+}
+
+#define TW_FASTCALL_KW(fn) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fn))
+
+PyMethodDef g_hook_defs[] = {
+    {"_sandboxed_open", TW_FASTCALL_KW(sandboxed_open), METH_FASTCALL | METH_KEYWORDS,
+     "_sandboxed_open(*args, **kwargs)\n--\n\n"},
+    {"_sandboxed_sqlite_connect", TW_FASTCALL_KW(sandboxed_sqlite_connect), METH_FASTCALL | METH_KEYWORDS,
+     "_sandboxed_sqlite_connect(*args, **kwargs)\n--\n\n"},
+    {"_sandboxed_urllib_urlopen", TW_FASTCALL_KW(sandboxed_urllib_urlopen), METH_FASTCALL | METH_KEYWORDS,
+     "_sandboxed_urllib_urlopen(*args, **kwargs)\n--\n\n"},
+};
+
+// ---------------------------------------------------------------- scoped guard
+
+// What `_template_sandbox()` returns: entering installs (or re-asserts) the hooks
+// and marks the thread; leaving unmarks it, also on an exception, which goes on.
+struct GuardObject {
+    PyObject_HEAD PyObject* ident;
+};
+
+void guard_dealloc(PyObject* self) {
+    PyTypeObject* tp = Py_TYPE(self);
+    Py_CLEAR(reinterpret_cast<GuardObject*>(self)->ident);
+    tp->tp_free(self);
+    Py_DECREF(tp);
+}
+
+PyObject* guard_enter(PyObject* self, PyObject*) {
+    try {
+        install_hooks();
+        PyObject* ident = current_thread_ident();
+        object lock = sandbox_lock();
+        with_host_lock(lock, [&] { thread_set_add(ident); });
+        Py_INCREF(ident);
+        Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident);
+        Py_RETURN_NONE;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+        return nullptr;
+    }
+}
+
+PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
+    if (nargs != 3) {
+        PyErr_Format(PyExc_TypeError, "__exit__ expected 3 arguments, got %zd", nargs);
+        return nullptr;
+    }
+    try {
+        object ident = borrow(reinterpret_cast<GuardObject*>(self)->ident);
+        if (ident) {
+            object lock = sandbox_lock();
+            with_host_lock(lock, [&] { thread_set_discard(ident.ptr()); });
+        }
+        Py_RETURN_FALSE;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+        return nullptr;
+    }
+}
+
+PyMethodDef g_guard_methods[] = {
+    {"__enter__", guard_enter, METH_NOARGS, nullptr},
+    {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(guard_exit)), METH_FASTCALL, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyType_Slot g_guard_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(guard_dealloc)},
+    {Py_tp_methods, g_guard_methods},
+    {Py_tp_doc, const_cast<char*>("Scoped template sandbox for the calling thread.")},
+    {0, nullptr},
+};
+
+PyType_Spec g_guard_spec = {
+    "tarnwicket.search_templates._TemplateSandbox",
+    sizeof(GuardObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    g_guard_slots,
+};
+
+// ---------------------------------------------------------------- module functions
+
+object f_template_sandbox(Args&) {
+    PyObject* g = PyType_GenericAlloc(g_guard_type, 0);
+    if (!g) throw_py();
+    reinterpret_cast<GuardObject*>(g)->ident = nullptr;
+    return steal(g);
+}
+
+object f_template_sandbox_active(Args&) { return bool_of(sandbox_active_impl()); }
+
+object f_raise_violation(Args& a) { raise_violation_impl(a[0]); }
+
+object f_install_hooks(Args&) {
+    install_hooks_impl();
+    return none();
+}
+
+}  // namespace
+
+void register_sandbox(handle m) {
+    object threading = import_module("threading");
+    set_global("_template_sandbox_lock", call(get_attr(threading, ID("Lock"))));
+    set_global("_template_sandbox_threads", steal(PySet_New(nullptr)));
+    set_global("_template_sandbox_hooks_installed", bool_of(false));
+    set_global("_original_open", get_attr(import_module("builtins"), ID("open")));
+    set_global("_original_sqlite_connect", get_attr(import_module("sqlite3"), ID("connect")));
+    set_global("_original_urllib_urlopen", none());
+
+    g_guard_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&g_guard_spec)));
+
+    object modname = str_of("tarnwicket.search_templates");
+    for (PyMethodDef& def : g_hook_defs) {
+        object fn = steal(PyCFunction_NewEx(&def, nullptr, modname.ptr()));
+        set_global(def.ml_name, fn);
+    }
+
+    def_function<f_template_sandbox>(m, "_template_sandbox()");
+    g_active_fn = def_function<f_template_sandbox_active>(m, "_template_sandbox_active()").release().ptr();
+    g_raise_fn = def_function<f_raise_violation>(m, "_raise_template_sandbox_violation(operation)").release().ptr();
+    g_install_fn = def_function<f_install_hooks>(m, "_install_template_sandbox_hooks()").release().ptr();
+}
 
 }  // namespace tw
