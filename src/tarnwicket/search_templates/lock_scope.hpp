@@ -11,16 +11,66 @@
 
 namespace tw {
 
+namespace detail {
+// The C implementations behind the host's lock type (threading.Lock()), looked
+// up once from its method descriptors. A lock of exactly that type is driven
+// through them directly; any other lock object goes through its methods.
+struct HostLockMethods {
+    PyTypeObject* type = nullptr;
+    PyCFunctionWithKeywords acquire = nullptr;
+    PyCFunction release = nullptr;
+    PyObject* empty_args = nullptr;
+};
+
+inline const HostLockMethods& host_lock_methods() {
+    static HostLockMethods m = [] {
+        HostLockMethods r;
+        object threading = import_module("threading");
+        object probe = call(get_attr(threading, ID("Lock")));
+        object type = borrow(reinterpret_cast<PyObject*>(Py_TYPE(probe.ptr())));
+        object acq = get_attr(type, ID("acquire"));
+        object rel = get_attr(type, ID("release"));
+        if (Py_IS_TYPE(acq.ptr(), &PyMethodDescr_Type) && Py_IS_TYPE(rel.ptr(), &PyMethodDescr_Type)) {
+            PyMethodDef* ad = reinterpret_cast<PyMethodDescrObject*>(acq.ptr())->d_method;
+            PyMethodDef* rd = reinterpret_cast<PyMethodDescrObject*>(rel.ptr())->d_method;
+            if (ad->ml_flags == (METH_VARARGS | METH_KEYWORDS) && rd->ml_flags == METH_NOARGS) {
+                r.type = Py_TYPE(probe.ptr());
+                Py_INCREF(r.type);
+                r.acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(ad->ml_meth));
+                r.release = rd->ml_meth;
+                r.empty_args = PyTuple_New(0);
+            }
+        }
+        return r;
+    }();
+    return m;
+}
+}  // namespace detail
+
+// Raw forms for hot paths: a new reference to the result, or null with the
+// error set.
+inline PyObject* host_lock_acquire_raw(PyObject* lock) {
+    const auto& hm = detail::host_lock_methods();
+    if (hm.type && Py_IS_TYPE(lock, hm.type)) return hm.acquire(lock, hm.empty_args, nullptr);
+    PyObject* argv[1] = {lock};
+    return PyObject_VectorcallMethod(ID("acquire").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+}
+
+inline PyObject* host_lock_release_raw(PyObject* lock) {
+    const auto& hm = detail::host_lock_methods();
+    if (hm.type && Py_IS_TYPE(lock, hm.type)) return hm.release(lock, nullptr);
+    PyObject* argv[1] = {lock};
+    return PyObject_VectorcallMethod(ID("release").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+}
+
 inline void host_lock_acquire(handle lock) {
-    PyObject* argv[1] = {lock.ptr()};
-    PyObject* r = PyObject_VectorcallMethod(ID("acquire").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+    PyObject* r = host_lock_acquire_raw(lock.ptr());
     if (!r) throw_py();
     Py_DECREF(r);
 }
 
 inline void host_lock_release(handle lock) {
-    PyObject* argv[1] = {lock.ptr()};
-    PyObject* r = PyObject_VectorcallMethod(ID("release").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+    PyObject* r = host_lock_release_raw(lock.ptr());
     if (!r) throw_py();
     Py_DECREF(r);
 }
@@ -56,8 +106,7 @@ auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
     } catch (...) {
         PyObject *t, *v, *tb;
         PyErr_Fetch(&t, &v, &tb);
-        PyObject* argv[1] = {lock.ptr()};
-        PyObject* r = PyObject_VectorcallMethod(ID("release").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+        PyObject* r = host_lock_release_raw(lock.ptr());
         Py_XDECREF(r);
         if (!r) PyErr_Clear();
         PyErr_Restore(t, v, tb);

@@ -24,32 +24,34 @@ PyObject* g_raise_fn = nullptr;
 PyObject* g_install_fn = nullptr;
 PyTypeObject* g_guard_type = nullptr;
 
+// Module global as a borrowed reference, or null with NameError set.
+PyObject* global_ref(handle name) {
+    PyObject* v = PyDict_GetItemWithError(g_globals, name.ptr());
+    if (!v && !PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.ptr());
+    return v;
+}
+
 // The calling thread's identifier as a Python int (the value of
-// threading.get_ident()), made once per OS thread.
+// threading.get_ident()), made once per OS thread; borrowed, or null on error.
 thread_local PyObject* t_ident_obj = nullptr;
 thread_local unsigned long t_ident_val = 0;
 
-PyObject* current_thread_ident() {
+PyObject* current_thread_ident_raw() {
     unsigned long id = PyThread_get_thread_ident();
     if (t_ident_obj && t_ident_val == id) return t_ident_obj;
     PyObject* o = PyLong_FromUnsignedLong(id);
-    if (!o) throw_py();
+    if (!o) return nullptr;
     Py_XDECREF(t_ident_obj);
     t_ident_obj = o;
     t_ident_val = id;
     return o;
 }
 
+PyObject* current_thread_ident() { return check(current_thread_ident_raw()); }
+
 object sandbox_lock() { return global(ID("_template_sandbox_lock")); }
 
 // ---------------------------------------------------------------- thread set
-
-bool thread_in_set(PyObject* ident) {
-    object threads = global(ID("_template_sandbox_threads"));
-    int r = PySet_CheckExact(threads.ptr()) ? PySet_Contains(threads.ptr(), ident)
-                                            : PySequence_Contains(threads.ptr(), ident);
-    return check_int(r) == 1;
-}
 
 void thread_set_add(PyObject* ident) {
     object threads = global(ID("_template_sandbox_threads"));
@@ -67,17 +69,41 @@ void thread_set_discard(PyObject* ident) {
         call_method(threads, ID("discard"), {handle(ident)});
 }
 
-bool sandbox_active_impl() {
-    PyObject* ident = current_thread_ident();  // taken before the lock
-    object lock = sandbox_lock();
-    return with_host_lock(lock, [&] { return thread_in_set(ident); });
+// Whether the calling thread is in `_template_sandbox_threads`, asked under
+// `_template_sandbox_lock`: 1 or 0, or -1 with the error set. Written against
+// the raw API since every hooked call on every thread goes through it.
+int sandbox_active_raw() {
+    PyObject* ident = current_thread_ident_raw();  // taken before the lock
+    if (!ident) return -1;
+    PyObject* lock = global_ref(ID("_template_sandbox_lock"));
+    if (!lock) return -1;
+    Py_INCREF(lock);
+    PyObject* r = host_lock_acquire_raw(lock);
+    if (!r) {
+        Py_DECREF(lock);
+        return -1;
+    }
+    Py_DECREF(r);
+    int found = -1;
+    if (PyObject* threads = global_ref(ID("_template_sandbox_threads"))) {
+        Py_INCREF(threads);
+        found = PySet_CheckExact(threads) ? PySet_Contains(threads, ident) : PySequence_Contains(threads, ident);
+        Py_DECREF(threads);
+    }
+    PyObject *et = nullptr, *ev = nullptr, *etb = nullptr;
+    if (found < 0) PyErr_Fetch(&et, &ev, &etb);
+    r = host_lock_release_raw(lock);
+    Py_DECREF(lock);
+    if (!r) {
+        if (found < 0) _PyErr_ChainExceptions(et, ev, etb);
+        return -1;
+    }
+    Py_DECREF(r);
+    if (found < 0) PyErr_Restore(et, ev, etb);
+    return found;
 }
 
-bool sandbox_active() {
-    object fn = global(ID("_template_sandbox_active"));
-    if (fn.ptr() == g_active_fn) return sandbox_active_impl();
-    return truthy(call(fn));
-}
+bool sandbox_active_impl() { return check_int(sandbox_active_raw()) == 1; }
 
 [[noreturn]] void raise_violation_impl(handle operation) {
     object text = steal(PyObject_Format(operation.ptr(), nullptr));
@@ -121,23 +147,53 @@ void install_hooks() {
 
 // ---------------------------------------------------------------- hooked entry points
 
-PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, handle original_name,
-                                   handle operation) {
+void set_violation(handle operation) {
     try {
-        if (sandbox_active()) {
-            object raise_fn = global(ID("_raise_template_sandbox_violation"));
-            if (raise_fn.ptr() == g_raise_fn) raise_violation_impl(operation);
-            call(raise_fn, {operation});
-        }
-        object original = global(original_name);
-        return PyObject_Vectorcall(original.ptr(), args, (size_t)nargs, kwnames);
+        raise_violation_impl(operation);
     } catch (py::error_already_set& e) {
         e.restore();
-        return nullptr;
     } catch (...) {
         detail::translate_current_cpp_exception();
-        return nullptr;
     }
+}
+
+// The one shape of the three replacements: refuse on a sandboxed thread,
+// otherwise forward the caller's arguments untouched to the saved operation.
+PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, handle original_name,
+                                   handle operation) {
+    PyObject* active_fn = global_ref(ID("_template_sandbox_active"));
+    if (!active_fn) return nullptr;
+    int active;
+    if (active_fn == g_active_fn) {
+        active = sandbox_active_raw();
+    } else {
+        Py_INCREF(active_fn);
+        PyObject* r = PyObject_CallNoArgs(active_fn);
+        Py_DECREF(active_fn);
+        if (!r) return nullptr;
+        active = PyObject_IsTrue(r);
+        Py_DECREF(r);
+    }
+    if (active < 0) return nullptr;
+    if (active) {
+        PyObject* raise_fn = global_ref(ID("_raise_template_sandbox_violation"));
+        if (!raise_fn) return nullptr;
+        if (raise_fn == g_raise_fn) {
+            set_violation(operation);
+            return nullptr;
+        }
+        Py_INCREF(raise_fn);
+        PyObject* r = PyObject_CallOneArg(raise_fn, operation.ptr());
+        Py_DECREF(raise_fn);
+        if (!r) return nullptr;
+        Py_DECREF(r);
+    }
+    PyObject* original = global_ref(original_name);
+    if (!original) return nullptr;
+    Py_INCREF(original);
+    PyObject* result = PyObject_Vectorcall(original, args, (size_t)nargs, kwnames);
+    Py_DECREF(original);
+    return result;
 }
 
 PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
