@@ -324,6 +324,8 @@ void register_sandbox(handle m) {
     set_global("_original_urllib_urlopen", none());
 
     g_guard_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&g_guard_spec)));
+    // Resolve the host lock's C methods now, while the import holds things still.
+    (void)detail::host_lock_methods();
 
     object modname = str_of("tarnwicket.search_templates");
     for (PyMethodDef& def : g_hook_defs) {
