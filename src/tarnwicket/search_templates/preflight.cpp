@@ -1,65 +1,82 @@
-// The probes that search() runs before it touches anything: authentication,
-// memory and disk; and the lock-out of the management commands.
+// Probes that search() runs before it touches anything (auth, memory, disk),
+// and the lock-out of the management commands while a search is active.
 #include "core/module.hpp"
+#include "lock_scope.hpp"
 
 namespace tw {
 
 namespace {
 
-[[noreturn]] void raise_search_error(const char* code, const char* advice, const std::string& message) {
-    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), handle(Py_False)}});
-    raise_obj(call(global(ID("SearchError")), {str_of(code), str_of(advice), str_of(message), status}));
+// SearchError(code, advice, message, SearchStatus(running=False))
+object startup_error(const char* code, const char* advice, handle message) {
+    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), bool_of(false)}});
+    object code_obj = str_of(code);
+    object advice_obj = str_of(advice);
+    return call_kw(global(ID("SearchError")), {},
+                   {{ID("error_code"), code_obj},
+                    {ID("recovery_advice"), advice_obj},
+                    {ID("message"), message},
+                    {ID("status"), status}});
 }
 
-std::string format_number(double value, const char* spec) {
-    object v = float_of(value), s = str_of(spec);
-    return utf8(steal(PyObject_Format(v.ptr(), s.ptr())));
-}
-
-object is_authed(Args& a) {
+object f_is_authed(Args& a) {
     object runtime = get_attr_or_none(a[0], ID("_library_runtime"));
     if (is_none(runtime)) return bool_of(false);
-    object auth = get_attr_or_none(runtime, ID("auth_proxy"));
-    if (is_none(auth)) return bool_of(false);
+    object auth_proxy = get_attr_or_none(runtime, ID("auth_proxy"));
+    if (is_none(auth_proxy)) return bool_of(false);
     try {
-        call_method(auth, ID("get_token"));
+        // The token itself is not looked at: any return means authenticated.
+        call_method(auth_proxy, ID("get_token"));
     } catch (py::error_already_set& e) {
-        object caught = tuple_of({handle(PyExc_AttributeError), handle(PyExc_TypeError), handle(PyExc_RuntimeError),
-                                  handle(PyExc_OSError), handle(PyExc_ValueError)});
-        if (!matches(e, caught)) throw;
+        static PyObject* probe_failures[] = {PyExc_AttributeError, PyExc_TypeError, PyExc_RuntimeError,
+                                             PyExc_OSError, PyExc_ValueError};
+        bool expected = false;
+        for (PyObject* t : probe_failures) expected = expected || matches(e, t);
+        if (!expected) throw;
         log_debug("auth probe get_token() raised: %s", {exc_value(e)});
         return bool_of(false);
     }
     return bool_of(true);
 }
 
-object check_memory(Args&) {
+object f_check_memory(Args&) {
     object psutil;
     try {
         psutil = import_module("psutil");
     } catch (py::error_already_set& e) {
         if (!matches(e, PyExc_ImportError)) throw;
-        log_warning("psutil not installed \xE2\x80\x94 memory check skipped");
+        log_warning("psutil not installed \xe2\x80\x94 memory check skipped");
         return none();
     }
-    object vm = call(get_attr(psutil, ID("virtual_memory")));
-    double available_gb = as_double(get_attr(vm, ID("available"))) / 1073741824.0;
-    if (available_gb < 4.0)
-        raise_search_error("OUT_OF_MEMORY", "Run get_db_info() then delete_evaluations(). Reduce n_jobs if needed.",
-                           "Not enough memory: requires 4.0 GB, available " + format_number(available_gb, ".1f") +
-                               " GB");
+    object available = get_attr(call_method(psutil, ID("virtual_memory")), ID("available"));
+    object gib = int_of(1073741824);
+    object available_gb = steal(PyNumber_TrueDivide(available.ptr(), gib.ptr()));
+    object floor = float_of(4.0);
+    if (check_int(PyObject_RichCompareBool(available_gb.ptr(), floor.ptr(), Py_LT)) == 1) {
+        object spec = str_of(".1f");
+        object shown = steal(PyObject_Format(available_gb.ptr(), spec.ptr()));
+        object msg = steal(PyUnicode_FromFormat("Not enough memory: requires 4.0 GB, available %U GB", shown.ptr()));
+        raise_obj(startup_error("OUT_OF_MEMORY",
+                                "Run get_db_info() then delete_evaluations(). Reduce n_jobs if needed.", msg));
+    }
     return none();
 }
 
-object check_disk(Args&) {
+object f_check_disk(Args&) {
     try {
-        object home = call(import_attr("os.path", ID("expanduser")), {str_of("~")});
-        object usage = call(import_attr("shutil", ID("disk_usage")), {home});
-        double available_mb = as_double(get_attr(usage, ID("free"))) / 1048576.0;
-        if (available_mb < 500)
-            raise_search_error("DISK_FULL",
-                               "Run get_db_info() then delete_evaluations() or delete_failed_evaluations().",
-                               "Disk space critically low: " + format_number(available_mb, ".0f") + " MB remaining");
+        object os_path = import_module("os.path");
+        object home = call_method(os_path, ID("expanduser"), {str_of("~")});
+        object usage = call_method(import_module("shutil"), ID("disk_usage"), {home});
+        object mib = int_of(1048576);
+        object available_mb = steal(PyNumber_TrueDivide(get_attr(usage, ID("free")).ptr(), mib.ptr()));
+        object floor = int_of(500);
+        if (check_int(PyObject_RichCompareBool(available_mb.ptr(), floor.ptr(), Py_LT)) == 1) {
+            object spec = str_of(".0f");
+            object shown = steal(PyObject_Format(available_mb.ptr(), spec.ptr()));
+            object msg = steal(PyUnicode_FromFormat("Disk space critically low: %U MB remaining", shown.ptr()));
+            raise_obj(startup_error(
+                "DISK_FULL", "Run get_db_info() then delete_evaluations() or delete_failed_evaluations().", msg));
+        }
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         if (matches(e, global(ID("SearchError")))) throw;
@@ -68,28 +85,22 @@ object check_disk(Args&) {
     return none();
 }
 
-object raise_if_management_blocked(Args&) {
+object f_raise_if_management_blocked(Args&) {
     object lock = global(ID("_search_active_lock"));
-    call_method(lock, ID("acquire"));
-    bool active;
-    try {
-        active = truthy(global(ID("_search_active")));
-    } catch (...) {
-        call_method(lock, ID("release"));
-        throw;
-    }
-    call_method(lock, ID("release"));
-    if (active) raise(PyExc_RuntimeError, utf8(global(ID("_MANAGEMENT_ACTIVE_ERROR"))));
+    with_host_lock(lock, [&] {
+        if (truthy(global(ID("_search_active"))))
+            raise_obj(call(handle(PyExc_RuntimeError), {global(ID("_MANAGEMENT_ACTIVE_ERROR"))}));
+    });
     return none();
 }
 
 }  // namespace
 
 void register_preflight(handle m) {
-    def_function<is_authed>(m, "_is_authed(mod)");
-    def_function<check_memory>(m, "_check_memory()", "Check available memory. Raises SearchError if insufficient.");
-    def_function<check_disk>(m, "_check_disk()", "Check available disk space. Raises SearchError if insufficient.");
-    def_function<raise_if_management_blocked>(m, "_raise_if_management_blocked()");
+    def_function<f_is_authed>(m, "_is_authed(mod)");
+    def_function<f_check_memory>(m, "_check_memory()", "Check available memory. Raises SearchError if insufficient.");
+    def_function<f_check_disk>(m, "_check_disk()", "Check available disk space. Raises SearchError if insufficient.");
+    def_function<f_raise_if_management_blocked>(m, "_raise_if_management_blocked()");
 }
 
 }  // namespace tw

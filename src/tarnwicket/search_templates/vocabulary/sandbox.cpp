@@ -1,8 +1,15 @@
-// The template sandbox: a per-thread guard on the host's `open`,
-// `sqlite3.connect` and `urllib.request.urlopen`. The entry points are
-// replaced once per process; threads outside a sandboxed section pass straight
-// through to the real operation.
+// Per-thread guard that keeps template code away from files, SQLite and the
+// network.
+//
+// `open`, `sqlite3.connect` and `urllib.request.urlopen` are replaced once for
+// the whole process. Each replacement asks whether the calling thread is inside
+// a sandboxed section; threads outside pass straight through to the real
+// operation with their arguments forwarded as they came (vectorcall, no copy).
+// The replacements are plain METH_FASTCALL functions so that an unsandboxed call
+// costs one thread-id read, one round trip on `_template_sandbox_lock` and one
+// set lookup.
 #include "core/module.hpp"
+#include "lock_scope.hpp"
 
 #include <pythread.h>
 
@@ -10,63 +17,232 @@ namespace tw {
 
 namespace {
 
-// `with _template_sandbox_lock:` without allocating.
-class HostLock {
-public:
-    HostLock() : lock_(global(ID("_template_sandbox_lock"))) {
-        PyObject* argv[1] = {lock_.ptr()};
-        object r = steal(PyObject_VectorcallMethod(ID("acquire").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                                   nullptr));
-    }
-    ~HostLock() {
-        PyObject* argv[1] = {lock_.ptr()};
-        PyObject* r =
-            PyObject_VectorcallMethod(ID("release").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
-        if (!r) PyErr_WriteUnraisable(lock_.ptr());
-        Py_XDECREF(r);
-    }
+// Our own function objects, for the identity test on the hot path: a name
+// replaced in the module namespace is called instead.
+PyObject* g_active_fn = nullptr;
+PyObject* g_raise_fn = nullptr;
+PyObject* g_install_fn = nullptr;
+PyTypeObject* g_guard_type = nullptr;
 
-private:
-    object lock_;
-};
-
-object current_ident() { return steal(PyLong_FromUnsignedLong(PyThread_get_thread_ident())); }
-
-bool sandbox_active() {
-    object ident = current_ident();
-    HostLock guard;
-    object threads = global(ID("_template_sandbox_threads"));
-    return check_int(PySequence_Contains(threads.ptr(), ident.ptr())) == 1;
+// Module global as a borrowed reference, or null with NameError set.
+PyObject* global_ref(handle name) {
+    PyObject* v = PyDict_GetItemWithError(g_globals, name.ptr());
+    if (!v && !PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.ptr());
+    return v;
 }
 
-object f_sandbox_active(Args&);
-object f_raise_violation(Args&);
-object f_install_hooks(Args&);
+// The calling thread's identifier as a Python int (the value of
+// threading.get_ident()), made once per OS thread; borrowed, or null on error.
+thread_local PyObject* t_ident_obj = nullptr;
+thread_local unsigned long t_ident_val = 0;
 
-[[noreturn]] void raise_violation(const char* operation) {
-    object exc = call(global(ID("TemplateSandboxViolation")),
-                      {str_of(std::string("forbidden ") + operation + " access from search template")});
+PyObject* current_thread_ident_raw() {
+    unsigned long id = PyThread_get_thread_ident();
+    if (t_ident_obj && t_ident_val == id) return t_ident_obj;
+    PyObject* o = PyLong_FromUnsignedLong(id);
+    if (!o) return nullptr;
+    Py_XDECREF(t_ident_obj);
+    t_ident_obj = o;
+    t_ident_val = id;
+    return o;
+}
+
+PyObject* current_thread_ident() { return check(current_thread_ident_raw()); }
+
+object sandbox_lock() { return global(ID("_template_sandbox_lock")); }
+
+// ---------------------------------------------------------------- thread set
+
+void thread_set_add(PyObject* ident) {
+    object threads = global(ID("_template_sandbox_threads"));
+    if (PySet_CheckExact(threads.ptr()))
+        check_int(PySet_Add(threads.ptr(), ident));
+    else
+        call_method(threads, ID("add"), {handle(ident)});
+}
+
+void thread_set_discard(PyObject* ident) {
+    object threads = global(ID("_template_sandbox_threads"));
+    if (PySet_CheckExact(threads.ptr()))
+        check_int(PySet_Discard(threads.ptr(), ident));
+    else
+        call_method(threads, ID("discard"), {handle(ident)});
+}
+
+// Whether the calling thread is in `_template_sandbox_threads`, asked under
+// `_template_sandbox_lock`: 1 or 0, or -1 with the error set. Written against
+// the raw API since every hooked call on every thread goes through it.
+int sandbox_active_raw() {
+    PyObject* ident = current_thread_ident_raw();  // taken before the lock
+    if (!ident) return -1;
+    PyObject* lock = global_ref(ID("_template_sandbox_lock"));
+    if (!lock) return -1;
+    Py_INCREF(lock);
+    PyObject* r = host_lock_acquire_raw(lock);
+    if (!r) {
+        Py_DECREF(lock);
+        return -1;
+    }
+    Py_DECREF(r);
+    int found = -1;
+    if (PyObject* threads = global_ref(ID("_template_sandbox_threads"))) {
+        Py_INCREF(threads);
+        found = PySet_CheckExact(threads) ? PySet_Contains(threads, ident) : PySequence_Contains(threads, ident);
+        Py_DECREF(threads);
+    }
+    PyObject *et = nullptr, *ev = nullptr, *etb = nullptr;
+    if (found < 0) PyErr_Fetch(&et, &ev, &etb);
+    r = host_lock_release_raw(lock);
+    Py_DECREF(lock);
+    if (!r) {
+        if (found < 0) _PyErr_ChainExceptions(et, ev, etb);
+        return -1;
+    }
+    Py_DECREF(r);
+    if (found < 0) PyErr_Restore(et, ev, etb);
+    return found;
+}
+
+bool sandbox_active_impl() { return check_int(sandbox_active_raw()) == 1; }
+
+[[noreturn]] void raise_violation_impl(handle operation) {
+    object text = steal(PyObject_Format(operation.ptr(), nullptr));
+    object msg = steal(PyUnicode_FromFormat("forbidden %U access from search template", text.ptr()));
+    object exc = call(global(ID("TemplateSandboxViolation")), {msg});
     raise_obj(exc);
 }
 
-// The module's own `_template_sandbox_active`, unless a host replaced it.
-PyObject* g_active_fn = nullptr;
+// ---------------------------------------------------------------- installation
 
-bool active_through_namespace() {
-    object fn = global(ID("_template_sandbox_active"));
-    if (fn.ptr() == g_active_fn) return sandbox_active();
-    return truthy(call(fn));
+void install_hooks_impl() {
+    object lock = sandbox_lock();
+    with_host_lock(lock, [&] {
+        object urllib_request = import_module("urllib.request");
+        object builtins = import_module("builtins");
+        object sqlite3 = import_module("sqlite3");
+        if (truthy(global(ID("_template_sandbox_hooks_installed")))) {
+            // Re-assert: other code may have put its own functions in place.
+            set_attr(builtins, ID("open"), global(ID("_sandboxed_open")));
+            set_attr(sqlite3, ID("connect"), global(ID("_sandboxed_sqlite_connect")));
+            object current = get_attr(urllib_request, ID("urlopen"));
+            object mine = global(ID("_sandboxed_urllib_urlopen"));
+            if (current.ptr() != mine.ptr()) set_attr(urllib_request, ID("urlopen"), mine);
+            return;
+        }
+        set_attr(builtins, ID("open"), global(ID("_sandboxed_open")));
+        set_attr(sqlite3, ID("connect"), global(ID("_sandboxed_sqlite_connect")));
+        set_global(ID("_original_urllib_urlopen"), get_attr(urllib_request, ID("urlopen")));
+        set_attr(urllib_request, ID("urlopen"), global(ID("_sandboxed_urllib_urlopen")));
+        set_global(ID("_template_sandbox_hooks_installed"), bool_of(true));
+    });
 }
 
-PyObject* forward(const char* operation, handle original_name, PyObject* const* args, Py_ssize_t nargs,
-                  PyObject* kwnames) {
+void install_hooks() {
+    object fn = global(ID("_install_template_sandbox_hooks"));
+    if (fn.ptr() == g_install_fn)
+        install_hooks_impl();
+    else
+        call(fn);
+}
+
+// ---------------------------------------------------------------- hooked entry points
+
+void set_violation(handle operation) {
     try {
-        if (active_through_namespace()) {
-            call(global(ID("_raise_template_sandbox_violation")), {str_of(operation)});
-            raise_violation(operation);
+        raise_violation_impl(operation);
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+    }
+}
+
+// The one shape of the three replacements: refuse on a sandboxed thread,
+// otherwise forward the caller's arguments untouched to the saved operation.
+PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, handle original_name,
+                                   handle operation) {
+    PyObject* active_fn = global_ref(ID("_template_sandbox_active"));
+    if (!active_fn) return nullptr;
+    int active;
+    if (active_fn == g_active_fn) {
+        active = sandbox_active_raw();
+    } else {
+        Py_INCREF(active_fn);
+        PyObject* r = PyObject_CallNoArgs(active_fn);
+        Py_DECREF(active_fn);
+        if (!r) return nullptr;
+        active = PyObject_IsTrue(r);
+        Py_DECREF(r);
+    }
+    if (active < 0) return nullptr;
+    if (active) {
+        PyObject* raise_fn = global_ref(ID("_raise_template_sandbox_violation"));
+        if (!raise_fn) return nullptr;
+        if (raise_fn == g_raise_fn) {
+            set_violation(operation);
+            return nullptr;
         }
-        object original = global(original_name);
-        return PyObject_Vectorcall(original.ptr(), args, (size_t)nargs, kwnames);
+        Py_INCREF(raise_fn);
+        PyObject* r = PyObject_CallOneArg(raise_fn, operation.ptr());
+        Py_DECREF(raise_fn);
+        if (!r) return nullptr;
+        Py_DECREF(r);
+    }
+    PyObject* original = global_ref(original_name);
+    if (!original) return nullptr;
+    Py_INCREF(original);
+    PyObject* result = PyObject_Vectorcall(original, args, (size_t)nargs, kwnames);
+    Py_DECREF(original);
+    return result;
+}
+
+PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_open"), ID("filesystem"));
+}
+
+PyObject* sandboxed_sqlite_connect(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_sqlite_connect"), ID("sqlite"));
+}
+
+PyObject* sandboxed_urllib_urlopen(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_urllib_urlopen"), ID("network"));
+}
+
+#define TW_FASTCALL_KW(fn) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fn))
+
+PyMethodDef g_hook_defs[] = {
+    {"_sandboxed_open", TW_FASTCALL_KW(sandboxed_open), METH_FASTCALL | METH_KEYWORDS,
+     "_sandboxed_open(*args, **kwargs)\n--\n\n"},
+    {"_sandboxed_sqlite_connect", TW_FASTCALL_KW(sandboxed_sqlite_connect), METH_FASTCALL | METH_KEYWORDS,
+     "_sandboxed_sqlite_connect(*args, **kwargs)\n--\n\n"},
+    {"_sandboxed_urllib_urlopen", TW_FASTCALL_KW(sandboxed_urllib_urlopen), METH_FASTCALL | METH_KEYWORDS,
+     "_sandboxed_urllib_urlopen(*args, **kwargs)\n--\n\n"},
+};
+
+// ---------------------------------------------------------------- scoped guard
+
+// What `_template_sandbox()` returns: entering installs (or re-asserts) the hooks
+// and marks the thread; leaving unmarks it, also on an exception, which goes on.
+struct GuardObject {
+    PyObject_HEAD PyObject* ident;
+};
+
+void guard_dealloc(PyObject* self) {
+    PyTypeObject* tp = Py_TYPE(self);
+    Py_CLEAR(reinterpret_cast<GuardObject*>(self)->ident);
+    tp->tp_free(self);
+    Py_DECREF(tp);
+}
+
+PyObject* guard_enter(PyObject* self, PyObject*) {
+    try {
+        install_hooks();
+        PyObject* ident = current_thread_ident();
+        object lock = sandbox_lock();
+        with_host_lock(lock, [&] { thread_set_add(ident); });
+        Py_INCREF(ident);
+        Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident);
+        Py_RETURN_NONE;
     } catch (py::error_already_set& e) {
         e.restore();
         return nullptr;
@@ -76,75 +252,65 @@ PyObject* forward(const char* operation, handle original_name, PyObject* const* 
     }
 }
 
-PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return forward("filesystem", ID("_original_open"), args, nargs, kwnames);
-}
-PyObject* sandboxed_sqlite_connect(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return forward("sqlite", ID("_original_sqlite_connect"), args, nargs, kwnames);
-}
-PyObject* sandboxed_urlopen(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return forward("network", ID("_original_urllib_urlopen"), args, nargs, kwnames);
+PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
+    if (nargs != 3) {
+        PyErr_Format(PyExc_TypeError, "__exit__ expected 3 arguments, got %zd", nargs);
+        return nullptr;
+    }
+    try {
+        object ident = borrow(reinterpret_cast<GuardObject*>(self)->ident);
+        if (ident) {
+            object lock = sandbox_lock();
+            with_host_lock(lock, [&] { thread_set_discard(ident.ptr()); });
+        }
+        Py_RETURN_FALSE;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+        return nullptr;
+    }
 }
 
-#define TW_FASTCALL(fn) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fn))
-PyMethodDef g_hook_defs[] = {
-    {"_sandboxed_open", TW_FASTCALL(sandboxed_open), METH_FASTCALL | METH_KEYWORDS,
-     "_sandboxed_open(*args, **kwargs)\n--\n\nThe host's open, refused inside a template sandbox."},
-    {"_sandboxed_sqlite_connect", TW_FASTCALL(sandboxed_sqlite_connect), METH_FASTCALL | METH_KEYWORDS,
-     "_sandboxed_sqlite_connect(*args, **kwargs)\n--\n\nsqlite3.connect, refused inside a template sandbox."},
-    {"_sandboxed_urllib_urlopen", TW_FASTCALL(sandboxed_urlopen), METH_FASTCALL | METH_KEYWORDS,
-     "_sandboxed_urllib_urlopen(*args, **kwargs)\n--\n\nurllib.request.urlopen, refused inside a template "
-     "sandbox."},
+PyMethodDef g_guard_methods[] = {
+    {"__enter__", guard_enter, METH_NOARGS, nullptr},
+    {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(guard_exit)), METH_FASTCALL, nullptr},
+    {nullptr, nullptr, 0, nullptr},
 };
-#undef TW_FASTCALL
 
-object f_sandbox_active(Args&) { return bool_of(sandbox_active()); }
+PyType_Slot g_guard_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(guard_dealloc)},
+    {Py_tp_methods, g_guard_methods},
+    {Py_tp_doc, const_cast<char*>("Scoped template sandbox for the calling thread.")},
+    {0, nullptr},
+};
 
-object f_raise_violation(Args& a) { raise_violation(to_std(a[0]).c_str()); }
+PyType_Spec g_guard_spec = {
+    "tarnwicket.search_templates._TemplateSandbox",
+    sizeof(GuardObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    g_guard_slots,
+};
+
+// ---------------------------------------------------------------- module functions
+
+object f_template_sandbox(Args&) {
+    PyObject* g = PyType_GenericAlloc(g_guard_type, 0);
+    if (!g) throw_py();
+    reinterpret_cast<GuardObject*>(g)->ident = nullptr;
+    return steal(g);
+}
+
+object f_template_sandbox_active(Args&) { return bool_of(sandbox_active_impl()); }
+
+object f_raise_violation(Args& a) { raise_violation_impl(a[0]); }
 
 object f_install_hooks(Args&) {
-    HostLock guard;
-    object request = import_module("urllib.request");
-    object builtins = import_module("builtins");
-    object sqlite3 = import_module("sqlite3");
-    object hooked_open = global(ID("_sandboxed_open"));
-    object hooked_connect = global(ID("_sandboxed_sqlite_connect"));
-    object hooked_urlopen = global(ID("_sandboxed_urllib_urlopen"));
-    if (truthy(global(ID("_template_sandbox_hooks_installed")))) {
-        set_attr(builtins, ID("open"), hooked_open);
-        set_attr(sqlite3, ID("connect"), hooked_connect);
-        if (get_attr(request, ID("urlopen")).ptr() != hooked_urlopen.ptr())
-            set_attr(request, ID("urlopen"), hooked_urlopen);
-        return none();
-    }
-    set_attr(builtins, ID("open"), hooked_open);
-    set_attr(sqlite3, ID("connect"), hooked_connect);
-    set_global("_original_urllib_urlopen", get_attr(request, ID("urlopen")));
-    set_attr(request, ID("urlopen"), hooked_urlopen);
-    set_global("_template_sandbox_hooks_installed", bool_of(true));
+    install_hooks_impl();
     return none();
 }
-
-// ---------------------------------------------------------------- the scoped guard
-
-object guard_enter(Args& a) {
-    call(global(ID("_install_template_sandbox_hooks")));
-    object ident = current_ident();
-    HostLock guard;
-    check_int(PySet_Add(global(ID("_template_sandbox_threads")).ptr(), ident.ptr()));
-    (void)a;
-    return none();
-}
-
-object guard_exit(Args&) {
-    object ident = current_ident();
-    HostLock guard;
-    object threads = global(ID("_template_sandbox_threads"));
-    call_method(threads, ID("discard"), {ident});
-    return bool_of(false);
-}
-
-object f_template_sandbox(Args&) { return call(global(ID("_TemplateSandboxGuard"))); }
 
 }  // namespace
 
@@ -153,27 +319,24 @@ void register_sandbox(handle m) {
     set_global("_template_sandbox_lock", call(get_attr(threading, ID("Lock"))));
     set_global("_template_sandbox_threads", steal(PySet_New(nullptr)));
     set_global("_template_sandbox_hooks_installed", bool_of(false));
-    set_global("_original_open", import_attr("builtins", ID("open")));
-    set_global("_original_sqlite_connect", import_attr("sqlite3", ID("connect")));
+    set_global("_original_open", get_attr(import_module("builtins"), ID("open")));
+    set_global("_original_sqlite_connect", get_attr(import_module("sqlite3"), ID("connect")));
     set_global("_original_urllib_urlopen", none());
 
+    g_guard_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&g_guard_spec)));
+    // Resolve the host lock's C methods now, while the import holds things still.
+    (void)detail::host_lock_methods();
+
     object modname = str_of("tarnwicket.search_templates");
-    for (auto& def : g_hook_defs) {
+    for (PyMethodDef& def : g_hook_defs) {
         object fn = steal(PyCFunction_NewEx(&def, nullptr, modname.ptr()));
         set_global(def.ml_name, fn);
     }
-    object active = def_function<f_sandbox_active>(m, "_template_sandbox_active()");
-    g_active_fn = active.ptr();
-    def_function<f_raise_violation>(m, "_raise_template_sandbox_violation(operation)");
-    def_function<f_install_hooks>(m, "_install_template_sandbox_hooks()");
 
-    object guard_cls = make_class("_TemplateSandboxGuard", handle(reinterpret_cast<PyObject*>(&PyBaseObject_Type)),
-                                  "Marks the calling thread as running template code while entered.");
-    def_method<guard_enter>(guard_cls, "__enter__($self)");
-    def_method<guard_exit>(guard_cls, "__exit__($self, exc_type, exc_value, traceback)");
-    set_global("_TemplateSandboxGuard", guard_cls);
-    def_function<f_template_sandbox>(m, "_template_sandbox()",
-                                     "Scoped guard: entering marks the calling thread, leaving unmarks it.");
+    def_function<f_template_sandbox>(m, "_template_sandbox()");
+    g_active_fn = def_function<f_template_sandbox_active>(m, "_template_sandbox_active()").release().ptr();
+    g_raise_fn = def_function<f_raise_violation>(m, "_raise_template_sandbox_violation(operation)").release().ptr();
+    g_install_fn = def_function<f_install_hooks>(m, "_install_template_sandbox_hooks()").release().ptr();
 }
 
 }  // namespace tw

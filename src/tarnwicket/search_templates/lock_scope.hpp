@@ -1,0 +1,135 @@
+// `with lock:` over a host threading.Lock, and `from module import name`.
+//
+// The lock is the host's own object; acquire and release go through its
+// methods by vectorcall. A blocked acquire releases the GIL inside the host.
+#pragma once
+
+#include "core/module.hpp"
+
+#include <type_traits>
+#include <utility>
+
+namespace tw {
+
+namespace detail {
+// The C implementations behind the host's lock type (threading.Lock()), looked
+// up once from its method descriptors. A lock of exactly that type is driven
+// through them directly; any other lock object goes through its methods.
+struct HostLockMethods {
+    PyTypeObject* type = nullptr;
+    PyCFunctionWithKeywords acquire = nullptr;
+    PyCFunction release = nullptr;
+    PyObject* empty_args = nullptr;
+};
+
+inline const HostLockMethods& host_lock_methods() {
+    static HostLockMethods m = [] {
+        HostLockMethods r;
+        object threading = import_module("threading");
+        object probe = call(get_attr(threading, ID("Lock")));
+        object type = borrow(reinterpret_cast<PyObject*>(Py_TYPE(probe.ptr())));
+        object acq = get_attr(type, ID("acquire"));
+        object rel = get_attr(type, ID("release"));
+        if (Py_IS_TYPE(acq.ptr(), &PyMethodDescr_Type) && Py_IS_TYPE(rel.ptr(), &PyMethodDescr_Type)) {
+            PyMethodDef* ad = reinterpret_cast<PyMethodDescrObject*>(acq.ptr())->d_method;
+            PyMethodDef* rd = reinterpret_cast<PyMethodDescrObject*>(rel.ptr())->d_method;
+            if (ad->ml_flags == (METH_VARARGS | METH_KEYWORDS) && rd->ml_flags == METH_NOARGS) {
+                r.type = Py_TYPE(probe.ptr());
+                Py_INCREF(r.type);
+                r.acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(ad->ml_meth));
+                r.release = rd->ml_meth;
+                r.empty_args = PyTuple_New(0);
+            }
+        }
+        return r;
+    }();
+    return m;
+}
+}  // namespace detail
+
+// Raw forms for hot paths: a new reference to the result, or null with the
+// error set.
+inline PyObject* host_lock_acquire_raw(PyObject* lock) {
+    const auto& hm = detail::host_lock_methods();
+    if (hm.type && Py_IS_TYPE(lock, hm.type)) return hm.acquire(lock, hm.empty_args, nullptr);
+    PyObject* argv[1] = {lock};
+    return PyObject_VectorcallMethod(ID("acquire").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+}
+
+inline PyObject* host_lock_release_raw(PyObject* lock) {
+    const auto& hm = detail::host_lock_methods();
+    if (hm.type && Py_IS_TYPE(lock, hm.type)) return hm.release(lock, nullptr);
+    PyObject* argv[1] = {lock};
+    return PyObject_VectorcallMethod(ID("release").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+}
+
+inline void host_lock_acquire(handle lock) {
+    PyObject* r = host_lock_acquire_raw(lock.ptr());
+    if (!r) throw_py();
+    Py_DECREF(r);
+}
+
+inline void host_lock_release(handle lock) {
+    PyObject* r = host_lock_release_raw(lock.ptr());
+    if (!r) throw_py();
+    Py_DECREF(r);
+}
+
+// Release while an error from the guarded body is on its way out. A failing
+// release wins, with the body's error as its context, as in a `with` block.
+inline void host_lock_release_during(handle lock, py::error_already_set& pending) {
+    try {
+        host_lock_release(lock);
+    } catch (py::error_already_set& e2) {
+        object ctx = pending.value();
+        PyException_SetContext(e2.value().ptr(), ctx.release().ptr());
+        throw;
+    }
+}
+
+// Runs `body` with `lock` held; the lock is released on every way out.
+template <class F>
+auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
+    using R = decltype(body());
+    host_lock_acquire(lock);
+    try {
+        if constexpr (std::is_void_v<R>) {
+            body();
+        } else {
+            R r = body();
+            host_lock_release(lock);
+            return r;
+        }
+    } catch (py::error_already_set& e) {
+        host_lock_release_during(lock, e);
+        throw;
+    } catch (...) {
+        PyObject *t, *v, *tb;
+        PyErr_Fetch(&t, &v, &tb);
+        PyObject* r = host_lock_release_raw(lock.ptr());
+        Py_XDECREF(r);
+        if (!r) PyErr_Clear();
+        PyErr_Restore(t, v, tb);
+        throw;
+    }
+    if constexpr (std::is_void_v<R>) host_lock_release(lock);
+}
+
+// `from <module> import <name>`: the module through the import system each
+// time; a missing name is an ImportError, as the statement raises it.
+inline object from_import(const char* module, handle name) {
+    object m = import_module(module);
+    PyObject* r = nullptr;
+    if (check_int(_PyObject_LookupAttr(m.ptr(), name.ptr(), &r)) == 1) return steal(r);
+    object modname = str_of(module);
+    object path = get_attr_or_none(m, ID("__file__"));
+    object msg = is_none(path)
+                     ? steal(PyUnicode_FromFormat("cannot import name %R from %R (unknown location)", name.ptr(),
+                                                  modname.ptr()))
+                     : steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)", name.ptr(), modname.ptr(),
+                                                  path.ptr()));
+    PyErr_SetImportError(msg.ptr(), modname.ptr(), path.ptr());
+    throw_py();
+}
+
+}  // namespace tw

@@ -1,0 +1,70 @@
+"""Stand-ins for the onboarding and tracking siblings used by the lifecycle tests."""
+
+import logging
+import sys
+import types
+
+import pytest
+
+import tarnwicket.search_templates as st
+
+
+class FakeTracker:
+    """Records its construction, the commands it was asked and its closing."""
+
+    def __init__(self, data_dir):
+        self.data_dir, self.calls, self.closed = data_dir, [], 0
+        self.made.append(self)
+
+    def __getattr__(self, name):
+        def command(*args, **kwargs):
+            self.calls.append((name, args, kwargs))
+            if self.fail_with is not None:
+                raise self.fail_with
+            return (name, args, kwargs)
+
+        return command
+
+    def close(self):
+        self.closed += 1
+        if self.close_fails_with is not None:
+            raise self.close_fails_with
+
+
+@pytest.fixture
+def tracker(monkeypatch):
+    cls = type("Tracker", (FakeTracker,), {"made": [], "fail_with": None, "close_fails_with": None})
+    monkeypatch.setattr(st, "SearchTracker", cls, raising=False)
+    return cls
+
+
+@pytest.fixture
+def onboarding(monkeypatch):
+    """A fake tarnwicket.agent_onboarding with `_config` and a recording `update_nudge`."""
+    mod = types.ModuleType("tarnwicket.agent_onboarding")
+    mod._config = {"data_dir": "/var/lib/tw", "server_url": "http://127.0.0.1:1"}
+    mod.nudges = []
+    mod.update_nudge = lambda trigger, **context: mod.nudges.append((trigger, context))
+    monkeypatch.setitem(sys.modules, mod.__name__, mod)
+    return mod
+
+
+@pytest.fixture
+def no_onboarding(monkeypatch):
+    # None in sys.modules makes the import fail with ModuleNotFoundError for that name.
+    monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", None)
+
+
+@pytest.fixture
+def idle_module(monkeypatch):
+    monkeypatch.setattr(st, "_search_active", False)
+    monkeypatch.setattr(st, "_active_search_handle", None)
+
+
+@pytest.fixture
+def logged(caplog):
+    """logged(level) -> messages of the module logger at that level."""
+    caplog.set_level(logging.DEBUG, logger="tarnwicket.search_templates")
+    return lambda level: [
+        r.getMessage() for r in caplog.records if r.levelno == level and r.name == "tarnwicket.search_templates"
+    ]

@@ -1,0 +1,175 @@
+"""The per-thread guard around template code: open, sqlite3.connect and urlopen."""
+
+import builtins
+import io
+import sqlite3
+import subprocess
+import sys
+import threading
+import urllib.request
+
+import pytest
+
+import tarnwicket.search_templates as st
+
+HOOKS = [
+    ("_sandboxed_open", "_original_open", "filesystem"),
+    ("_sandboxed_sqlite_connect", "_original_sqlite_connect", "sqlite"),
+    ("_sandboxed_urllib_urlopen", "_original_urllib_urlopen", "network"),
+]
+
+
+@pytest.fixture(autouse=True)
+def no_thread_left_marked():
+    yield
+    assert threading.get_ident() not in st._template_sandbox_threads
+
+
+def test_nothing_hooked_before_first_guard():
+    script = """if True:
+        import builtins, io, sqlite3, threading, urllib.request
+        import tarnwicket.search_templates as st
+        assert st._original_urllib_urlopen is None and st._template_sandbox_hooks_installed is False
+        assert st._original_open is io.open is builtins.open
+        assert st._original_sqlite_connect is sqlite3.dbapi2.connect
+        assert type(st._template_sandbox_lock) is type(threading.Lock())
+        assert type(st._template_sandbox_threads) is set and not st._template_sandbox_threads
+        real = urllib.request.urlopen
+        with st._template_sandbox():
+            pass
+        assert st._template_sandbox_hooks_installed is True and st._original_urllib_urlopen is real
+        assert builtins.open is st._sandboxed_open and sqlite3.connect is st._sandboxed_sqlite_connect
+        assert urllib.request.urlopen is st._sandboxed_urllib_urlopen
+    """
+    out = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
+    assert out.returncode == 0, out.stderr
+
+
+@pytest.mark.parametrize(
+    "call, word",
+    [
+        (lambda d: open(d / "data.txt"), "filesystem"),
+        (lambda d: open(d / "new.txt", "w"), "filesystem"),
+        (lambda d: sqlite3.connect(str(d / "db.sqlite")), "sqlite"),
+        (lambda d: urllib.request.urlopen("http://127.0.0.1:9/"), "network"),
+    ],
+    ids=["read", "write", "sqlite", "network"],
+)
+def test_forbidden_inside_guard(tmp_path, call, word):
+    (tmp_path / "data.txt").write_text("x")
+    with st._template_sandbox():
+        with pytest.raises(st.TemplateSandboxViolation) as info:
+            call(tmp_path)
+    assert str(info.value) == f"forbidden {word} access from search template"
+    assert isinstance(info.value, RuntimeError)
+    assert sorted(p.name for p in tmp_path.iterdir()) == ["data.txt"]
+
+
+def test_other_thread_passes_while_one_is_sandboxed(tmp_path):
+    target = tmp_path / "data.txt"
+    target.write_text("payload")
+    inside, release, seen = threading.Event(), threading.Event(), {}
+
+    def worker():
+        with st._template_sandbox():
+            try:
+                open(target)
+            except st.TemplateSandboxViolation as exc:  # a template may swallow it and go on
+                seen["error"] = str(exc)
+            seen["active"] = st._template_sandbox_active()
+            inside.set()
+            release.wait(10)
+
+    t = threading.Thread(target=worker)
+    t.start()
+    try:
+        assert inside.wait(10)
+        assert st._template_sandbox_active() is False
+        with open(target) as fh:
+            assert fh.read() == "payload"
+        sqlite3.connect(":memory:").close()
+    finally:
+        release.set()
+        t.join(10)
+    assert seen == {"error": "forbidden filesystem access from search template", "active": True}
+    assert st._template_sandbox_threads == set()
+
+
+class Boom(Exception):
+    pass
+
+
+def test_leaving_unmarks_thread_on_every_way_out(tmp_path):
+    (tmp_path / "f").write_text("abc")
+    with st._template_sandbox() as entered:
+        assert entered is None and threading.get_ident() in st._template_sandbox_threads
+    assert open(tmp_path / "f").read() == "abc"
+    exc = Boom()
+    with pytest.raises(Boom) as info:
+        with st._template_sandbox():
+            raise exc
+    assert info.value is exc and not st._template_sandbox_active()
+    # No nesting count: leaving an inner guard ends the sandbox for the thread.
+    with st._template_sandbox():
+        with st._template_sandbox():
+            pass
+        assert st._template_sandbox_active() is False
+    assert builtins.open is st._sandboxed_open
+
+
+def test_entry_reasserts_hooks_and_keeps_saved_originals(monkeypatch):
+    with st._template_sandbox():
+        pass
+    saved = (st._original_open, st._original_sqlite_connect, st._original_urllib_urlopen)
+    monkeypatch.setattr(urllib.request, "urlopen", lambda *a, **k: "other")
+    monkeypatch.setattr(sqlite3, "connect", lambda *a, **k: "other")
+    monkeypatch.setattr(builtins, "open", io.open)
+    with st._template_sandbox():
+        pass
+    assert urllib.request.urlopen is st._sandboxed_urllib_urlopen
+    assert sqlite3.connect is st._sandboxed_sqlite_connect
+    assert builtins.open is st._sandboxed_open
+    assert (st._original_open, st._original_sqlite_connect, st._original_urllib_urlopen) == saved
+
+
+@pytest.mark.parametrize("hook, original, word", HOOKS)
+@pytest.mark.parametrize("sandboxed", [False, True])
+def test_hook_forwards_arguments_and_reads_module_names(monkeypatch, hook, original, word, sandboxed):
+    result, refused = object(), []
+    monkeypatch.setattr(st, original, lambda *a, **k: (result, a, k))
+    if sandboxed:
+        # Replaced checks are obeyed; a violation hook that returns lets the call through.
+        monkeypatch.setattr(st, "_template_sandbox_active", lambda: True)
+        monkeypatch.setattr(st, "_raise_template_sandbox_violation", refused.append)
+    assert getattr(st, hook)("a", 2, mode="rb") == (result, ("a", 2), {"mode": "rb"})
+    assert refused == ([word] if sandboxed else [])
+
+
+class CountingLock:
+    def __init__(self):
+        self.inner, self.rounds = threading.Lock(), [0, 0]
+
+    def acquire(self, *a, **k):
+        self.rounds[0] += 1
+        return self.inner.acquire(*a, **k)
+
+    def release(self):
+        self.rounds[1] += 1
+        self.inner.release()
+
+
+class ExplodingSet(set):
+    def __contains__(self, item):
+        raise LookupError("broken set")
+
+
+def test_hook_takes_module_lock_once_and_releases_on_error(monkeypatch):
+    lock = CountingLock()
+    monkeypatch.setattr(st, "_template_sandbox_lock", lock)
+    monkeypatch.setattr(st, "_original_open", len)
+    assert st._sandboxed_open("abc") == 3
+    assert lock.rounds == [1, 1]
+    monkeypatch.setattr(st, "_template_sandbox_threads", ExplodingSet())
+    with pytest.raises(LookupError):
+        st._sandboxed_open("abc")
+    assert lock.rounds == [2, 2] and not lock.inner.locked()
