@@ -1,4 +1,5 @@
 import sys
+import time
 
 import pytest
 
@@ -9,8 +10,7 @@ from fakes import context_fakes as cf
 
 
 @pytest.fixture(autouse=True)
-def sibling_fakes(monkeypatch):
-    """A stand-in analytics module, and the empty-stats type the module binds at load."""
+def analytics(monkeypatch):
     mod = cf.analytics_module()
     monkeypatch.setitem(sys.modules, "tarnwicket.search_analytics", mod)
     if not hasattr(st, "_BacktestStats"):
@@ -20,8 +20,6 @@ def sibling_fakes(monkeypatch):
 
 @pytest.fixture
 def clock(monkeypatch):
-    import time
-
     c = cf.FakeClock()
     monkeypatch.setattr(time, "monotonic", c)
     return c
@@ -29,24 +27,15 @@ def clock(monkeypatch):
 
 @pytest.fixture
 def make_ctx():
-    """Build a SearchContext with working defaults; keywords override them."""
+    """A SearchContext with working defaults; keywords override them."""
 
     def build(**kw):
-        args = dict(
-            vocab=cf.VOCAB,
-            universe="universe_top50",
-            metaparams={"seed": 7, "mode": None},
-            depth=4,
-            tracker=cf.MemoryTracker(),
-            sync_mgr=None,
-            bt=cf.FakeBacktester(),
-            era_config=cf.EraConfig(),
-        )
+        args = dict(vocab=cf.VOCAB, universe="universe_top50", metaparams={"seed": 7}, depth=4,
+                    tracker=cf.MemoryTracker(), sync_mgr=None, bt=cf.FakeBacktester(), era_config=cf.EraConfig())
         args.update(kw)
         ctx = st.SearchContext(**args)
-        tracker = args["tracker"]
-        if hasattr(tracker, "lock"):
-            tracker.lock = ctx._tracker_write_lock
+        if isinstance(args["tracker"], cf.MemoryTracker):
+            args["tracker"].lock = ctx._tracker_write_lock
         return ctx
 
     return build

@@ -1,4 +1,5 @@
 import sys
+import types
 
 import pytest
 
@@ -9,17 +10,18 @@ from fakes import context_fakes as cf
 
 @pytest.fixture
 def service(monkeypatch):
-    """Stand-ins for the submit, auth and onboarding modules, logged in and configured."""
-    auth = cf.FakeAuth()
-    mods = {
-        "submit": cf.submit_module(),
-        "auth": cf.auth_module(),
-        "onboarding": cf.onboarding_module(auth_manager=auth),
-    }
-    monkeypatch.setitem(sys.modules, "tarnwicket.submit", mods["submit"])
-    monkeypatch.setitem(sys.modules, "tarnwicket.auth", mods["auth"])
-    monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", mods["onboarding"])
+    """Stand-ins for the submit, auth and onboarding modules: configured and logged in."""
+    s = types.SimpleNamespace(auth=cf.FakeAuth(), submit=cf.submit_module())
+    s.onboarding = cf.onboarding_module(auth_manager=s.auth)
+    monkeypatch.setitem(sys.modules, "tarnwicket.submit", s.submit)
+    monkeypatch.setitem(sys.modules, "tarnwicket.auth", cf.auth_module())
+    monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", s.onboarding)
     for name in ("_library_runtime", "_auth"):
         monkeypatch.delattr(st, name, raising=False)
-    mods["auth_obj"] = auth
-    return mods
+
+    def use_submit(**kw):
+        s.submit = cf.submit_module(**kw)
+        monkeypatch.setitem(sys.modules, "tarnwicket.submit", s.submit)
+
+    s.use_submit = use_submit
+    return s
