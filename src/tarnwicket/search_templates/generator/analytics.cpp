@@ -6,8 +6,6 @@
 
 namespace tw::gen {
 
-static bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
-static object get(handle m, handle key, handle dflt = Py_None) { return dict_get(m, key, dflt); }
 
 // ---------------------------------------------------------------- features
 
@@ -38,7 +36,7 @@ object feature_specs(handle features) {
     return specs;
 }
 
-static object names_of(handle specs) {
+object spec_names(handle specs) {
     object names = new_list();
     object it = steal(PyObject_GetIter(specs.ptr()));
     while (PyObject* p = PyIter_Next(it.ptr())) {
@@ -49,7 +47,7 @@ static object names_of(handle specs) {
     return names;
 }
 
-object feature_names(handle features) { return names_of(feature_specs(features)); }
+object feature_names(handle features) { return spec_names(feature_specs(features)); }
 
 // ---------------------------------------------------------------- rows
 

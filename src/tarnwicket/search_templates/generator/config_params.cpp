@@ -4,14 +4,6 @@
 
 namespace tw::gen {
 
-static bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
-static bool eq_str(handle a, const char* s) {
-    if (PyUnicode_CheckExact(a.ptr())) return PyUnicode_CompareWithASCIIString(a.ptr(), s) == 0;
-    object b = steal(PyUnicode_FromString(s));
-    return cmp(a, b, Py_EQ);
-}
-static object get(handle m, handle key) { return dict_get(m, key, Py_None); }
-static bool has_value(handle m, handle key) { return !is_none(get(m, key)); }
 static object fmt(handle o) { return steal(PyObject_Format(o.ptr(), nullptr)); }
 static std::string s_of(handle o) { return utf8(fmt(o)); }
 static std::string r_of(handle o) { return repr_std(o); }

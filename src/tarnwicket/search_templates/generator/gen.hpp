@@ -33,6 +33,18 @@ long long clamp_ll(handle int_obj);
 
 // ---------------------------------------------------------------- scalar coercers
 
+// Small Python-faithful helpers shared by the generator's files.
+inline bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
+inline bool eq_str(handle a, const char* s) {
+    if (PyUnicode_CheckExact(a.ptr())) return PyUnicode_CompareWithASCIIString(a.ptr(), s) == 0;
+    object b = steal(PyUnicode_FromString(s));
+    return cmp(a, b, Py_EQ);
+}
+inline object get(handle m, handle key, handle dflt = Py_None) { return dict_get(m, key, dflt); }
+inline bool has_value(handle m, handle key) { return !is_none(get(m, key)); }
+// The `name` of each spec, in order.
+object spec_names(handle specs);
+
 bool is_finite_number(handle value);
 object rw_float(handle value, handle dflt);        // _random_weighted_float
 bool rw_float_d(handle value, double& out);         // same, false where the default applies

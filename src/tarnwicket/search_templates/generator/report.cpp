@@ -5,16 +5,6 @@
 
 namespace tw::gen {
 
-static object spec_names(handle specs) {
-    object names = new_list();
-    object it = steal(PyObject_GetIter(specs.ptr()));
-    while (PyObject* p = PyIter_Next(it.ptr())) {
-        object spec = steal(p);
-        list_append(names, getitem(spec, ID("name")));
-    }
-    if (PyErr_Occurred()) throw_py();
-    return names;
-}
 
 object analyze_random_weighted(handle ctx) {
     object raw_vocab = get_attr(ctx, ID("vocabulary"));

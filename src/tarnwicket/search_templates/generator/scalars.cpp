@@ -6,7 +6,6 @@
 
 namespace tw::gen {
 
-static bool cmp(handle a, handle b, int op) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), op)) == 1; }
 
 long long clamp_ll(handle o) {
     int overflow = 0;
