@@ -5,17 +5,9 @@ namespace tw {
 
 namespace {
 
-class ModuleLock {
-public:
-    ModuleLock() : lock_(global(ID("_search_active_lock"))) { call_method(lock_, ID("acquire")); }
-    ~ModuleLock() {
-        PyObject* r = PyObject_CallMethodNoArgs(lock_.ptr(), ID("release").ptr());
-        if (!r) PyErr_WriteUnraisable(lock_.ptr());
-        Py_XDECREF(r);
-    }
-
-private:
-    object lock_;
+// The module's `_search_active_lock`, held for single assignments.
+struct ModuleLock : Locked {
+    ModuleLock() : Locked(global(ID("_search_active_lock"))) {}
 };
 
 void set_search_active(bool value) {

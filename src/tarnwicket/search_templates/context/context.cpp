@@ -233,23 +233,13 @@ static object safe_record(Args& a) {
     object stats = borrow(a[3].ptr());
     try {
         if (is_none(stats)) stats = call(global(ID("_BacktestStats")));
-        object lock = get_attr(self, ID("_tracker_write_lock"));
-        call_method(lock, ID("acquire"));
-        object result;
-        try {
-            result = call_method_kw(get_attr(self, ID("_tracker")), ID("record_signal_evaluation"),
+        Locked guard(get_attr(self, ID("_tracker_write_lock")));
+        return call_method_kw(get_attr(self, ID("_tracker")), ID("record_signal_evaluation"),
                                     {graph, stats, get_attr(self, ID("_era_id")), passed,
                                      get_attr(self, ID("_universe_id")), get_attr(self, ID("_metaparams_for_db"))},
                                     {{ID("pool_id"), get_attr(self, ID("_signal_pool_id"))},
                                      {ID("rejection_reason"), rejection_reason},
                                      {ID("per_column_stats"), per_column_stats}});
-        } catch (...) {
-            PyObject* r = PyObject_CallMethodNoArgs(lock.ptr(), ID("release").ptr());
-            Py_XDECREF(r);
-            throw;
-        }
-        call_method(lock, ID("release"));
-        return result;
     } catch (py::error_already_set& e) {
         if (!matches(e, PyExc_OSError)) throw;
         object callback = get_attr(self, ID("_fatal_callback"));

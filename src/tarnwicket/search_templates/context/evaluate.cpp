@@ -204,9 +204,8 @@ static object evaluate(Args& a) {
     object owner = get_attr(self, ID("_submission_owner"));
     if (!is_none(owner)) dict_set(payload, ID("_submission_owner"), owner);
 
-    object lock = get_attr(self, ID("_tracker_write_lock"));
-    call_method(lock, ID("acquire"));
-    try {
+    {
+        Locked guard(get_attr(self, ID("_tracker_write_lock")));
         if (!cancelled(self)) {
             object tracker = get_attr(self, ID("_tracker"));
             if (!payload::uses_persistent_store_late(tracker))
@@ -223,12 +222,7 @@ static object evaluate(Args& a) {
                 }
             }
         }
-    } catch (...) {
-        PyObject* r = PyObject_CallMethodNoArgs(lock.ptr(), ID("release").ptr());
-        Py_XDECREF(r);
-        throw;
     }
-    call_method(lock, ID("release"));
     return result;
 }
 

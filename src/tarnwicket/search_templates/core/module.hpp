@@ -146,6 +146,24 @@ object make_exception(const char* name, handle base, const char* doc = nullptr);
 // fields: {name, default-expression}; a default expression "[]" means a fresh list.
 object make_record(const char* name, std::initializer_list<std::pair<const char*, const char*>> fields, const char* doc = nullptr);
 
+// ---------------------------------------------------------------- locks
+
+// `with lock:` over a host lock object (Lock or RLock); waiting releases the GIL.
+class Locked {
+public:
+    explicit Locked(handle lock) : lock_(borrow(lock.ptr())) { call_method(lock_, ID("acquire")); }
+    ~Locked() {
+        PyObject* r = PyObject_CallMethodNoArgs(lock_.ptr(), ID("release").ptr());
+        if (!r) PyErr_WriteUnraisable(lock_.ptr());
+        Py_XDECREF(r);
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+private:
+    object lock_;
+};
+
 // ---------------------------------------------------------------- logging
 
 // The module logger (module global `logger`, read at each use).

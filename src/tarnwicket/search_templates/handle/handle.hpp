@@ -10,21 +10,7 @@ inline object field(handle self, handle name) { return get_attr(self, name); }
 inline void set_field(handle self, handle name, handle v) { set_attr(self, name, v); }
 inline bool field_true(handle self, handle name) { return truthy(get_attr(self, name)); }
 
-// `with lock:` over a host lock object (Lock or RLock).
-class Locked {
-public:
-    explicit Locked(handle lock) : lock_(borrow(lock.ptr())) { call_method(lock_, ID("acquire")); }
-    ~Locked() {
-        PyObject* r = PyObject_CallMethodNoArgs(lock_.ptr(), ID("release").ptr());
-        if (!r) PyErr_WriteUnraisable(lock_.ptr());
-        Py_XDECREF(r);
-    }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-
-private:
-    object lock_;
-};
+using tw::Locked;
 
 // The handle's `_lock`.
 inline object lock_of(handle self) { return field(self, ID("_lock")); }
