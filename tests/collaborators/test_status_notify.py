@@ -7,15 +7,13 @@ import pytest
 from tarnwicket.search_tracking import SearchTracker
 from tarnwicket.submission_status_notify import notify_submission_status
 
-TERMINAL = ["found", "useful", "is_rejected", "not_useful", "os_failed",
-            "useful_transition_failed"]
+TERMINAL = ["found", "useful", "is_rejected", "not_useful", "os_failed", "useful_transition_failed"]
 
 
 @pytest.fixture
 def tracker(tmp_path):
     t = SearchTracker(str(tmp_path))
-    eval_id = t.record_signal_evaluation({"type": "rotation", "node": "f", "children": []}, None,
-                                         1, True, "u", {})
+    eval_id = t.record_signal_evaluation({"type": "rotation", "node": "f", "children": []}, None, 1, True, "u", {})
     t.record_submission(eval_id, "signal", "sub-1", 1, pool_id="p")
     yield t
     t.close()
@@ -27,11 +25,9 @@ def finalized_at(tracker):
 
 @pytest.mark.parametrize("status", TERMINAL)
 def test_terminal_status_finalises(tracker, status):
-    assert notify_submission_status("sub-1", status, tracker=tracker,
-                                    rejection_reason="why") is None
+    assert notify_submission_status("sub-1", status, tracker=tracker, rejection_reason="why") is None
     row = tracker.get_submission_status("sub-1")
-    assert (row["status"], row["rejection_reason"]) == (status, "why")
-    assert row["finalized_at"] is not None
+    assert (row["status"], row["rejection_reason"]) == (status, "why") and row["finalized_at"] is not None
     assert tracker.get_pending_submissions() == []
 
 
@@ -44,11 +40,10 @@ def test_live_status_stays_open(tracker, status):
 
 
 def test_polled_fields_are_stored_and_kept(tracker):
-    notify_submission_status(
-        "sub-1", "is_validating", tracker=tracker, is_stats_json=json.dumps({"sharpe": 1}),
-        payment_json="2.5", payment=2.5, signal_pool_id="p9", is_correlation={"max": 0.3},
-        is_pnl_mi=0.2, agent_is_pnl_mi=0.1, is_weights_mi=0.05, failure_reason=None,
-        failure_detail=None)
+    notify_submission_status("sub-1", "is_validating", tracker=tracker, is_stats_json=json.dumps({"sharpe": 1}),
+                             payment_json="2.5", payment=2.5, signal_pool_id="p9", is_correlation={"max": 0.3},
+                             is_pnl_mi=0.2, agent_is_pnl_mi=0.1, is_weights_mi=0.05, failure_reason=None,
+                             failure_detail=None)
     first = finalized_at(tracker)
     notify_submission_status("sub-1", "found", tracker=tracker)  # fields left as None
     notify_submission_status("sub-1", "found", tracker=tracker)  # seen again: no new stamp
@@ -62,12 +57,7 @@ def test_polled_fields_are_stored_and_kept(tracker):
     assert finalized_at(tracker) == stamp
 
 
-def test_opens_its_own_tracker_from_data_dir(tracker):
-    notify_submission_status("sub-1", "not_useful", data_dir=tracker._data_dir)
-    assert tracker.get_submission_status("sub-1")["status"] == "not_useful"
-
-
-def test_cannot_write_raises_when_required(tracker, tmp_path):
+def test_own_tracker_from_data_dir_and_raises_when_it_cannot_write(tracker, tmp_path):
     with pytest.raises(RuntimeError):
         notify_submission_status("sub-1", "found")
     with pytest.raises(RuntimeError):
@@ -77,17 +67,17 @@ def test_cannot_write_raises_when_required(tracker, tmp_path):
     with pytest.raises(LookupError):
         notify_submission_status("sub-1", "found", data_dir=str(tmp_path / "elsewhere"))
     assert finalized_at(tracker) is None
+    notify_submission_status("sub-1", "not_useful", data_dir=tracker._data_dir)
+    assert tracker.get_submission_status("sub-1")["status"] == "not_useful"
 
 
 def test_skips_quietly_when_not_required(tracker):
     assert notify_submission_status("sub-1", "found", require_tracker=False) is None
-    assert notify_submission_status("sub-x", "found", tracker=tracker,
-                                    require_tracker=False) is None
+    assert notify_submission_status("sub-x", "found", tracker=tracker, require_tracker=False) is None
     assert finalized_at(tracker) is None
 
 
-@pytest.mark.parametrize("sid, status", [(None, "found"), ("", "found"), ("sub-1", ""),
-                                         ("sub-1", None)])
+@pytest.mark.parametrize("sid, status", [(None, "found"), ("", "found"), ("sub-1", ""), ("sub-1", None)])
 def test_bad_arguments(tracker, sid, status):
     with pytest.raises(ValueError):
         notify_submission_status(sid, status, tracker=tracker)

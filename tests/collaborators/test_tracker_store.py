@@ -12,15 +12,13 @@ from tarnwicket import search_tracking as st
 from tarnwicket.search_tracking import BacktestStats, SearchTracker
 
 CONTRACT_COLUMNS = {
-    "submission_queue": {"queue_id", "eval_id", "eval_type", "payload_json", "era_id", "priority",
-                         "created_at"},
-    "submission_retry": {"retry_id", "eval_id", "eval_type", "payload_json", "era_id", "pool_id",
-                         "retry_count", "last_rejection_reason", "retry_after", "created_at"},
-    "submission_status": {"status_id", "eval_id", "eval_type", "era_id", "pool_id",
-                          "signal_pool_id", "submission_id", "sim_id", "status", "submitted_at",
-                          "finalized_at"},
-    "signal_evaluations": {"eval_id", "pool_id", "submitted"},
-    "strategy_evaluations": {"eval_id", "strategy_pool_id", "signal_pool_id", "submitted"},
+    "submission_queue": "queue_id eval_id eval_type payload_json era_id priority created_at",
+    "submission_retry": "retry_id eval_id eval_type payload_json era_id pool_id retry_count last_rejection_reason "
+                        "retry_after created_at",
+    "submission_status": "status_id eval_id eval_type era_id pool_id signal_pool_id submission_id sim_id status "
+                         "submitted_at finalized_at",
+    "signal_evaluations": "eval_id pool_id submitted",
+    "strategy_evaluations": "eval_id strategy_pool_id signal_pool_id submitted",
 }
 
 
@@ -47,9 +45,6 @@ def add_claim_columns(conn, table):
     conn.commit()
 
 
-# -- construction and the store connection -------------------------------------------
-
-
 def test_tracker_lives_in_expanded_data_dir(tmp_path, monkeypatch):
     monkeypatch.setenv("HOME", str(tmp_path))
     t = SearchTracker("~/tw")
@@ -68,7 +63,7 @@ def test_tracker_lives_in_expanded_data_dir(tmp_path, monkeypatch):
 @pytest.mark.parametrize("table", sorted(CONTRACT_COLUMNS))
 def test_contract_columns_exist_and_claim_columns_do_not(tracker, table):
     cols = columns(tracker._conn, table)
-    assert CONTRACT_COLUMNS[table] <= cols
+    assert set(CONTRACT_COLUMNS[table].split()) <= cols
     assert not {"in_flight_owner", "in_flight_at"} & cols
 
 
@@ -119,22 +114,13 @@ def test_store_road_transaction_of_a_receipt(tracker):
             pending.sim_id) == ("sub-1", eval_id, "signal", 1, sim_id)
 
 
-def test_status_row_needs_its_sim_parent(tracker):
+def test_status_row_needs_its_sim_parent_and_sim_ids_are_deterministic(tracker):
     with pytest.raises(sqlite3.IntegrityError):
-        tracker._conn.execute(
-            "INSERT INTO submission_status (submission_id, sim_id, status) VALUES ('s', 'nope', 'x')")
-
-
-def test_synthetic_sim_id_is_deterministic():
-    a = st._synthetic_submission_sim_id("e1", "signal")
-    assert a == st._synthetic_submission_sim_id("e1", "signal")
-    assert a != st._synthetic_submission_sim_id("e1", "strategy")
-    assert a != st._synthetic_submission_sim_id("e2", "signal")
+        tracker._conn.execute("INSERT INTO submission_status (submission_id, sim_id, status) VALUES ('s', 'no', 'x')")
+    sim = st._synthetic_submission_sim_id
+    assert sim("e1", "signal") == sim("e1", "signal") not in (sim("e1", "strategy"), sim("e2", "signal"))
     with pytest.raises(TypeError):
-        st._synthetic_submission_sim_id(None, "signal")
-
-
-# -- evaluations -------------------------------------------------------------------
+        sim(None, "signal")
 
 
 def test_record_signal_evaluation_stores_what_it_was_given(tracker):
@@ -159,13 +145,10 @@ def test_record_signal_evaluation_stores_what_it_was_given(tracker):
 
 
 @pytest.mark.parametrize("args, exc", [
-    (([1], None, 1, True, "u", {}), TypeError),           # graph not a dict
-    (({}, None, "one", True, "u", {}), TypeError),         # era_id not an integer
-    (({}, None, True, True, "u", {}), TypeError),          # bool is no era
-    (({}, None, 1, "yes", "u", {}), TypeError),            # passed flag
-    (({}, None, 1, True, None, {}), TypeError),            # universe
-    (({}, None, 1, True, "", {}), ValueError),
-    (({}, None, 1, True, "u", ["a"]), TypeError),          # metaparams
+    (([1], None, 1, True, "u", {}), TypeError), (({}, None, "one", True, "u", {}), TypeError),
+    (({}, None, True, True, "u", {}), TypeError), (({}, None, 1, "yes", "u", {}), TypeError),
+    (({}, None, 1, True, None, {}), TypeError), (({}, None, 1, True, "", {}), ValueError),
+    (({}, None, 1, True, "u", ["a"]), TypeError),
 ])
 def test_record_signal_evaluation_rejects_bad_input(tracker, args, exc):
     with pytest.raises(exc):
@@ -174,26 +157,20 @@ def test_record_signal_evaluation_rejects_bad_input(tracker, args, exc):
 
 
 def test_record_signal_evaluation_retries_once_then_raises_oserror(tracker, monkeypatch):
-    real = tracker._transaction
-    failures = []
+    real, failures = tracker._transaction, [1]
 
     def flaky():
-        if len(failures) < budget[0]:
-            failures.append(1)
+        if failures:
+            failures.pop()
             raise sqlite3.OperationalError("database is locked")
         return real()
 
     monkeypatch.setattr(tracker, "_transaction", flaky)
-    budget = [1]
     assert isinstance(record(tracker), str)
-    failures.clear()
-    budget[0] = 2
+    failures[:] = [1, 1]
     with pytest.raises(OSError, match="database is locked"):
         record(tracker)
     assert tracker.get_evaluation_count() == 1
-
-
-# -- queue, retries and submissions ------------------------------------------------
 
 
 def test_enqueue_forms_and_errors(tracker):
@@ -207,12 +184,9 @@ def test_enqueue_forms_and_errors(tracker):
     assert all(r[1:5] == ("e1", "signal", 1, 0) for r in rows)
     assert json.loads(rows[1][5]) == record_
 
-    for bad, exc in [(("e1", "signal", text), TypeError),
-                     (("e1", "bogus", text, 1), ValueError),
-                     (("e1", "signal", "[1]", 1), ValueError),
-                     (("e1", "signal", "{", 1), ValueError),
-                     (({"eval_id": "e1"},), ValueError),
-                     (("e1",), TypeError)]:
+    for bad, exc in [(("e1", "signal", text), TypeError), (("e1", "bogus", text, 1), ValueError),
+                     (("e1", "signal", "[1]", 1), ValueError), (("e1", "signal", "{", 1), ValueError),
+                     (({"eval_id": "e1"},), ValueError), (("e1",), TypeError)]:
         with pytest.raises(exc):
             tracker.enqueue_submission(*bad)
     assert tracker._conn.execute("SELECT COUNT(*) FROM submission_queue").fetchone()[0] == 2
@@ -310,14 +284,10 @@ def test_search_active_flag_persists(tmp_path):
         assert not t.is_search_active()
 
 
-# -- concurrency -------------------------------------------------------------------
-
-
 def test_threads_sharing_one_tracker_under_a_lock(tracker):
-    lock = threading.RLock()
-    errors = []
+    lock, errors = threading.RLock(), []
 
-    def worker(n):
+    def worker():
         try:
             for i in range(20):
                 with lock:
@@ -325,19 +295,14 @@ def test_threads_sharing_one_tracker_under_a_lock(tracker):
                     if i % 2 == 0:
                         tracker.enqueue_submission(eval_id, "signal", payload(eval_id)[1], 1)
                 with lock:
-                    conn = tracker._conn
-                    conn.execute("BEGIN IMMEDIATE")
-                    try:
-                        conn.execute("UPDATE submission_queue SET priority=priority WHERE 0")
-                        conn.execute("COMMIT")
-                    except BaseException:
-                        conn.execute("ROLLBACK")
-                        raise
+                    tracker._conn.execute("BEGIN IMMEDIATE")
+                    tracker._conn.execute("UPDATE submission_queue SET priority=priority WHERE 0")
+                    tracker._conn.execute("COMMIT")
                 tracker.get_search_stats()  # unlocked read on its own connection
         except Exception as exc:  # pragma: no cover - reported below
             errors.append(exc)
 
-    threads = [threading.Thread(target=worker, args=(n,)) for n in range(4)]
+    threads = [threading.Thread(target=worker) for _ in range(4)]
     for t in threads:
         t.start()
     for t in threads:

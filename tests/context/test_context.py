@@ -20,12 +20,16 @@ def messages(caplog):
 
 
 def test_fields_in_assignment_order(make_ctx):
-    ctx = make_ctx(metaparams={"a": None, "b": 2, "c": "x"})
+    era = cf.EraConfig()
+    ctx = make_ctx(metaparams={"a": None, "b": 2, "c": "x"}, era_config=era)
     assert list(ctx.__dict__) == FIELDS
     assert ctx._metaparams_for_db == {"a": "none", "b": "2", "c": "x"}
     assert (ctx._signal_pool_id, ctx._era_id) == ("pool-a", 3)
+    assert ctx._thresholds == era.thresholds and ctx._thresholds is not era.thresholds
     with pytest.raises(AttributeError):
         make_ctx(metaparams=None)
+    with pytest.raises(AttributeError):
+        make_ctx(era_config=object(), thresholds={})
 
 
 @pytest.mark.parametrize("era_config, expected", [
@@ -33,13 +37,6 @@ def test_fields_in_assignment_order(make_ctx):
 ])
 def test_era_id_forms(make_ctx, era_config, expected):
     assert make_ctx(era_config=era_config, thresholds={})._era_id == expected
-    with pytest.raises(AttributeError):
-        make_ctx(era_config=object(), thresholds={})
-
-
-def test_thresholds_are_a_private_copy(make_ctx):
-    era = cf.EraConfig()
-    assert make_ctx(era_config=era)._thresholds == era.thresholds is not make_ctx(era_config=era)._thresholds
 
 
 @pytest.mark.parametrize("thresholds, era_config, message", [
@@ -74,18 +71,15 @@ def test_write_lock_shared_or_private_reentrant(make_ctx):
         pass
 
 
-@pytest.mark.parametrize("name", ["vocabulary", "universe_id", "metaparameters", "max_depth"])
-def test_read_only_properties(make_ctx, name):
-    with pytest.raises(AttributeError, match=f"^{name} is read-only$"):
-        setattr(make_ctx(), name, 1)
-
-
-def test_views(make_ctx):
+def test_views_and_read_only_properties(make_ctx):
     vocab, meta = {"functions": [{"name": "f"}]}, {"k": 1}
     ctx = make_ctx(vocab=vocab, metaparams=meta)
     one, two = ctx.vocabulary, ctx.vocabulary
     assert one == vocab and one is not two and one["functions"][0] is not vocab["functions"][0]
     assert ctx.metaparameters is meta and ctx.analytics is ctx._analytics
+    for name in ("vocabulary", "universe_id", "metaparameters", "max_depth"):
+        with pytest.raises(AttributeError, match=f"^{name} is read-only$"):
+            setattr(ctx, name, 1)
     with pytest.raises(AttributeError):
         ctx.analytics = None
 
@@ -117,8 +111,8 @@ def test_snapshot_from_loose_stats(make_ctx, caplog, raw, count, rows, logged):
 def test_engine_used_when_tracker_has_no_stats(make_ctx, analytics):
     tracker, era = cf.MemoryTracker(with_stats=False), cf.EraConfig()
     ctx = make_ctx(tracker=tracker, era_config=era)
-    engine = ctx._analytics_engine
-    assert (engine.tracker, engine.pool_configs, analytics.resolved) == (tracker, ["cfg"], [era])
+    assert (ctx._analytics_engine.tracker, ctx._analytics_engine.pool_configs) == (tracker, ["cfg"])
+    assert analytics.resolved == [era]
     assert ctx.analytics.total_evaluations == 1
     assert ctx.refresh_analytics() is ctx.analytics and ctx.analytics.total_evaluations == 2
 
@@ -175,9 +169,7 @@ def test_replaced_helpers_are_obeyed(make_ctx, monkeypatch):
 
 
 def event(state):
-    if state is None:
-        return None
-    e = threading.Event()
+    e = None if state is None else threading.Event()
     if state:
         e.set()
     return e
@@ -205,8 +197,7 @@ def test_safe_record_call_form_under_lock(make_ctx):
 
 
 def test_safe_record_os_error_reported_once_and_lock_released(make_ctx):
-    calls = []
-    tracker = cf.MemoryTracker(record_error=OSError("disk full"))
+    calls, tracker = [], cf.MemoryTracker(record_error=OSError("disk full"))
     ctx = make_ctx(tracker=tracker, fatal_callback=lambda *a: calls.append(a))
     assert ctx._safe_record({}, False) is None
     assert calls == [("DATABASE_ERROR", "Run get_db_info() to check database state. Consider restarting the search.",

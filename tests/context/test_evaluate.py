@@ -36,26 +36,24 @@ def world(make_ctx, clock, caplog):
     return build
 
 
-@pytest.mark.parametrize("graph, reason", [
-    ([], "invalid_input"), ({}, "invalid_input"), ({"node": "x"}, "invalid_input"),
-    ({"type": "feature", "extra": 1}, "invalid_input"), (None, "invalid_input"),
-    ({"type": "rotation", "node": "nope"}, "unknown_function"), ({"type": "filtration"}, "unknown_function"),
+@pytest.mark.parametrize("vocab, graph, reason", [
+    (cf.VOCAB, [], "invalid_input"), (cf.VOCAB, {}, "invalid_input"), (cf.VOCAB, {"node": "x"}, "invalid_input"),
+    (cf.VOCAB, {"type": "feature", "extra": 1}, "invalid_input"), (cf.VOCAB, None, "invalid_input"),
+    (cf.VOCAB, {"type": "rotation", "node": "nope"}, "unknown_function"),
+    (cf.VOCAB, {"type": "filtration"}, "unknown_function"),
+    (cf.VOCAB, {"type": "reduction", "node": "rank"}, None),
+    (cf.VOCAB, {"type": "rotation", "node": "ts_mean", "children": [{"type": "rotation", "node": "nope"}]}, None),
+    (cf.VOCAB, {"type": "feature", "node": "not_in_vocab"}, None),
+    ({"functions": []}, {"type": "rotation", "node": "nope"}, None),
+    ({}, {"type": "rotation", "node": "nope"}, None),
 ])
-def test_shape_rejections_need_no_era_config(world, graph, reason):
-    w = world(era_config=None, thresholds={})
+def test_shape_rejections_need_no_era_config(world, vocab, graph, reason):
+    if reason is None:  # known or unchecked functions go on to be evaluated
+        assert isinstance(world(vocab=vocab).ctx.evaluate(graph), st.BacktestResult)
+        return
+    w = world(vocab=vocab, era_config=None, thresholds={})
     assert w.ctx.evaluate(graph) is None
     assert reasons(w.tracker) == [(False, reason)] and w.bt.calls == []
-
-
-@pytest.mark.parametrize("vocab, graph", [
-    (cf.VOCAB, {"type": "reduction", "node": "rank"}),
-    (cf.VOCAB, {"type": "rotation", "node": "ts_mean", "children": [{"type": "rotation", "node": "nope"}]}),
-    (cf.VOCAB, {"type": "feature", "node": "not_in_vocab"}),
-    ({"functions": []}, {"type": "rotation", "node": "nope"}),
-    ({}, {"type": "rotation", "node": "nope"}),
-])
-def test_known_or_unchecked_functions_are_evaluated(world, vocab, graph):
-    assert isinstance(world(vocab=vocab).ctx.evaluate(graph), st.BacktestResult)
 
 
 def test_evaluate_expression_failure_logged_with_traceback(world, caplog):
@@ -135,6 +133,7 @@ def test_pass_records_queues_and_wakes(world):
     assert result == st.BacktestResult(expression=GRAPH, passed=True, stats=expected_stats, factor_pnl=[0.0],
                                        per_column_stats={}, submitted=False)
     assert result.expression is GRAPH and type(result.stats["long_count"]) is int
+    assert list(result.stats) == list(cf.GOOD_METRICS) and type(result.stats["sharpe"]) is float
     (args, kwargs), = w.tracker.records
     assert args[3] is True and args[1] == st._BacktestStats() and kwargs["per_column_stats"] is None
 

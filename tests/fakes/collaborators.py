@@ -22,10 +22,7 @@ def payload(eval_id, era_id=1, submission_type="signal", **extra):
 
 
 class DirSource:
-    """Data source that 'materialises' a universe by writing a marker file.
-
-    ``failures`` exceptions are raised by the first calls of ``materialise``.
-    """
+    """Writes a marker file per universe; the first calls raise the given `failures`."""
 
     def __init__(self, failures=()):
         self.failures = list(failures)
@@ -47,13 +44,3 @@ class DirSource:
         os.makedirs(os.path.join(data_dir, universe_id), exist_ok=True)
         with open(self.marker(data_dir, universe_id), "w") as fh:
             fh.write("ok")
-
-
-class RecordingCallback:
-    """Era callback that records (event_type, era_id) calls."""
-
-    def __init__(self):
-        self.calls = []
-
-    def __call__(self, event_type, era_id):
-        self.calls.append((event_type, era_id))

@@ -104,9 +104,6 @@ def era_dict(budget=5.0, **extra):
                  "signal_pools": [{"signal_pool_id": "pool-a"}]}, **extra)
 
 
-# ---------------------------------------------------------------- sibling modules
-
-
 def analytics_module(pool_configs=("cfg",), engine_error=None):
     """Stand-in for tarnwicket.search_analytics; `mod.resolved` lists the era configs it was asked about."""
     mod = types.ModuleType("tarnwicket.search_analytics")
@@ -156,15 +153,9 @@ class FakeAuth:
         return self.token
 
 
-def auth_module():
-    mod = types.ModuleType("tarnwicket.auth")
-    mod.AuthError = AuthError
-    return mod
-
-
-def onboarding_module(auth_manager=None, server_url="http://127.0.0.1:8765"):
-    mod = types.ModuleType("tarnwicket.agent_onboarding")
-    mod._config, mod._auth_manager = {"server_url": server_url}, auth_manager
+def module(name, **attrs):
+    mod = types.ModuleType(name)
+    mod.__dict__.update(attrs)
     return mod
 
 
@@ -176,10 +167,22 @@ class ClientResult:
     submission_id: Any = "sub-1"
 
 
+class SubmissionRejectedError(Exception):
+    def __init__(self, status_code, error, details, body=None):
+        super().__init__(status_code, error)
+        self.status_code, self.reason, self.details, self.body = status_code, error, details, body
+
+
+class SubmissionStatus:
+    def __init__(self, *args, **kwargs):
+        self.args, self.kwargs = args, kwargs
+
+
 def submit_module(call_error=None, with_close=True):
     """Stand-in for tarnwicket.submit; `mod.clients` keeps every client built, `mod.result` is what calls return."""
-    mod = types.ModuleType("tarnwicket.submit")
-    mod.clients, mod.result = [], ClientResult()
+    mod = module("tarnwicket.submit", clients=[], result=ClientResult(), SubmissionStatus=SubmissionStatus,
+                 SubmissionRejectedError=SubmissionRejectedError,
+                 SubmissionReceipt=lambda submission_id: types.SimpleNamespace(submission_id=submission_id))
 
     class SignalServiceClient:
         def __init__(self, server_url, token, timeout=30.0):
@@ -187,37 +190,22 @@ def submit_module(call_error=None, with_close=True):
             self.submitted, self.polled, self.closed = [], [], 0
             mod.clients.append(self)
 
-        def submit_signal(self, **kwargs):
-            self.submitted.append(kwargs)
+        def _answer(self, log, value):
+            log.append(value)
             if call_error is not None:
                 raise call_error
             return mod.result
 
+        def submit_signal(self, **kwargs):
+            return self._answer(self.submitted, kwargs)
+
         def get_signal_status(self, submission_id):
-            self.polled.append(submission_id)
-            if call_error is not None:
-                raise call_error
-            return mod.result
+            return self._answer(self.polled, submission_id)
 
     if with_close:
         def close(self):
             self.closed += 1
 
         SignalServiceClient.close = close
-
-    class SubmissionReceipt:
-        def __init__(self, submission_id):
-            self.submission_id = submission_id
-
-    class SubmissionRejectedError(Exception):
-        def __init__(self, status_code, error, details, body=None):
-            super().__init__(status_code, error)
-            self.status_code, self.reason, self.details, self.body = status_code, error, details, body
-
-    class SubmissionStatus:
-        def __init__(self, *args, **kwargs):
-            self.args, self.kwargs = args, kwargs
-
-    mod.SignalServiceClient, mod.SubmissionReceipt = SignalServiceClient, SubmissionReceipt
-    mod.SubmissionRejectedError, mod.SubmissionStatus = SubmissionRejectedError, SubmissionStatus
+    mod.SignalServiceClient = SignalServiceClient
     return mod

@@ -1,36 +1,23 @@
 """Fakes of the runtime collaborators that a search handle talks to."""
 
-from __future__ import annotations
-
 import threading
+import time
 import types
 
 
 class FakeAuth:
-    def __init__(self, token="tok", wallet_secret=b"w" * 32, fail=None):
-        self.token = token
-        self.wallet_secret = wallet_secret
-        self.fail = fail
+    def __init__(self, token="tok", wallet_secret=b"w" * 32):
+        self.token, self.wallet_secret = token, wallet_secret
 
     def get_token(self):
-        if self.fail is not None:
-            raise self.fail
         return self.token
 
 
 class FakeSyncManager:
     def __init__(self, needs=False, sync_failures=0, sync_exc=ConnectionError, alive=True, transition=False):
-        self.needs = needs
-        self.sync_failures = sync_failures
-        self.sync_exc = sync_exc
-        self.alive = alive
-        self.sync_calls = 0
-        self.acquired = 0
-        self.released = 0
-        self.callbacks = []
-        self.unregistered = []
-        self.started = 0
-        self.sync_requests = 0
+        self.needs, self.sync_failures, self.sync_exc, self.alive = needs, sync_failures, sync_exc, alive
+        self.sync_calls = self.acquired = self.released = self.started = 0
+        self.callbacks, self.unregistered = [], []
         if transition:
             self.transitions = []
             self.run_handle_era_transition = self._run_transition
@@ -63,7 +50,6 @@ class FakeSyncManager:
         self.alive = True
 
     def request_for_sync(self):
-        self.sync_requests += 1
         return []
 
     def _run_transition(self, era_id, kill, restart):
@@ -81,58 +67,33 @@ class FakeObfuscation:
 
 
 class FakeBacktester:
-    """Evaluation runtime whose backtest result is chosen by the test."""
-
-    def __init__(self, stats_factory=None, evaluate_exc=None):
-        self.stats_factory = stats_factory
-        self.evaluate_exc = evaluate_exc
+    def __init__(self):
         self.init_calls = []
-        self.lock = threading.Lock()
-        self.evaluated = 0
 
     def init_reconstruction(self, shuffle_blob=None, wallet_secret=None, era_id=None):
         self.init_calls.append((shuffle_blob, wallet_secret, era_id))
 
     def evaluate_expression(self, graph):
-        if self.evaluate_exc is not None:
-            raise self.evaluate_exc
-        with self.lock:
-            self.evaluated += 1
+        pass
 
     def run_backtest(self, graph):
-        return self.stats_factory(graph) if self.stats_factory else None
+        return None
 
 
 def era_config(**overrides):
-    cfg = types.SimpleNamespace(
-        era_id=3,
-        transform_pipeline=["demean", "normalise"],
-        thresholds={
-            "demean": "Cross_Sectional",
-            "normalise": None,
-            "turnover_max": 1.0,
-            "delta_exposure_max": 0.5,
-            "max_weight_max": 0.2,
-            "correlation_max": 0.9,
-        },
-        max_depth=4,
-        max_expression_generation_seconds=5.0,
-        signal_pools=[{"signal_pool_id": "pool-a"}],
-        column_threshold_rules=[],
-    )
-    for k, v in overrides.items():
-        setattr(cfg, k, v)
-    return cfg
+    thresholds = {"demean": "Cross_Sectional", "normalise": None, "turnover_max": 1.0, "delta_exposure_max": 0.5,
+                  "max_weight_max": 0.2, "correlation_max": 0.9}
+    return types.SimpleNamespace(**{**dict(
+        era_id=3, transform_pipeline=["demean", "normalise"], thresholds=thresholds, max_depth=4,
+        max_expression_generation_seconds=5.0, signal_pools=[{"signal_pool_id": "pool-a"}],
+        column_threshold_rules=[]), **overrides})
 
 
 class MemoryTracker:
     """A tracker without a store connection: everything stays in memory."""
 
     def __init__(self, count=None):
-        self.count = count
-        self.active = []
-        self.records = []
-        self.enqueued = []
+        self.count, self.active, self.records, self.enqueued = count, [], [], []
         self.lock = threading.Lock()
 
     def set_search_active(self, flag):
@@ -153,8 +114,6 @@ class MemoryTracker:
 
 def wait_until(predicate, timeout=5.0, interval=0.01):
     """Polls `predicate` until it holds or `timeout` seconds pass."""
-    import time
-
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
         if predicate():
@@ -163,5 +122,9 @@ def wait_until(predicate, timeout=5.0, interval=0.01):
     return predicate()
 
 
-def live_threads(prefix):
-    return [t for t in threading.enumerate() if t.name.startswith(prefix) and t.is_alive()]
+def raising(exc):
+    """A callable that raises `exc` whatever it is given."""
+    def fail(*args, **kwargs):
+        raise exc
+
+    return fail

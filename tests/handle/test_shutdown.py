@@ -5,7 +5,12 @@ import threading
 import pytest
 
 import tarnwicket.search_templates as st
-from fakes.runtime import FakeSyncManager, MemoryTracker, wait_until
+from fakes.runtime import FakeSyncManager, MemoryTracker, raising, wait_until
+
+
+def make_active(h):
+    with st._search_active_lock:
+        st._search_active, st._active_search_handle = True, h
 
 
 class SqliteTracker(MemoryTracker):
@@ -38,9 +43,7 @@ class TestStop:
         h = make_handle(template=lambda ctx: iter(lambda: {"type": "feature", "node": "f"}, None), n_jobs=2,
                         tracker=tracker, sync_mgr=mgr)
         h._submission_queue.put({"a": 1})
-        with st._search_active_lock:
-            st._search_active = True
-            st._active_search_handle = h
+        make_active(h)
         h.stop()
         threads = [*h._worker_threads, h._supervisor_thread, h._era_thread]
         assert not any(t.is_alive() for t in threads)
@@ -53,20 +56,14 @@ class TestStop:
 
     def test_stop_of_another_handle_keeps_the_active_reference(self, make_handle):
         first, second = make_handle(bt=None), make_handle(bt=None)
-        with st._search_active_lock:
-            st._search_active = True
-            st._active_search_handle = second
+        make_active(second)
         first.stop()
         assert st._search_active is False and st._active_search_handle is second
 
     def test_stop_survives_collaborator_failures(self, make_handle, caplog):
-        class Broken(MemoryTracker):
-            def set_search_active(self, flag):
-                raise RuntimeError("store gone")
-
-        mgr = FakeSyncManager()
-        mgr.release = lambda: (_ for _ in ()).throw(RuntimeError("manager gone"))
-        h = make_handle(tracker=Broken(), sync_mgr=mgr, bt=None)
+        tracker, mgr = MemoryTracker(), FakeSyncManager()
+        tracker.set_search_active, mgr.release = raising(RuntimeError("store gone")), raising(RuntimeError("manager gone"))
+        h = make_handle(tracker=tracker, sync_mgr=mgr, bt=None)
         h.stop(join_timeout=0)
         assert h._stopped is True
         assert "Failed to set search inactive: store gone" in caplog.text
@@ -74,9 +71,7 @@ class TestStop:
 
     def test_fatal_handle_is_unblocked_by_stop(self, make_handle):
         h = make_handle(bt=None)
-        with st._search_active_lock:
-            st._search_active = True
-            st._active_search_handle = h
+        make_active(h)
         h._set_fatal_error("INFRASTRUCTURE_FAILURE", "register()", "Background infrastructure failed permanently")
         h.stop()
         assert st._search_active is False
@@ -122,18 +117,15 @@ class TestReplacementAbort:
         assert h._ensure_retry_claim_columns() is False
         assert h._errors[-1].startswith("submission submission_retry_claim_schema failed (OperationalError)")
 
-    def test_memory_tracker_runs_no_statement(self, make_handle):
-        h = make_handle(bt=None)
+    def test_memory_tracker_runs_no_statement_and_stopped_handle_is_left_alone(self, make_handle):
+        h, stopped = make_handle(bt=None), make_handle(bt=None)
         h._submission_queue.put({"p": 1})
         h._abort_for_replacement()
         assert h._submission_queue.qsize() == 0 and h._stopped
         h._abort_for_replacement()
-
-    def test_abort_of_a_stopped_handle_does_nothing(self, make_handle):
-        h = make_handle(bt=None)
-        h.stop()
-        h._abort_for_replacement()
-        assert not h._replacement_abort_requested()
+        stopped.stop()
+        stopped._abort_for_replacement()
+        assert not stopped._replacement_abort_requested()
 
 
 def test_finaliser_tolerates_a_bare_handle():

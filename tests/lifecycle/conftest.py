@@ -50,12 +50,6 @@ def onboarding(monkeypatch):
 
 
 @pytest.fixture
-def no_onboarding(monkeypatch):
-    # None in sys.modules makes the import fail with ModuleNotFoundError for that name.
-    monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", None)
-
-
-@pytest.fixture
 def idle_module(monkeypatch):
     monkeypatch.setattr(st, "_search_active", False)
     monkeypatch.setattr(st, "_active_search_handle", None)
@@ -65,6 +59,5 @@ def idle_module(monkeypatch):
 def logged(caplog):
     """logged(level) -> messages of the module logger at that level."""
     caplog.set_level(logging.DEBUG, logger="tarnwicket.search_templates")
-    return lambda level: [
-        r.getMessage() for r in caplog.records if r.levelno == level and r.name == "tarnwicket.search_templates"
-    ]
+    return lambda level: [r.getMessage() for r in caplog.records
+                          if r.levelno == level and r.name == "tarnwicket.search_templates"]

@@ -1,5 +1,3 @@
-"""Module status, management commands, data directory and the nudge path."""
-
 import importlib.abc
 import importlib.util
 import inspect
@@ -32,15 +30,12 @@ def test_status_asks_the_active_handle_outside_the_lock(monkeypatch):
     assert st.status() is snapshot and seen == [False]
 
 
-@pytest.mark.parametrize(
-    "name, args, kwargs, expected",
-    [
-        ("delete_evaluations", (), {}, {"eval_type": None, "keep_last": 50000}),
-        ("delete_evaluations", ("signal", -5), {}, {"eval_type": "signal", "keep_last": -5}),
-        ("delete_failed_evaluations", (), {"eval_type": "strategy"}, {"eval_type": "strategy"}),
-        ("get_db_info", (), {}, {}),
-    ],
-)
+@pytest.mark.parametrize("name, args, kwargs, expected", [
+    ("delete_evaluations", (), {}, {"eval_type": None, "keep_last": 50000}),
+    ("delete_evaluations", ("signal", -5), {}, {"eval_type": "signal", "keep_last": -5}),
+    ("delete_failed_evaluations", (), {"eval_type": "strategy"}, {"eval_type": "strategy"}),
+    ("get_db_info", (), {}, {}),
+])
 @pytest.mark.parametrize("active", [False, True])
 def test_commands(monkeypatch, onboarding, tracker, name, args, kwargs, expected, active):
     monkeypatch.setattr(st, "_search_active", active)
@@ -105,10 +100,10 @@ def test_no_data_dir_is_oserror(monkeypatch, onboarding, tracker, idle_module, c
     assert tracker.made == []
 
 
-def test_data_dir_default_and_config_read_each_call(no_onboarding, monkeypatch):
+def test_data_dir_default_and_config_read_each_call(monkeypatch):
+    monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", None)  # the import fails
     sentinel = object()
-    assert st._agent_onboarding_data_dir() is None
-    assert st._agent_onboarding_data_dir(sentinel) is sentinel
+    assert st._agent_onboarding_data_dir() is None and st._agent_onboarding_data_dir(sentinel) is sentinel
     monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", types.SimpleNamespace(_config={"data_dir": ""}))
     assert st._agent_onboarding_data_dir("d") == ""
 
@@ -132,8 +127,7 @@ def test_failure_inside_onboarding_imports_propagates(monkeypatch):
 
 
 def test_nudge_passes_trigger_and_context(onboarding):
-    assert st._safe_update_nudge("first_signal", count=1) is None
-    assert st._safe_update_nudge("10_signals") is None
+    assert st._safe_update_nudge("first_signal", count=1) is st._safe_update_nudge("10_signals") is None
     assert onboarding.nudges == [("first_signal", {"count": 1}), ("10_signals", {})]
 
 
@@ -149,17 +143,11 @@ def test_nudge_failure_is_a_warning(monkeypatch, onboarding, logged, broken):
     assert broken != "raises" or text == "update_nudge call failed: division by zero"
 
 
-@pytest.mark.parametrize(
-    "name, text",
-    [
-        ("status", "()"),
-        ("delete_evaluations", "(eval_type=None, keep_last=50000)"),
-        ("delete_failed_evaluations", "(eval_type=None)"),
-        ("_safe_update_nudge", "(trigger, **context)"),
-        ("_agent_onboarding_data_dir", "(default=None)"),
-        ("_call_management_tracker", "(method_name, *args, **kwargs)"),
-        ("_sandboxed_open", "(*args, **kwargs)"),
-    ],
-)
-def test_call_forms(name, text):
-    assert str(inspect.signature(getattr(st, name))) == text
+CALL_FORMS = {"status": "()", "delete_evaluations": "(eval_type=None, keep_last=50000)",
+              "delete_failed_evaluations": "(eval_type=None)", "_safe_update_nudge": "(trigger, **context)",
+              "_agent_onboarding_data_dir": "(default=None)", "_sandboxed_open": "(*args, **kwargs)",
+              "_call_management_tracker": "(method_name, *args, **kwargs)"}
+
+
+def test_call_forms():
+    assert {name: str(inspect.signature(getattr(st, name))) for name in CALL_FORMS} == CALL_FORMS
