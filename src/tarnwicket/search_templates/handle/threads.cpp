@@ -218,7 +218,8 @@ static object era_loop(Args& a) {
     object era_id = is_none(era_config) ? int_of(1) : get_attr_or(era_config, ID("era_id"), int_of(1));
     object stop_event = field(self, ID("_stop_event"));
     while (!event_is_set(stop_event) && field_true(self, ID("_running"))) {
-        if (interruptible_wait(stop_event, as_double(global(ID("ERA_POLL_INTERVAL"))))) return none();
+        if (truthy(call_method(self, ID("_interruptible_wait"), {stop_event, global(ID("ERA_POLL_INTERVAL"))})))
+            return none();
         if (event_is_set(stop_event) || field_true(self, ID("_stopped"))) return none();
         object sync_mgr = field(self, ID("_sync_mgr"));
         object transition = is_none(sync_mgr) ? none() : get_attr_or_none(sync_mgr, ID("run_handle_era_transition"));
