@@ -115,21 +115,7 @@ auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
     if constexpr (std::is_void_v<R>) host_lock_release(lock);
 }
 
-// `from <module> import <name>`: the module through the import system each
-// time; a missing name is an ImportError, as the statement raises it.
-inline object from_import(const char* module, handle name) {
-    object m = import_module(module);
-    PyObject* r = nullptr;
-    if (check_int(_PyObject_LookupAttr(m.ptr(), name.ptr(), &r)) == 1) return steal(r);
-    object modname = str_of(module);
-    object path = get_attr_or_none(m, ID("__file__"));
-    object msg = is_none(path)
-                     ? steal(PyUnicode_FromFormat("cannot import name %R from %R (unknown location)", name.ptr(),
-                                                  modname.ptr()))
-                     : steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)", name.ptr(), modname.ptr(),
-                                                  path.ptr()));
-    PyErr_SetImportError(msg.ptr(), modname.ptr(), path.ptr());
-    throw_py();
-}
+// `from <module> import <name>`.
+inline object from_import(const char* module, handle name) { return import_attr(module, name); }
 
 }  // namespace tw

@@ -7,17 +7,6 @@ namespace tw {
 
 namespace {
 
-// SearchError(code, advice, message, SearchStatus(running=False))
-object startup_error(const char* code, const char* advice, handle message) {
-    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), bool_of(false)}});
-    object code_obj = str_of(code);
-    object advice_obj = str_of(advice);
-    return call_kw(global(ID("SearchError")), {},
-                   {{ID("error_code"), code_obj},
-                    {ID("recovery_advice"), advice_obj},
-                    {ID("message"), message},
-                    {ID("status"), status}});
-}
 
 object f_is_authed(Args& a) {
     object runtime = get_attr_or_none(a[0], ID("_library_runtime"));

@@ -16,8 +16,7 @@ void set_search_active(bool value) {
 }
 
 [[noreturn]] void raise_search_error(const char* code, const char* advice, const char* message) {
-    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), handle(Py_False)}});
-    raise_obj(call(global(ID("SearchError")), {str_of(code), str_of(advice), str_of(message), status}));
+    raise_obj(startup_error(code, advice, str_of(message)));
 }
 
 object runtime_attr(handle runtime, handle name) {

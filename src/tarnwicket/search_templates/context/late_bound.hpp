@@ -28,17 +28,7 @@ inline object replacement(handle name, const Original& orig) {
 }
 
 // `from <module> import <name>`, through the import system at each call.
-inline object from_import(const char* module, handle name) {
-    object m = import_module(module);
-    PyObject* r = nullptr;
-    int rc = _PyObject_LookupAttr(m.ptr(), name.ptr(), &r);
-    if (rc < 0) throw_py();
-    if (rc == 0) {
-        PyErr_Format(PyExc_ImportError, "cannot import name '%U' from '%s'", name.ptr(), module);
-        throw_py();
-    }
-    return steal(r);
-}
+inline object from_import(const char* module, handle name) { return import_attr(module, name); }
 
 // format(value, "") — the text an f-string gives a value.
 inline std::string fmt(handle value) {

@@ -275,6 +275,19 @@ object make_record(const char* name, std::initializer_list<std::pair<const char*
     return finish_class(std::move(cls), name, doc);
 }
 
+// ---------------------------------------------------------------- start-up errors
+
+object startup_error(const char* code, const char* advice, handle message) {
+    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), handle(Py_False)}});
+    object code_obj = str_of(code);
+    object advice_obj = str_of(advice);
+    return call_kw(global(ID("SearchError")), {},
+                   {{ID("error_code"), code_obj},
+                    {ID("recovery_advice"), advice_obj},
+                    {ID("message"), message},
+                    {ID("status"), status}});
+}
+
 // ---------------------------------------------------------------- logging
 
 object logger() { return global(ID("logger")); }

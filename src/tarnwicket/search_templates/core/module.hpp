@@ -146,6 +146,12 @@ object make_exception(const char* name, handle base, const char* doc = nullptr);
 // fields: {name, default-expression}; a default expression "[]" means a fresh list.
 object make_record(const char* name, std::initializer_list<std::pair<const char*, const char*>> fields, const char* doc = nullptr);
 
+// ---------------------------------------------------------------- start-up errors
+
+// SearchError(code, advice, message, SearchStatus(running=False)), the form of
+// every error raised at the caller before a search runs.
+object startup_error(const char* code, const char* advice, handle message);
+
 // ---------------------------------------------------------------- locks
 
 // `with lock:` over a host lock object (Lock or RLock); waiting releases the GIL.

@@ -106,7 +106,17 @@ object call_star(handle f, handle args_tuple, handle kwargs_dict) {
 
 object import_attr(const char* module, handle attr) {
     object m = import_module(module);
-    return get_attr(m, attr);
+    PyObject* r = nullptr;
+    if (check_int(_PyObject_LookupAttr(m.ptr(), attr.ptr(), &r)) == 1) return steal(r);
+    // A missing name is an ImportError, as the `from` statement raises it.
+    object modname = str_of(module);
+    object path = get_attr_or_none(m, ID("__file__"));
+    object msg = is_none(path) ? steal(PyUnicode_FromFormat("cannot import name %R from %R (unknown location)",
+                                                           attr.ptr(), modname.ptr()))
+                               : steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)", attr.ptr(),
+                                                           modname.ptr(), path.ptr()));
+    PyErr_SetImportError(msg.ptr(), modname.ptr(), path.ptr());
+    throw_py();
 }
 
 object tuple_of(std::initializer_list<handle> items) {

@@ -145,7 +145,7 @@ object call_star(handle f, handle args_tuple, handle kwargs_dict);
 
 // import `name` through the host's import system (sys.modules first), each time.
 inline object import_module(const char* name) { return steal(PyImport_ImportModule(name)); }
-// from module import attr
+// `from module import attr`: a missing name raises ImportError.
 object import_attr(const char* module, handle attr);
 
 // ---------------------------------------------------------------- containers
