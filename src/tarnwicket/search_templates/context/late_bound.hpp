@@ -37,46 +37,6 @@ inline std::string fmt(handle value) {
     return utf8(steal(PyObject_Format(value.ptr(), empty.ptr())));
 }
 
-// `a > b` with the host's comparison (exact floats compared in place).
-inline bool greater(handle a, handle b) {
-    if (PyFloat_CheckExact(a.ptr()) && PyFloat_CheckExact(b.ptr()))
-        return PyFloat_AS_DOUBLE(a.ptr()) > PyFloat_AS_DOUBLE(b.ptr());
-    return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_GT)) == 1;
-}
-inline bool less(handle a, handle b) {
-    if (PyFloat_CheckExact(a.ptr()) && PyFloat_CheckExact(b.ptr()))
-        return PyFloat_AS_DOUBLE(a.ptr()) < PyFloat_AS_DOUBLE(b.ptr());
-    return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LT)) == 1;
-}
-
-// `with lock:` — entered at construction, left by release() or on unwinding.
-class WithLock {
-public:
-    explicit WithLock(handle lock) : lock_(borrow(lock.ptr())) {
-        call_method(lock_, ID("__enter__"));
-        held_ = true;
-    }
-    WithLock(const WithLock&) = delete;
-    WithLock& operator=(const WithLock&) = delete;
-    void release() {
-        if (!held_) return;
-        held_ = false;
-        call_method(lock_, ID("__exit__"), {handle(Py_None), handle(Py_None), handle(Py_None)});
-    }
-    ~WithLock() {
-        if (!held_) return;
-        held_ = false;
-        PyObject* argv[4] = {lock_.ptr(), Py_None, Py_None, Py_None};
-        PyObject* r = PyObject_VectorcallMethod(ID("__exit__").ptr(), argv, 4 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
-        if (r) Py_DECREF(r);
-        else PyErr_WriteUnraisable(lock_.ptr());
-    }
-
-private:
-    object lock_;
-    bool held_ = false;
-};
-
 // `close = getattr(client, "close", None); if callable(close): close()`.
 inline void close_client(handle client) {
     object close = get_attr_or_none(client, ID("close"));
