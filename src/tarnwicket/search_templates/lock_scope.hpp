@@ -103,6 +103,8 @@ auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
     } catch (py::error_already_set& e) {
         host_lock_release_during(lock, e);
         throw;
+    } catch (const forced_unwind&) {
+        throw;
     } catch (...) {
         PyObject *t, *v, *tb;
         PyErr_Fetch(&t, &v, &tb);

@@ -1,11 +1,54 @@
 // Process-wide state of the module: the active flag, the latest handle and the
-// weak set of live handles.
+// weak set of live handles; and the stop of every live search at interpreter
+// exit.
 #include "core/module.hpp"
 
 namespace tw {
 
+std::atomic<bool> g_interpreter_exiting{false};
+
+namespace {
+
+// Runs when the host shuts its threads down, before it finalises (the hook the
+// standard library's executors use to stop their workers). Every live search
+// is stopped as stop() does it: persisted work is kept, the threads are joined
+// and the active flags are cleared. From here on, threads that outlive their
+// join are left to the host, and nothing of theirs touches the module again.
+object stop_searches_at_exit(Args&) {
+    object handles = list_from(global(ID("_active_handles")));
+    object latest = global_or_none(ID("_active_search_handle"));
+    if (!is_none(latest)) list_append(handles, latest);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(handles.ptr()); ++i) {
+        object h = borrow(PyList_GET_ITEM(handles.ptr(), i));
+        try {
+            call_method(h, ID("stop"));
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            log_warning("Failed to stop search at interpreter exit: %s", {exc_value(e)});
+        }
+    }
+    g_interpreter_exiting.store(true);
+    return none();
+}
+
+void register_exit_hook(handle m) {
+    object hook = def_function<stop_searches_at_exit>(m, "_stop_searches_at_exit()",
+                                                      "Stop every live search before the interpreter finalises.");
+    object threading = import_module("threading");
+    object register_atexit = get_attr_or_none(threading, ID("_register_atexit"));
+    if (!PyCallable_Check(register_atexit.ptr())) return;
+    try {
+        call(register_atexit, {hook});
+    } catch (py::error_already_set& e) {
+        // Imported while the host is already shutting its threads down.
+        if (!matches(e, PyExc_RuntimeError)) throw;
+        g_interpreter_exiting.store(true);
+    }
+}
+
+}  // namespace
+
 void register_state(handle m) {
-    (void)m;
     object threading = import_module("threading");
     object weakref = import_module("weakref");
     set_global("_search_active", bool_of(false));
@@ -14,6 +57,7 @@ void register_state(handle m) {
     set_global("_active_handles", call(get_attr(weakref, ID("WeakSet"))));
     set_global("_REPLACEMENT_ABORT_BOOTSTRAP_LOCK", call(get_attr(threading, ID("Lock"))));
     set_global("_EMPTY_FIELD_SET", steal(PyFrozenSet_New(nullptr)));
+    register_exit_hook(m);
 }
 
 }  // namespace tw

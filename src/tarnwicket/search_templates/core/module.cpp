@@ -188,6 +188,8 @@ namespace detail {
 void translate_current_cpp_exception() {
     try {
         throw;
+    } catch (const forced_unwind&) {
+        throw;
     } catch (py::error_already_set& e) {
         e.restore();
     } catch (py::builtin_exception& e) {

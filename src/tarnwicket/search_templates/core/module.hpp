@@ -159,6 +159,7 @@ class Locked {
 public:
     explicit Locked(handle lock) : lock_(borrow(lock.ptr())) { call_method(lock_, ID("acquire")); }
     ~Locked() {
+        if (!may_touch_objects()) return;  // a thread unwound at exit: the lock dies with the process
         PyObject* r = PyObject_CallMethodNoArgs(lock_.ptr(), ID("release").ptr());
         if (!r) PyErr_WriteUnraisable(lock_.ptr());
         Py_XDECREF(r);

@@ -7,7 +7,7 @@
 //   * names are interned once per call site with ID("name").
 #pragma once
 
-#include <pybind11/pybind11.h>
+#include "core/python.hpp"
 
 #include <cmath>
 #include <initializer_list>

@@ -1,0 +1,48 @@
+// The interpreter's headers and pybind11, included by every file of the module
+// (and precompiled), with one change to how references are dropped.
+//
+// At interpreter exit the host ends daemon threads that still want the
+// interpreter lock by unwinding their stacks (abi::__forced_unwind). Such a
+// thread runs the destructors of the C++ frames it unwinds while another
+// thread holds the lock and is tearing the interpreter down. A reference
+// dropped there would race with that teardown, and a dealloc would run Python
+// code without the lock; so once exit has begun, a thread that does not hold
+// the lock leaks the reference instead. The process is ending: nothing is lost.
+#pragma once
+
+#include <Python.h>
+
+#include <atomic>
+#include <cxxabi.h>
+
+namespace tw {
+
+// Set when the module's exit hook runs, before the host starts finalising.
+extern std::atomic<bool> g_interpreter_exiting;
+
+// True when this thread may touch Python objects: always before exit, and
+// after it only while holding the interpreter lock.
+inline bool may_touch_objects() {
+    return !g_interpreter_exiting.load(std::memory_order_relaxed) || PyGILState_Check();
+}
+
+inline void drop_ref(PyObject* op) {
+    if (__builtin_expect(g_interpreter_exiting.load(std::memory_order_relaxed), 0) && !PyGILState_Check()) return;
+    Py_DECREF(op);
+}
+inline void drop_xref(PyObject* op) {
+    if (op) drop_ref(op);
+}
+
+// The forced unwinding of a thread ended by the host. Every catch-all lets it
+// through first:   catch (const forced_unwind&) { throw; }
+using forced_unwind = abi::__forced_unwind;
+
+}  // namespace tw
+
+#undef Py_DECREF
+#define Py_DECREF(op) ::tw::drop_ref(_PyObject_CAST(op))
+#undef Py_XDECREF
+#define Py_XDECREF(op) ::tw::drop_xref(_PyObject_CAST(op))
+
+#include <pybind11/pybind11.h>
