@@ -105,6 +105,9 @@ object lookup_vocabulary(handle runtime, handle data_dir, handle universe_id) {
 object search(Args& a) {
     handle template_ = a[0];
     object n_jobs = borrow(a[1].ptr());
+    // Threads started now would never be stopped: the host has already shut
+    // its threads down and is about to finalise.
+    if (g_interpreter_exiting.load()) raise(PyExc_RuntimeError, "cannot start a search after interpreter shutdown");
 
     object st_mod = import_module("tarnwicket");
     st_mod = get_attr(st_mod, ID("search_templates"));

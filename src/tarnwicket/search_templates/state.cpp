@@ -31,9 +31,10 @@ object stop_searches_at_exit(Args&) {
     return none();
 }
 
-void register_exit_hook(handle m) {
-    object hook = def_function<stop_searches_at_exit>(m, "_stop_searches_at_exit()",
-                                                      "Stop every live search before the interpreter finalises.");
+void register_exit_hook() {
+    // Not a name of the module: only the host calls it, once.
+    object hook = make_function<stop_searches_at_exit>("_stop_searches_at_exit()",
+                                                       "Stop every live search before the interpreter finalises.");
     object threading = import_module("threading");
     object register_atexit = get_attr_or_none(threading, ID("_register_atexit"));
     if (!PyCallable_Check(register_atexit.ptr())) return;
@@ -49,6 +50,7 @@ void register_exit_hook(handle m) {
 }  // namespace
 
 void register_state(handle m) {
+    (void)m;
     object threading = import_module("threading");
     object weakref = import_module("weakref");
     set_global("_search_active", bool_of(false));
@@ -57,7 +59,7 @@ void register_state(handle m) {
     set_global("_active_handles", call(get_attr(weakref, ID("WeakSet"))));
     set_global("_REPLACEMENT_ABORT_BOOTSTRAP_LOCK", call(get_attr(threading, ID("Lock"))));
     set_global("_EMPTY_FIELD_SET", steal(PyFrozenSet_New(nullptr)));
-    register_exit_hook(m);
+    register_exit_hook();
 }
 
 }  // namespace tw

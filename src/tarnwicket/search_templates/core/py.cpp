@@ -170,8 +170,8 @@ object py_round_int(double x) {
 
 // The host's clocks, looked up at each call so that a patched `time` is obeyed.
 static double host_clock(handle name) {
-    static PyObject* time_mod = PyImport_ImportModule("time");
-    if (!time_mod) throw_py();
+    // A failed first import throws out of the initialiser and is tried again next time.
+    static PyObject* time_mod = check(PyImport_ImportModule("time"));
     object fn = get_attr(time_mod, name);
     object r = call(fn);
     return as_double(r);
