@@ -19,6 +19,7 @@ from .operators import OPERATORS
 
 STORE_ADVICE = "move it aside to start a new store, or put back a copy that works"
 VOCABULARY_ADVICE = "delete it to have the local data set written again"
+_IN_USE = (5, 6)      # SQLITE_BUSY, SQLITE_LOCKED
 
 
 def _expected_columns(schema: str) -> dict[str, set[str]]:
@@ -52,6 +53,8 @@ def check_store(path: str) -> None:
                 missing = ", ".join(sorted(wanted - have))
                 raise DamagedFile(path, f"has a table {table} without the columns {missing}", STORE_ADVICE)
     except sqlite3.Error as exc:
+        if getattr(exc, "sqlite_errorcode", None) in _IN_USE:
+            raise                      # busy with another process, not damaged
         raise DamagedFile(path, f"is not a usable search store ({exc})", STORE_ADVICE) from None
     finally:
         conn.close()
