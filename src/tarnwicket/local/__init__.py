@@ -6,8 +6,9 @@ tracker, era configuration, evaluator) that a search takes from the package.
 """
 
 from .evaluator import LocalEvaluator
+from .files import DamagedFile
 from .market_data import UNIVERSE_ID
 from .runtime import DEFAULT_DATA_DIR, LocalRuntime, prepare_local_runtime
 
-__all__ = ["DEFAULT_DATA_DIR", "LocalEvaluator", "LocalRuntime", "UNIVERSE_ID",
+__all__ = ["DEFAULT_DATA_DIR", "DamagedFile", "LocalEvaluator", "LocalRuntime", "UNIVERSE_ID",
            "prepare_local_runtime"]

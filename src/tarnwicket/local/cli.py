@@ -3,13 +3,21 @@
 from __future__ import annotations
 
 import argparse
+import io
 import os
+import select
+import signal
+import sqlite3
+import stat
 import sys
+import threading
 import time
 
+from .files import DamagedFile
 from .runtime import DEFAULT_DATA_DIR
 
 EXIT_OK, EXIT_FAILED, EXIT_USAGE = 0, 1, 2
+EXIT_PIPE = 128 + signal.SIGPIPE
 DEFAULT_SECONDS = 45.0
 
 
@@ -66,7 +74,10 @@ def build_parser() -> argparse.ArgumentParser:
 
 
 def _err(message: str) -> None:
-    print(f"tarnwicket: error: {message}", file=sys.stderr)
+    try:
+        print(f"tarnwicket: error: {message}", file=sys.stderr, flush=True)
+    except OSError:                    # stderr is gone as well: nobody to tell
+        pass
 
 
 def main(argv: list[str] | None = None) -> int:
@@ -82,15 +93,141 @@ def main(argv: list[str] | None = None) -> int:
     return run_search(args)
 
 
+class _Interrupted(BaseException):
+    """A stop request that arrived while the runtime was being prepared."""
+
+
+class _StopRequests:
+    """SIGINT and SIGTERM, turned into the same orderly stop.
+
+    While the runtime is prepared (``interrupting``), a signal interrupts it as
+    Ctrl-C would; that code writes its files atomically and cleans up after
+    itself. Once the search is about to start, a signal is only noted: the
+    progress loop ends on it, and the stop and the summary then run whole, with
+    later signals noted and ignored. The first signal decides the exit status.
+    """
+
+    SIGNALS = (signal.SIGINT, signal.SIGTERM)
+
+    def __init__(self):
+        self.signum: int | None = None
+        self.interrupting = True
+        self._previous: dict = {}
+
+    def __enter__(self) -> "_StopRequests":
+        if threading.current_thread() is threading.main_thread():
+            for sig in self.SIGNALS:
+                self._previous[sig] = signal.signal(sig, self._on_signal)
+        return self
+
+    def __exit__(self, *exc) -> None:
+        for sig, previous in self._previous.items():
+            signal.signal(sig, signal.SIG_DFL if previous is None else previous)
+
+    def _on_signal(self, signum, frame) -> None:
+        if self.signum is None:
+            self.signum = signum
+        if self.interrupting:
+            self.interrupting = False
+            raise _Interrupted
+
+    def word(self) -> str:
+        return "Terminated" if self.signum == signal.SIGTERM else "Interrupted"
+
+
+class _Output:
+    """Standard output that a reader closing the pipe silences instead of breaking.
+
+    After the first failed write, or once ``reader_gone`` sees the reader has
+    left, the stream's descriptor is pointed at the null device, so that what
+    is still buffered, and the interpreter's flush at exit, go nowhere quietly.
+    """
+
+    def __init__(self, stream):
+        self.stream = stream
+        self.closed = False
+        self._poll = None
+        try:
+            fd = stream.fileno()
+            if stat.S_ISFIFO(os.fstat(fd).st_mode):
+                self._poll = select.poll()
+                self._poll.register(fd, 0)     # errors only: POLLERR once the reader has gone
+        except (AttributeError, OSError, ValueError, io.UnsupportedOperation):
+            self._poll = None
+
+    def line(self, text: str = "", end: str = "\n") -> None:
+        if self.closed:
+            return
+        try:
+            self.stream.write(text + end)
+            self.stream.flush()
+        except BrokenPipeError:
+            self._silence()
+
+    def reader_gone(self) -> bool:
+        if not self.closed and self._poll is not None and self._poll.poll(0):
+            self._silence()
+        return self.closed
+
+    def _silence(self) -> None:
+        self.closed = True
+        try:
+            devnull = os.open(os.devnull, os.O_WRONLY)
+            try:
+                os.dup2(devnull, self.stream.fileno())
+            finally:
+                os.close(devnull)
+        except (AttributeError, OSError, ValueError, io.UnsupportedOperation):
+            pass
+
+
 def run_search(args) -> int:
+    """Run the search; the exit status tells how it ended.
+
+    A closed output pipe gives 141 (128 + SIGPIPE), a stop by SIGINT or SIGTERM
+    128 plus the signal number; otherwise 0, 1 for a search that failed, 2 for
+    unusable options or data.
+    """
+    out = _Output(sys.stdout)
+    with _StopRequests() as stops:
+        code = _run_search(args, out, stops)
+    if out.closed:
+        return EXIT_PIPE
+    if stops.signum is not None:
+        return 128 + stops.signum
+    return code
+
+
+def _prepare(args, out, stops):
+    """The local runtime, or an exit status when there is none to search with."""
     from .runtime import prepare_local_runtime
 
-    print(f"Preparing the local runtime in {os.path.expanduser(args.data_dir)} ...", flush=True)
     try:
-        runtime = prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url)
+        try:
+            out.line(f"Preparing the local runtime in {os.path.expanduser(args.data_dir)} ...")
+            if out.closed:
+                return EXIT_PIPE
+            return prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url)
+        finally:
+            stops.interrupting = False
+    except _Interrupted:
+        out.line(f"{stops.word()} before the search started.")
+        return EXIT_FAILED
+    except DamagedFile as exc:
+        _err(str(exc))
+        return EXIT_USAGE
     except OSError as exc:
         _err(f"data directory {args.data_dir!r} is not usable: {exc.strerror or exc}")
         return EXIT_USAGE
+    except sqlite3.Error as exc:
+        _err(f"the search store in {args.data_dir!r} could not be opened: {exc}")
+        return EXIT_FAILED
+
+
+def _run_search(args, out, stops) -> int:
+    runtime = _prepare(args, out, stops)
+    if isinstance(runtime, int):
+        return runtime
 
     import tarnwicket.search_templates as st
 
@@ -99,29 +236,44 @@ def run_search(args) -> int:
     if not callable(search) or template is None:
         _err("this build has no search engine (tarnwicket.search_templates.search is missing)")
         return EXIT_FAILED
+    if stops.signum is not None or out.reader_gone():
+        return EXIT_FAILED
     try:
         handle = search(template, n_jobs=args.jobs)
     except Exception as exc:                      # a start-up refusal, told in one line
         _err(f"the search did not start: {exc}")
+        _mark_ended(runtime)
         return EXIT_FAILED
-    evaluated, elapsed, failure = _watch(handle, args.seconds, runtime)
     try:
-        handle.stop()
-    except Exception as exc:
-        _err(f"stopping the search failed: {exc}")
-    _print_summary(runtime, evaluated, elapsed)
+        evaluated, elapsed, failure = _watch(handle, args.seconds, runtime, out, stops)
+    finally:
+        try:
+            handle.stop()
+        except Exception as exc:
+            _err(f"stopping the search failed: {exc}")
+        _mark_ended(runtime)
+    _print_summary(runtime, evaluated, elapsed, out)
     if failure is not None:
         _err(f"the search ended with an error: {failure}")
         return EXIT_FAILED
     return EXIT_OK
 
 
-def _watch(handle, seconds: float, runtime=None):
-    """Show progress until the time limit or Ctrl-C; return (evaluated, elapsed, failure)."""
+def _mark_ended(runtime) -> None:
+    """Make sure the store no longer says a search is running (the handle's stop does it when it gets there)."""
+    tracker = runtime.search_tracker
+    try:
+        if tracker.is_search_active():
+            tracker.set_search_active(False)
+    except Exception as exc:
+        _err(f"could not mark the search as ended in the store: {exc}")
+
+
+def _watch(handle, seconds: float, runtime, out: _Output, stops: _StopRequests):
+    """Show progress until the time limit, a stop request or a closed output; return (evaluated, elapsed, failure)."""
     from .summary import LiveCounts, find_store, progress_line
 
-    db_path = find_store(runtime.search_tracker, runtime.data_dir) if runtime is not None else None
-    counts = LiveCounts(db_path, time.time())
+    counts = LiveCounts(find_store(runtime.search_tracker, runtime.data_dir), time.time())
     tty = sys.stdout.isatty()
     start = time.monotonic()
     baseline = None
@@ -129,7 +281,7 @@ def _watch(handle, seconds: float, runtime=None):
     failure = None
     last_print = 0.0
     try:
-        while True:
+        while stops.signum is None and not out.reader_gone():
             now = time.monotonic()
             elapsed = now - start
             try:
@@ -144,30 +296,33 @@ def _watch(handle, seconds: float, runtime=None):
             found, queued = counts.read()
             line = progress_line(evaluated, rate, found, queued, len(s.errors), elapsed, seconds)
             if tty:
-                print("\r" + line.ljust(100), end="", flush=True)
+                out.line("\r" + line.ljust(100), end="")
             elif now - last_print >= 5.0:
-                print(line, flush=True)
+                out.line(line)
                 last_print = now
             if elapsed >= seconds:
                 break
             time.sleep(min(0.5, max(seconds - elapsed, 0.01)))
-    except KeyboardInterrupt:
-        print("\nInterrupted; stopping ...", flush=True)
-    counts.close()
-    if tty:
-        print()
+    finally:
+        counts.close()
+    if stops.signum is not None:
+        out.line(f"\n{stops.word()}; stopping ...")
+    elif tty:
+        out.line()
     return evaluated, time.monotonic() - start, failure
 
 
-def _print_summary(runtime, evaluated: int, elapsed: float) -> None:
+def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output) -> None:
     from .summary import find_store, stored_evaluations, summary_lines
 
+    if out.closed:
+        return
     db_path = find_store(runtime.search_tracker, runtime.data_dir)
     stored = stored_evaluations(db_path) if db_path else {}
     passed = runtime.evaluator.passed_signals()
     for line in summary_lines(passed, stored, db_path, evaluated, elapsed):
-        print(line)
-    print(f"Local data and settings: {runtime.data_dir}")
+        out.line(line)
+    out.line(f"Local data and settings: {runtime.data_dir}")
 
 
 if __name__ == "__main__":

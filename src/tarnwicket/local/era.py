@@ -14,7 +14,7 @@ import os
 import secrets
 import struct
 
-from .files import write_atomically
+from .files import DamagedFile, write_atomically
 
 SEED_FILE = "shuffle_seed.enc"
 WALLET_FILE = "local_wallet.key"
@@ -75,14 +75,18 @@ class LocalAuth:
 
 
 def load_or_create_wallet_secret(data_dir: str) -> bytes:
+    """The wallet secret of ``data_dir``, made on first use; a damaged one is never replaced."""
     path = os.path.join(data_dir, WALLET_FILE)
     try:
         with open(path, "rb") as fh:
-            secret = fh.read()
-        if len(secret) == WALLET_SECRET_LENGTH:
-            return secret
+            secret = fh.read(WALLET_SECRET_LENGTH + 1)
     except FileNotFoundError:
-        pass
+        secret = None
+    if secret is not None:
+        if len(secret) != WALLET_SECRET_LENGTH:
+            raise DamagedFile(path, f"is not a wallet secret of {WALLET_SECRET_LENGTH} bytes",
+                              "delete it to make a new local identity")
+        return secret
     secret = secrets.token_bytes(WALLET_SECRET_LENGTH)
     _write_private(path, secret)
     return secret

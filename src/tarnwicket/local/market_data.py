@@ -12,11 +12,13 @@ Arrays are time-major: shape (days, instruments).
 from __future__ import annotations
 
 import os
+import zipfile
+import zlib
 from dataclasses import dataclass
 
 import numpy as np
 
-from .files import write_atomically
+from .files import DamagedFile, write_atomically
 
 UNIVERSE_ID = "universe_top50"
 PANEL_FILE = "panel.npz"
@@ -153,8 +155,55 @@ def save_panel(panel: Panel, path: str) -> None:
                                                **{name: getattr(panel, name) for name in PRICE_FIELDS}))
 
 
+REWRITE_ADVICE = "delete it to have the local data set written again"
+
+_ZIP_MAGIC = (b"PK\x03\x04", b"PK\x05\x06")   # an archive with members, an empty one
+# What can go wrong reading a damaged archive: a broken archive or member, bad
+# compression, a truncated file, or a payload that is not an array file.
+_UNREADABLE = (OSError, ValueError, EOFError, KeyError, zipfile.BadZipFile, zlib.error)
+
+
+def _check_panel_arrays(arrays: dict) -> str | None:
+    """What is wrong with the arrays of a panel file, or None when they form a panel."""
+    missing = [name for name in ("dates", "symbols", "sector", *PRICE_FIELDS) if name not in arrays]
+    if missing:
+        return "lacks the arrays " + ", ".join(missing)
+    dates, symbols, sector = arrays["dates"], arrays["symbols"], arrays["sector"]
+    if dates.ndim != 1 or dates.dtype.kind not in "iu" or dates.size < 2:
+        return "has no usable dates (expected two or more whole-number dates)"
+    if np.any(np.diff(dates) <= 0):
+        return "has dates that are not in increasing order"
+    if symbols.ndim != 1 or symbols.size < 1:
+        return "has no instruments"
+    if sector.shape != symbols.shape or sector.dtype.kind not in "iu" or np.any(sector < 0):
+        return "has a sector array that does not match its instruments"
+    shape = (dates.size, symbols.size)
+    for name in PRICE_FIELDS:
+        values = arrays[name]
+        if values.shape != shape or values.dtype.kind not in "iuf":
+            return f"has a {name} array of shape {values.shape}, expected {shape} numbers"
+        if np.isinf(values).any():
+            return f"has infinite {name} values"
+    close = arrays["close"]
+    known = close[~np.isnan(close)]
+    if known.size == 0 or np.any(known <= 0):
+        return "has no positive close prices" if known.size == 0 else "has close prices that are not positive"
+    return None
+
+
 def load_panel(path: str) -> Panel:
-    with np.load(path, allow_pickle=False) as npz:
-        arrays = {name: npz[name] for name in npz.files}
+    """The panel in ``path``; ``DamagedFile`` when it is not a readable, well-formed panel."""
+    with open(path, "rb") as fh:
+        magic = fh.read(4)
+    if magic not in _ZIP_MAGIC:
+        raise DamagedFile(path, "is not a market data file (not an archive of arrays)", REWRITE_ADVICE)
+    try:
+        with np.load(path, allow_pickle=False) as npz:
+            arrays = {name: npz[name] for name in npz.files}
+    except _UNREADABLE as exc:
+        raise DamagedFile(path, f"is not a readable market data file ({exc})", REWRITE_ADVICE) from None
+    problem = _check_panel_arrays(arrays)
+    if problem is not None:
+        raise DamagedFile(path, problem, REWRITE_ADVICE)
     fields = {name: np.asarray(arrays[name], dtype=np.float64) for name in PRICE_FIELDS}
     return Panel(arrays["dates"], arrays["symbols"], arrays["sector"], **fields)

@@ -5,10 +5,11 @@ from __future__ import annotations
 import importlib
 import os
 
+from .checks import check_store, check_vocabulary
 from .data_source import LocalMarketSource
 from .era import LocalAuth, LocalEraConfig, ensure_seed_file, load_or_create_wallet_secret
 from .evaluator import LocalEvaluator
-from .market_data import UNIVERSE_ID
+from .market_data import UNIVERSE_ID, load_panel, panel_path
 
 DEFAULT_DATA_DIR = "~/.tarnwicket/local"
 
@@ -66,20 +67,27 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
                           server_url: str | None = None) -> LocalRuntime:
     """Build the local runtime, syncing the local data set first if needed.
 
+    The store, the market data, the vocabulary and the wallet secret are checked
+    before anything is written; a damaged one raises ``DamagedFile`` (a
+    ``ValueError``) and is left as it is.
+
     Also points ``tarnwicket.agent_onboarding._config`` at the data directory
     (and the server URL, when given) and publishes the runtime as
     ``tarnwicket.search_templates._library_runtime``.
     """
+    from tarnwicket.search_tracking import DB_FILENAME, SearchTracker
+
     data_dir = usable_data_dir(data_dir)
+    check_store(os.path.join(data_dir, DB_FILENAME))
     source = LocalMarketSource(seed)
     sync_manager = _sync_manager(data_dir, source)
     _ensure_data(data_dir, source, sync_manager)
+    load_panel(panel_path(data_dir, UNIVERSE_ID))
+    check_vocabulary(data_dir, UNIVERSE_ID)
 
     wallet_secret = load_or_create_wallet_secret(data_dir)
     era_config = LocalEraConfig()
     ensure_seed_file(data_dir, wallet_secret, era_config.era_id)
-
-    from tarnwicket.search_tracking import SearchTracker
 
     runtime = LocalRuntime(
         data_dir=data_dir,

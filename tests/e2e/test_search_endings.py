@@ -1,0 +1,187 @@
+"""How `python -m tarnwicket search` ends: signals, a closed output pipe, damaged data files."""
+
+import os
+import shutil
+import signal
+import sqlite3
+import subprocess
+import sys
+import time
+
+import numpy as np
+import pytest
+
+DB = "search_tracking.db"
+PANEL = os.path.join("universe_top50", "panel.npz")
+VOCAB = os.path.join("universe_top50", "vocabulary.json")
+WALLET = "local_wallet.key"
+
+
+def command(data_dir, *args):
+    return [sys.executable, "-m", "tarnwicket", "search", "--data-dir", str(data_dir), "--jobs", "1", *args]
+
+
+def start(data_dir, seconds="30"):
+    return subprocess.Popen(command(data_dir, "--seconds", seconds), stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True, env=dict(os.environ, PYTHONUNBUFFERED="1"))
+
+
+def finish(child, timeout=40):
+    try:
+        return child.communicate(timeout=timeout)
+    finally:
+        if child.poll() is None:
+            child.kill()
+            child.communicate()
+
+
+def wait_for_progress(child):
+    """Read up to the first progress line, which is printed once the search runs."""
+    seen = ""
+    while not seen.startswith("["):
+        seen = child.stdout.readline()
+        assert seen, "the command ended before its search started"
+
+
+def store_state(data_dir):
+    conn = sqlite3.connect(f"file:{os.path.join(data_dir, DB)}?mode=ro", uri=True)
+    try:
+        assert conn.execute("PRAGMA integrity_check").fetchone() == ("ok",)
+        active = conn.execute("SELECT value FROM tracker_meta WHERE key='search_active'").fetchone()
+        evaluated, passed = conn.execute("SELECT COUNT(*), COALESCE(SUM(passed), 0) FROM signal_evaluations").fetchone()
+        queued = conn.execute("SELECT COUNT(*) FROM submission_queue").fetchone()[0]
+        orphans = conn.execute("SELECT COUNT(*) FROM submission_queue q LEFT JOIN signal_evaluations e "
+                               "ON e.eval_id = q.eval_id WHERE e.passed IS NOT 1").fetchone()[0]
+        twice = conn.execute("SELECT COUNT(*) - COUNT(DISTINCT eval_id) FROM submission_queue").fetchone()[0]
+    finally:
+        conn.close()
+    return {"active": active is not None and active[0] == "1", "evaluated": evaluated, "passed": passed,
+            "queued": queued, "orphans": orphans, "twice": twice}
+
+
+def assert_store_settled(data_dir, before):
+    state = store_state(data_dir)
+    assert not state["active"]
+    assert state["orphans"] == 0 and state["twice"] == 0
+    # a pass recorded while the single worker was stopping may miss its queue row
+    unqueued = (state["passed"] - state["queued"]) - (before["passed"] - before["queued"])
+    assert unqueued in (0, 1)
+    return state
+
+
+@pytest.fixture(scope="module")
+def prepared(tmp_path_factory):
+    """A data directory after one short search: data set, wallet, seed and a store with rows."""
+    data_dir = tmp_path_factory.mktemp("prepared") / "local"
+    done = subprocess.run(command(data_dir, "--seconds", "2"), capture_output=True, text=True, timeout=60)
+    assert done.returncode == 0, done.stderr
+    return data_dir
+
+
+@pytest.fixture
+def data_dir(prepared, tmp_path):
+    copy = tmp_path / "local"
+    shutil.copytree(prepared, copy)
+    return copy
+
+
+@pytest.mark.parametrize("sig, code, word", [(signal.SIGINT, 130, "Interrupted"),
+                                              (signal.SIGTERM, 143, "Terminated")])
+def test_a_signal_stops_the_search_and_prints_the_summary(data_dir, sig, code, word):
+    before = store_state(data_dir)
+    child = start(data_dir)
+    wait_for_progress(child)
+    assert store_state(data_dir)["active"]
+    time.sleep(1.5)
+    child.send_signal(sig)
+    out, err = finish(child)
+    assert child.returncode == code, err
+    assert err == ""
+    assert f"{word}; stopping ..." in out and "Evaluated " in out and "Local data and settings" in out
+    after = assert_store_settled(data_dir, before)
+    assert after["evaluated"] > before["evaluated"]
+
+
+@pytest.mark.parametrize("then_sigint", [False, True])
+def test_a_closed_output_pipe_ends_the_search_quietly(data_dir, then_sigint):
+    before = store_state(data_dir)
+    child = start(data_dir)
+    assert child.stdout.readline().startswith("Preparing the local runtime")
+    wait_for_progress(child)
+    child.stdout.close()
+    child.stdout = None          # nothing more to read; communicate() then collects stderr only
+    if then_sigint:
+        child.send_signal(signal.SIGINT)
+    _, err = finish(child, timeout=20)
+    assert (child.returncode, err) == (141, "")
+    assert_store_settled(data_dir, before)
+
+
+def _garbage(path):
+    with open(path, "wb") as fh:
+        fh.write(np.random.default_rng(5).bytes(8192))
+
+
+def _foreign_store(path):
+    os.remove(path)
+    for suffix in ("-wal", "-shm"):
+        if os.path.exists(path + suffix):
+            os.remove(path + suffix)
+    conn = sqlite3.connect(path)
+    conn.execute("CREATE TABLE signal_evaluations (eval_id TEXT, note TEXT)")
+    conn.commit()
+    conn.close()
+
+
+def _truncate(path):
+    with open(path, "rb") as fh:
+        data = fh.read()
+    with open(path, "wb") as fh:
+        fh.write(data[:len(data) // 2])
+
+
+def _write(text, binary=False):
+    def damage(path):
+        with open(path, "wb" if binary else "w") as fh:
+            fh.write(text)
+    return damage
+
+
+def _no_rotation_schema(path):
+    import json
+
+    with open(path) as fh:
+        vocab = json.load(fh)
+    entry = next(iter(next(iter(vocab["rotations"].values())).values()))[0]
+    del entry["param_schema"]
+    with open(path, "w") as fh:
+        json.dump(vocab, fh)
+
+
+@pytest.mark.parametrize("name, damage, words", [
+    (DB, _garbage, "not a usable search store"),
+    (DB, _foreign_store, "without the columns"),
+    (PANEL, _garbage, "not a market data file"),
+    (PANEL, _truncate, "not a readable market data file"),
+    (VOCAB, _write("{}"), "no function"),
+    (VOCAB, _write("[1, 2"), "not valid JSON"),
+    (VOCAB, _no_rotation_schema, "param_schema"),
+    (WALLET, _write(b"short", binary=True), "wallet secret"),
+], ids=["store-garbage", "store-foreign", "panel-garbage", "panel-truncated", "vocab-empty",
+        "vocab-not-json", "vocab-bad-entry", "wallet-short"])
+def test_a_damaged_file_is_one_line_and_left_as_it_is(data_dir, name, damage, words):
+    path = os.path.join(data_dir, name)
+    counts = store_state(data_dir)
+    damage(path)
+    with open(path, "rb") as fh:
+        damaged = fh.read()
+    files = sorted(os.listdir(data_dir))
+    done = subprocess.run(command(data_dir, "--seconds", "3"), capture_output=True, text=True, timeout=60)
+    assert done.returncode == 2, done.stderr
+    lines = done.stderr.splitlines()
+    assert len(lines) == 1 and lines[0].startswith("tarnwicket: error: " + path) and words in lines[0], done.stderr
+    with open(path, "rb") as fh:
+        assert fh.read() == damaged
+    assert sorted(os.listdir(data_dir)) == files
+    if name != DB:
+        assert store_state(data_dir) == counts

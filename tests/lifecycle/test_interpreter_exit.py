@@ -1,0 +1,91 @@
+"""How a process that runs a local search through the Python API ends.
+
+Each case is a child interpreter that starts a real search on the local runtime
+and then leaves in its own way, without calling stop(). The interpreter must
+end as it would without a search running, and the store must not be left
+saying that a search is active.
+"""
+
+import os
+import signal
+import sqlite3
+import subprocess
+import sys
+import textwrap
+
+import pytest
+
+START = """
+import os, sys, time
+from tarnwicket.local import prepare_local_runtime
+import tarnwicket.search_templates as st
+
+prepare_local_runtime(sys.argv[1])
+handle = st.search(st.random_weighted, n_jobs=min(2, os.cpu_count() or 1))
+deadline = time.monotonic() + 20
+while handle.status().total_evaluated < 20 and time.monotonic() < deadline:
+    time.sleep(0.05)
+print("running", flush=True)
+"""
+
+ENDINGS = {
+    "return": "",
+    "raise": "raise RuntimeError('the script failed')",
+    "exit": "sys.exit(3)",
+    "sigint": "while True:\n    time.sleep(0.1)",
+}
+
+
+def search_active(data_dir):
+    conn = sqlite3.connect(os.path.join(data_dir, "search_tracking.db"))
+    try:
+        row = conn.execute("SELECT value FROM tracker_meta WHERE key='search_active'").fetchone()
+        assert conn.execute("PRAGMA integrity_check").fetchone() == ("ok",)
+    finally:
+        conn.close()
+    return row is not None and row[0] == "1"
+
+
+def run_script(tmp_path, ending):
+    script = tmp_path / "script.py"
+    script.write_text(START + textwrap.dedent(ENDINGS[ending]) + "\n")
+    data_dir = str(tmp_path / "data")
+    child = subprocess.Popen([sys.executable, str(script), data_dir], stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True, env=dict(os.environ, PYTHONUNBUFFERED="1"))
+    first = ""
+    try:
+        if ending == "sigint":
+            first = child.stdout.readline()
+            assert first == "running\n"
+            child.send_signal(signal.SIGINT)
+        out, err = child.communicate(timeout=40)
+    finally:
+        if child.poll() is None:
+            child.kill()
+            child.communicate()
+    return child.returncode, first + out, err, data_dir
+
+
+def assert_only_traceback(err, last_line):
+    lines = err.strip().splitlines()
+    assert lines[0] == "Traceback (most recent call last):", err
+    assert lines[-1] == last_line, err
+    assert err.count("Traceback") == 1 and "Exception ignored" not in err and "FATAL" not in err.upper(), err
+
+
+@pytest.mark.parametrize("ending", sorted(ENDINGS))
+def test_a_script_that_leaves_a_search_running_ends_as_python_does(tmp_path, ending):
+    code, out, err, data_dir = run_script(tmp_path, ending)
+    if ending == "return":
+        assert (code, err) == (0, "")
+    elif ending == "raise":
+        assert code == 1, err
+        assert_only_traceback(err, "RuntimeError: the script failed")
+    elif ending == "exit":
+        assert (code, err) == (3, "")
+    else:
+        # An uncaught KeyboardInterrupt ends the interpreter by SIGINT itself.
+        assert code == -signal.SIGINT, err
+        assert_only_traceback(err, "KeyboardInterrupt")
+    assert "running" in out
+    assert not search_active(data_dir)
