@@ -89,3 +89,36 @@ def test_a_script_that_leaves_a_search_running_ends_as_python_does(tmp_path, end
         assert_only_traceback(err, "KeyboardInterrupt")
     assert "running" in out
     assert not search_active(data_dir)
+
+
+BUSY = """
+import sys, threading
+from tarnwicket.local import prepare_local_runtime
+import tarnwicket.search_templates as st
+
+prepare_local_runtime(sys.argv[1])
+started = threading.Event()
+
+def busy(ctx):
+    started.set()
+    n = 0
+    while True:               # never yields: its worker outlives the join at exit
+        n = (n + 1) % 1000
+        [str(i) for i in range(n % 50)]
+    yield
+
+st.search(busy, n_jobs=1)
+started.wait(20)
+print("running", flush=True)
+"""
+
+
+def test_a_worker_that_outlives_its_join_is_unwound_quietly(tmp_path):
+    # The host unwinds the still-busy worker through the module's frames while
+    # it finalises; that must neither abort nor crash the process.
+    script = tmp_path / "busy.py"
+    script.write_text(BUSY)
+    data_dir = str(tmp_path / "data")
+    proc = subprocess.run([sys.executable, str(script), data_dir], capture_output=True, text=True, timeout=60)
+    assert (proc.returncode, proc.stderr, proc.stdout) == (0, "", "running\n")
+    assert not search_active(data_dir)
