@@ -120,6 +120,9 @@ def texts():
                      hs.builds(StrSub, hs.text(max_size=5)))
 
 
+DEEP = deep_list()
+
+
 def hostile():
     """Any value a host might leave in a field."""
     return hs.one_of(
@@ -128,7 +131,7 @@ def hostile():
         hs.lists(hs.integers(), max_size=3), hs.lists(hs.integers(), max_size=3).map(ListSub),
         hs.dictionaries(hs.text(max_size=3), hs.integers(), max_size=3).map(DictSub),
         hs.just(()), hs.just(frozenset()), hs.builds(object),
-        hs.just(None).map(lambda _: cyclic_list()),
+        hs.just(None).map(lambda _: cyclic_list()), hs.just(DEEP),
     )
 
 
