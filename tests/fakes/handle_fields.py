@@ -210,9 +210,9 @@ def bare_handle(**fields):
     return h
 
 
-def join_new_threads(before, timeout=2.0):
-    """Joins every thread started since `before` (a set of threads) and returns them."""
+def join_new_threads(before, timeout=5.0):
+    """Joins every thread started since `before` (a set of threads); returns those still alive."""
     new = [t for t in threading.enumerate() if t not in before]
     for t in new:
         t.join(timeout)
-    return new
+    return [t for t in new if t.is_alive()]

@@ -39,7 +39,7 @@ def settle(call):
     except Exception:
         return None
     finally:
-        join_new_threads(before)
+        assert not join_new_threads(before), "threads left running"
         with st._search_active_lock:
             st._search_active = False
             st._active_search_handle = None

@@ -24,6 +24,17 @@ with open(SEED_DIR + "/shuffle_seed.enc", "wb") as fh:
     fh.write(b"s" * 60)
 
 
+class Recorded(st._SearchHandleImpl):
+    """The handle class, keeping every instance: a constructor that raises after its threads started
+    leaves a handle that search() never returns."""
+
+    made = []
+
+    def __init__(self, *args, **kwargs):
+        Recorded.made.append(self)
+        super().__init__(*args, **kwargs)
+
+
 def settle(call):
     """Runs `call`; stops any handle it made and clears the module's active search."""
     before = set(threading.enumerate())
@@ -34,13 +45,14 @@ def settle(call):
     except Exception:
         result = None
     finally:
-        for h in list(st._active_handles):
+        for h in list(st._active_handles) + Recorded.made:
             try:
                 h.stop(join_timeout=1.0)
             except Exception:
                 pass
             st._active_handles.discard(h)
-        join_new_threads(before)
+        Recorded.made.clear()
+        assert not join_new_threads(before), "threads left running"
         with st._search_active_lock:
             st._search_active = False
             st._active_search_handle = None
@@ -78,6 +90,7 @@ def test_search(template, n_jobs, cores, universe, vocab):
     with pytest.MonkeyPatch.context() as mp:
         mp.setattr(st, "_library_runtime", rt, raising=False)
         mp.setattr(st, "ObfuscationManager", Obf)
+        mp.setattr(st, "_SearchHandleImpl", Recorded)
         mp.setattr(st, "_check_memory", lambda: None)
         mp.setattr(st, "_check_disk", lambda: None)
         mp.setattr("os.cpu_count", lambda: cores)

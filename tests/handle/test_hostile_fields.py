@@ -18,7 +18,7 @@ def started():
     before = set(threading.enumerate())
     ids = []
     yield ids
-    join_new_threads(before)
+    assert not join_new_threads(before), "threads left running"
 
 
 class HugeList(list):
