@@ -154,3 +154,16 @@ class TestStart:
         monkeypatch.setattr(st, "inject_heartbeat", raising(RuntimeError("beat")))
         runtime.search(endless)
         assert "Heartbeat injection failed: beat" in caplog.text
+
+    def test_warning_texts_keep_what_cannot_be_encoded(self, runtime, monkeypatch, caplog):
+        class Cores(int):
+            def __format__(self, spec):
+                return "two\udc80"
+
+        monkeypatch.setattr("os.cpu_count", lambda: Cores(2))
+        monkeypatch.setattr(st, "inject_heartbeat", raising(RuntimeError("beat\udc80")))
+        h = runtime.search(endless, n_jobs=3)
+        messages = [r.getMessage() for r in caplog.records]
+        assert "n_jobs=3 exceeds available cores (two\udc80). Using n_jobs=two\udc80." in messages
+        assert "Heartbeat injection failed: beat\udc80" in messages
+        assert h._n_jobs == 2

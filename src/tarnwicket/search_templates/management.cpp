@@ -80,8 +80,10 @@ object f_call_management_tracker(Args& a) {
         try {
             close_management_tracker(tracker);
         } catch (py::error_already_set& close_error) {
+            // As the interpreter does, an exception is never made its own context.
             object ctx = e.value();
-            PyException_SetContext(close_error.value().ptr(), ctx.release().ptr());
+            object raised = close_error.value();
+            if (raised.ptr() != ctx.ptr()) PyException_SetContext(raised.ptr(), ctx.release().ptr());
             throw;
         }
         throw;

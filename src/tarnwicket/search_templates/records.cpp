@@ -23,14 +23,14 @@ static object row_schema_error_init(Args& a) {
     set_attr(self, ID("row_id"), a[2]);
     object message = borrow(a[3].ptr());
     if (is_none(message)) {
-        std::string text = utf8(source_kind) + " row " + repr_std(a[2]) + " payload_json schema violation";
+        message = ftext({source_kind, str_of(" row "), py_repr(a[2]), str_of(" payload_json schema violation")});
         if (PySet_GET_SIZE(missing.ptr()) > 0) {
             object l = list_from(missing);
             check_int(PyList_Sort(l.ptr()));
             object sep = str_of(", ");
-            text += "; missing keys: " + utf8(steal(PyUnicode_Join(sep.ptr(), l.ptr())));
+            object keys = steal(PyUnicode_Join(sep.ptr(), l.ptr()));
+            message = ftext({message, str_of("; missing keys: "), keys});
         }
-        message = str_of(text);
     }
     call(get_attr(handle(PyExc_ValueError), ID("__init__")), {self, message});
     return none();

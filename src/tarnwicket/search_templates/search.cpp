@@ -131,9 +131,8 @@ object search(Args& a) {
 
     object cpu_count = call(import_attr("os", ID("cpu_count")));
     if (!is_none(cpu_count) && check_int(PyObject_RichCompareBool(n_jobs.ptr(), cpu_count.ptr(), Py_GT))) {
-        std::string text = "n_jobs=" + to_std(n_jobs) + " exceeds available cores (" + to_std(cpu_count) +
-                           "). Using n_jobs=" + to_std(cpu_count) + ".";
-        log_warning(text.c_str());
+        log_warning("%s", {ftext({str_of("n_jobs="), n_jobs, str_of(" exceeds available cores ("), cpu_count,
+                                  str_of("). Using n_jobs="), cpu_count, str_of(".")})});
         n_jobs = cpu_count;
     }
 
@@ -141,7 +140,7 @@ object search(Args& a) {
         call(global(ID("inject_heartbeat")));
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
-        log_warning(("Heartbeat injection failed: " + to_std(exc_value(e))).c_str());
+        log_warning("%s", {ftext({str_of("Heartbeat injection failed: "), exc_value(e)})});
     }
 
     object sync_mgr = runtime_attr(runtime, ID("sync_manager"));

@@ -19,6 +19,14 @@ std::string utf8(handle s) {
     return std::string(p, (std::size_t)n);
 }
 
+object ftext(std::initializer_list<handle> parts) {
+    object pieces = steal(PyTuple_New((Py_ssize_t)parts.size()));
+    Py_ssize_t i = 0;
+    for (auto p : parts) PyTuple_SET_ITEM(pieces.ptr(), i++, steal(PyObject_Format(p.ptr(), nullptr)).release().ptr());
+    object empty = steal(PyUnicode_New(0, 0));
+    return steal(PyUnicode_Join(empty.ptr(), pieces.ptr()));
+}
+
 object py_str(handle o) { return steal(PyObject_Str(o.ptr())); }
 object py_repr(handle o) { return steal(PyObject_Repr(o.ptr())); }
 std::string to_std(handle o) { return utf8(py_str(o)); }

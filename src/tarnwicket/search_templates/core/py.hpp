@@ -87,6 +87,10 @@ inline object int_of(long long v) { return steal(PyLong_FromLongLong(v)); }
 inline object float_of(double v) { return steal(PyFloat_FromDouble(v)); }
 inline object bool_of(bool v) { return borrow(v ? Py_True : Py_False); }
 
+// An f-string: the parts formatted with format(part, "") and joined. Lone
+// surrogates and NULs pass through, as in Python.
+object ftext(std::initializer_list<handle> parts);
+
 std::string to_std(handle o);          // str(o) as UTF-8
 std::string repr_std(handle o);        // repr(o) as UTF-8
 std::string utf8(handle str_obj);      // contents of an exact str

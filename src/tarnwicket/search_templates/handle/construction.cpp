@@ -138,10 +138,12 @@ static object handle_init(Args& a) {
 
 // The two words of a permanent failure turn into a fatal state; the rest is
 // swallowed here and surfaces in evaluation.
-static bool permanent_failure(handle self, const std::string& err_msg) {
-    if (err_msg.find("era mismatch") == std::string::npos && err_msg.find("invalid credentials") == std::string::npos)
-        return false;
-    object msg = str_of("Background infrastructure failed permanently: " + err_msg);
+// `err_msg` is str(e), kept as the host's str: it may hold anything a str can.
+static bool says(handle err_msg, const char* words) { return contains(err_msg, str_of(words)); }
+
+static bool permanent_failure(handle self, handle err_msg) {
+    if (!says(err_msg, "era mismatch") && !says(err_msg, "invalid credentials")) return false;
+    object msg = ftext({str_of("Background infrastructure failed permanently: "), err_msg});
     call_method(self, ID("_set_fatal_error"), {str_of("INFRASTRUCTURE_FAILURE"), str_of("register()"), msg});
     return true;
 }
@@ -161,7 +163,7 @@ static object do_per_era_init(Args& a) {
             base = call(get_attr(os_path, ID("expanduser")), {str_of("~/.tarnwicket")});
         object seed_path = call(get_attr(os_path, ID("join")), {base, str_of("shuffle_seed.enc")});
         if (!truthy(call(get_attr(os_path, ID("exists")), {seed_path})))
-            raise(PyExc_ValueError, "Shuffle seed file not found: " + to_std(seed_path));
+            raise_obj(call(handle(PyExc_ValueError), {ftext({str_of("Shuffle seed file not found: "), seed_path})}));
         object builtins_open = import_attr("builtins", ID("open"));
         object fh = call(builtins_open, {seed_path, str_of("rb")});
         object shuffle_blob;
@@ -182,8 +184,8 @@ static object do_per_era_init(Args& a) {
 
         object wallet_secret = get_attr(auth, ID("wallet_secret"));
         if (!PyBytes_Check(wallet_secret.ptr()) || PyBytes_GET_SIZE(wallet_secret.ptr()) != 32) {
-            object type_text = py_str(borrow(reinterpret_cast<PyObject*>(Py_TYPE(wallet_secret.ptr()))));
-            raise(PyExc_ValueError, "wallet_secret must be 32 bytes, got " + utf8(type_text));
+            object type = borrow(reinterpret_cast<PyObject*>(Py_TYPE(wallet_secret.ptr())));
+            raise_obj(call(handle(PyExc_ValueError), {ftext({str_of("wallet_secret must be 32 bytes, got "), type})}));
         }
         object era_id = get_attr(era_config, ID("era_id"));
 
@@ -193,8 +195,8 @@ static object do_per_era_init(Args& a) {
                 call_method(era_data, ID("initialize"), {shuffle_blob, wallet_secret, era_id});
             } catch (py::error_already_set& e) {
                 if (!ordinary(e)) throw;
-                std::string err_msg = to_std(exc_value(e));
-                if (err_msg.find("vault already initialized") == std::string::npos) {
+                object err_msg = py_str(exc_value(e));
+                if (!says(err_msg, "vault already initialized")) {
                     if (permanent_failure(self, err_msg)) return none();
                     throw;
                 }
@@ -216,8 +218,8 @@ static object do_per_era_init(Args& a) {
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         if (matches(e, global(ID("SearchError")))) throw;
-        std::string err_msg = to_std(exc_value(e));
-        if (err_msg.find("vault already initialized") != std::string::npos) return none();
+        object err_msg = py_str(exc_value(e));
+        if (says(err_msg, "vault already initialized")) return none();
         permanent_failure(self, err_msg);
     }
     return none();

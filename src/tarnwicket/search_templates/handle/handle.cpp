@@ -3,11 +3,11 @@
 
 namespace tw::hnd {
 
-object new_thread(handle target, const std::string& name, std::initializer_list<handle> args) {
+object new_thread(handle target, handle name, std::initializer_list<handle> args) {
     object thread_cls = import_attr("threading", ID("Thread"));
     object argt = tuple_of(args);
     return call_kw(thread_cls, {},
-                   {{ID("target"), target}, {ID("name"), str_of(name)}, {ID("args"), argt}, {ID("daemon"), handle(Py_True)}});
+                   {{ID("target"), target}, {ID("name"), name}, {ID("args"), argt}, {ID("daemon"), handle(Py_True)}});
 }
 
 void add_int(handle self, handle name, long long delta) {

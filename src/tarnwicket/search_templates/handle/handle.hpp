@@ -19,9 +19,20 @@ inline bool event_is_set(handle ev) { return truthy(call_method(ev, ID("is_set")
 inline void event_set(handle ev) { call_method(ev, ID("set")); }
 
 // threading.Thread(target=target, name=name, args=args, daemon=True), not started.
-object new_thread(handle target, const std::string& name, std::initializer_list<handle> args = {});
+object new_thread(handle target, handle name, std::initializer_list<handle> args = {});
+inline object new_thread(handle target, const std::string& name, std::initializer_list<handle> args = {}) {
+    return new_thread(target, str_of(name), args);
+}
 inline void start_thread(handle t) { call_method(t, ID("start")); }
 inline bool thread_alive(handle t) { return truthy(call_method(t, ID("is_alive"))); }
+
+// seq.append(v) on a field that a host may have set to any object.
+inline void append_to(handle seq, handle v) {
+    if (PyList_CheckExact(seq.ptr()))
+        list_append(seq, v);
+    else
+        call_method(seq, ID("append"), {v});
+}
 
 // counter += delta under no lock (callers hold _lock).
 void add_int(handle self, handle name, long long delta);

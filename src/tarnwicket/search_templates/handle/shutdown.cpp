@@ -133,7 +133,7 @@ static object stop(Args& a) {
 static void delete_owned_rows(handle self) {
     try {
         object owner = field(self, ID("_submission_owner"));
-        object pattern = str_of("%\"_submission_owner\": \"" + to_std(owner) + "\"%");
+        object pattern = ftext({str_of("%\"_submission_owner\": \""), owner, str_of("\"%")});
         object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
         auto purge = [&](const char* table, handle ensure) {
             bool claims = truthy(call_method(self, ensure));

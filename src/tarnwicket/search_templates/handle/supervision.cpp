@@ -4,22 +4,16 @@
 
 namespace tw::hnd {
 
-static bool at_threshold(long long count) {
+// count >= _INFRASTRUCTURE_FAILURE_THRESHOLD, whatever objects the two are.
+static bool at_threshold(handle count) {
     object threshold = get_attr(st_module(), ID("_INFRASTRUCTURE_FAILURE_THRESHOLD"));
-    object c = int_of(count);
-    return check_int(PyObject_RichCompareBool(c.ptr(), threshold.ptr(), Py_GE)) == 1;
+    return check_int(PyObject_RichCompareBool(count.ptr(), threshold.ptr(), Py_GE)) == 1;
 }
 
 static void fatal_infrastructure(handle self) {
     call_method(self, ID("_set_fatal_error"),
                 {str_of("INFRASTRUCTURE_FAILURE"), str_of("register()"),
                  str_of("Background infrastructure failed permanently")});
-}
-
-static long long as_ll(handle o) {
-    long long v = PyLong_AsLongLong(o.ptr());
-    if (v == -1 && PyErr_Occurred()) throw_py();
-    return v;
 }
 
 // Restarts a dead submission or polling thread, counting its death.
@@ -58,20 +52,25 @@ static object supervisor_loop_inner(Args& a) {
         // Workers: replace the dead, or probe that spawning still works.
         object threads = list_from(field(self, ID("_worker_threads")));
         Py_ssize_t alive = 0;
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(threads.ptr()); ++i)
-            if (thread_alive(PyList_GET_ITEM(threads.ptr(), i))) alive++;
-        long long dead_count = as_ll(field(self, ID("_n_jobs"))) - (long long)alive;
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(threads.ptr()); ++i) {
+            object t = borrow(PyList_GET_ITEM(threads.ptr(), i));
+            if (thread_alive(t)) alive++;
+        }
+        // _n_jobs - len(alive), with the host's arithmetic: the field may hold any number.
+        object dead_count = steal(PyNumber_Subtract(field(self, ID("_n_jobs")).ptr(), int_of(alive).ptr()));
+        object zero = int_of(0);
+        bool any_dead = check_int(PyObject_RichCompareBool(dead_count.ptr(), zero.ptr(), Py_GT)) == 1;
         try {
             object mod = st_module();
-            if (dead_count > 0)
-                call(get_attr(mod, ID("_restart_worker")), {self, int_of(dead_count)});
+            if (any_dead)
+                call(get_attr(mod, ID("_restart_worker")), {self, dead_count});
             else
                 call(get_attr(mod, ID("_spawn_worker")), {self, int_of(-1)});
             consecutive_failures = 0;
         } catch (py::error_already_set& e) {
             if (!ordinary(e)) throw;
             consecutive_failures += 1;
-            if (at_threshold(consecutive_failures)) {
+            if (at_threshold(int_of(consecutive_failures))) {
                 fatal_infrastructure(self);
                 return none();
             }
@@ -88,7 +87,7 @@ static object supervisor_loop_inner(Args& a) {
             } catch (py::error_already_set& e) {
                 if (!ordinary(e)) throw;
                 add_int(self, ID("_era_failures"), 1);
-                if (at_threshold(as_ll(field(self, ID("_era_failures"))))) {
+                if (at_threshold(field(self, ID("_era_failures")))) {
                     fatal_infrastructure(self);
                     return none();
                 }
@@ -110,7 +109,7 @@ static object supervisor_loop_inner(Args& a) {
             } catch (py::error_already_set& e) {
                 if (!ordinary(e)) throw;
                 add_int(self, ID("_sync_failures"), 1);
-                if (at_threshold(as_ll(field(self, ID("_sync_failures"))))) {
+                if (at_threshold(field(self, ID("_sync_failures")))) {
                     fatal_infrastructure(self);
                     return none();
                 }
@@ -167,7 +166,7 @@ static object set_fatal_error(Args& a) {
 static object append_error(Args& a) {
     handle self = a.me();
     Locked guard(lock_of(self));
-    list_append(field(self, ID("_errors")), a[0]);
+    append_to(field(self, ID("_errors")), a[0]);
     return none();
 }
 
@@ -183,10 +182,8 @@ static void account_component(handle self, handle failures, handle backoff_secon
         object until = steal(PyNumber_Add(float_of(monotonic()).ptr(), current.ptr()));
         set_field(self, backoff_until, until);
     }
-    object threshold = get_attr(st_module(), ID("_INFRASTRUCTURE_FAILURE_THRESHOLD"));
-    object count = field(self, failures);
-    if (check_int(PyObject_RichCompareBool(count.ptr(), threshold.ptr(), Py_GE)) && !field_true(self, degraded)) {
-        list_append(field(self, ID("_errors")), str_of(degraded_text));
+    if (at_threshold(field(self, failures)) && !field_true(self, degraded)) {
+        append_to(field(self, ID("_errors")), str_of(degraded_text));
         set_field(self, degraded, bool_of(true));
     }
 }
@@ -196,12 +193,11 @@ static object record_background_failure(Args& a) {
     handle component = a[0], operation = a[1], exc = a[2];
     bool backoff = truthy(a[3]);
     object cls_name = get_attr(borrow(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), ID("__name__"));
-    object message =
-        str_of(to_std(component) + " " + to_std(operation) + " failed (" + to_std(cls_name) + "): " + to_std(exc));
+    object message = ftext({component, str_of(" "), operation, str_of(" failed ("), cls_name, str_of("): "), exc});
     log_warning("%s", {message});
     Locked guard(lock_of(self));
     add_int(self, ID("_crash_count"), 1);
-    list_append(field(self, ID("_errors")), message);
+    append_to(field(self, ID("_errors")), message);
     if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0) {
         account_component(self, ID("_submission_failures"), ID("_submission_backoff_seconds"),
                           ID("_submission_backoff_until"), ID("_submission_degraded"),

@@ -61,7 +61,7 @@ static object start_all_threads(Args& a) {
         object idx = int_of(i);
         object t = new_thread(worker_loop, "worker_" + std::to_string(i), {idx});
         start_thread(t);
-        list_append(field(self, ID("_worker_threads")), t);
+        append_to(field(self, ID("_worker_threads")), t);
     }
     if (n_jobs > 0) wait_event(field(self, ID("_worker_start_event")), 0.5);
     return none();
@@ -112,7 +112,6 @@ static object build_context(handle self) {
 static object worker_loop_inner(Args& a) {
     handle self = a.me();
     handle worker_id = a[0];
-    const std::string wid = to_std(worker_id);
     int restart_count = 0;
     const int max_restarts = 20;
     while (true) {
@@ -149,7 +148,7 @@ static object worker_loop_inner(Args& a) {
                 add_int(self, ID("_total_evaluated"), 1);
             }
             if (event_is_set(stop_event)) return none();
-            log_info(("Template exhausted in worker " + wid + " \xE2\x80\x94 restarting").c_str());
+            log_info("%s", {ftext({str_of("Template exhausted in worker "), worker_id, str_of(" \xE2\x80\x94 restarting")})});
             restart_count += 1;
             if (wait_event(stop_event, 0.05)) return none();
         } catch (py::error_already_set& e) {
@@ -158,8 +157,8 @@ static object worker_loop_inner(Args& a) {
                 Locked guard(lock_of(self));
                 add_int(self, ID("_crash_count"), 1);
             }
-            std::string text = "Template sandbox violation in worker " + wid + ": " + to_std(exc_value(e));
-            log_warning(text.c_str());
+            log_warning("%s", {ftext({str_of("Template sandbox violation in worker "), worker_id, str_of(": "),
+                                      exc_value(e)})});
             if (event_is_set(stop_event)) return none();
             restart_count += 1;
             wait_event(stop_event, 0.05);
@@ -171,9 +170,9 @@ static object spawn_worker(Args& a) {
     handle h = a[0], worker_id = a[1];
     object zero = int_of(0);
     if (check_int(PyObject_RichCompareBool(worker_id.ptr(), zero.ptr(), Py_LT))) return none();
-    object t = new_thread(get_attr(h, ID("_worker_loop")), "worker_" + to_std(worker_id), {worker_id});
+    object t = new_thread(get_attr(h, ID("_worker_loop")), ftext({str_of("worker_"), worker_id}), {worker_id});
     start_thread(t);
-    list_append(field(h, ID("_worker_threads")), t);
+    append_to(field(h, ID("_worker_threads")), t);
     return none();
 }
 
@@ -185,10 +184,10 @@ static object restart_worker(Args& a) {
         object threads = field(h, ID("_worker_threads"));
         Py_ssize_t len = PyObject_Length(threads.ptr());
         if (len < 0) throw_py();
-        object wid = int_of((long long)len + i);
+        object wid = steal(PyNumber_Add(int_of(len).ptr(), int_of(i).ptr()));
         object t = new_thread(get_attr(h, ID("_worker_loop")), "worker_restart_" + std::to_string(i), {wid});
         start_thread(t);
-        list_append(threads, t);
+        append_to(threads, t);
     }
     return none();
 }
@@ -243,18 +242,19 @@ static object era_loop(Args& a) {
 static object on_era_change(Args& a) {
     handle self = a.me();
     handle event_type = a[0];
-    if (!is_str(event_type)) return none();
-    std::string kind = utf8(event_type);
-    if (kind == "kill") {
+    auto is_kind = [&](const char* kind) {
+        return is_str(event_type) && PyUnicode_CompareWithASCIIString(event_type.ptr(), kind) == 0;
+    };
+    if (is_kind("kill")) {
         object threads = list_from(field(self, ID("_worker_threads")));
         object timeout = float_of(5.0);
         Py_ssize_t n = PyList_GET_SIZE(threads.ptr());
         for (Py_ssize_t i = 0; i < n; ++i) {
-            handle t = PyList_GET_ITEM(threads.ptr(), i);
+            object t = borrow(PyList_GET_ITEM(threads.ptr(), i));
             if (thread_alive(t)) call_method(t, ID("join"), {timeout});
         }
         set_field(self, ID("_worker_threads"), new_list());
-    } else if (kind == "restart" || kind == "abort") {
+    } else if (is_kind("restart") || is_kind("abort")) {
         if (field_true(self, ID("_stopped"))) return none();
         set_field(self, ID("_worker_threads"), new_list());
         set_field(self, ID("_worker_start_event"), call(import_attr("threading", ID("Event"))));
@@ -267,7 +267,7 @@ static object on_era_change(Args& a) {
             object idx = int_of(i);
             object t = new_thread(loop, "worker_" + std::to_string(i), {idx});
             start_thread(t);
-            list_append(field(self, ID("_worker_threads")), t);
+            append_to(field(self, ID("_worker_threads")), t);
         }
     }
     return none();

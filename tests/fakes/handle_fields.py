@@ -1,0 +1,218 @@
+"""Hostile values for the fields of a search handle, and a handle built by hand.
+
+A handle's fields live in its instance __dict__, so a host can put anything
+there. `bare_handle` makes one with `_SearchHandleImpl.__new__` and sane fields
+that start no thread; tests then replace some of them with hostile objects.
+"""
+
+import queue
+import sys
+import threading
+import time
+
+from hypothesis import strategies as hs
+
+import tarnwicket.search_templates as st
+
+
+class Boom(Exception):
+    pass
+
+
+class Liar:
+    """Every dunder a C walker may call raises, or answers nonsense."""
+
+    def __init__(self, mode):
+        self.mode = mode
+
+    def _act(self, value):
+        if self.mode == "raise":
+            raise Boom(self.mode)
+        return value
+
+    def __bool__(self):
+        return self._act(True)
+
+    def __len__(self):
+        return self._act(sys.maxsize)
+
+    def __index__(self):
+        return self._act(sys.maxsize)
+
+    def __int__(self):
+        return self._act(sys.maxsize)
+
+    def __float__(self):
+        return self._act(float("nan"))
+
+    def __eq__(self, other):
+        return self._act(True)
+
+    def __lt__(self, other):
+        return self._act(True)
+
+    __le__ = __gt__ = __ge__ = __lt__
+    __hash__ = object.__hash__
+
+    def __iter__(self):
+        return self._act(iter([self]))
+
+    def __str__(self):
+        return self._act("liar\udc80\x00")
+
+    def __format__(self, spec):
+        return self._act("liar\udc80")
+
+    def __add__(self, other):
+        return self._act(self)
+
+    __radd__ = __sub__ = __rsub__ = __mul__ = __rmul__ = __truediv__ = __add__
+
+    def __repr__(self):
+        return "Liar(%r)" % self.mode
+
+
+class StrSub(str):
+    def __str__(self):
+        return "sub\udcff"
+
+
+class IntSub(int):
+    pass
+
+
+class ListSub(list):
+    def append(self, item):
+        raise Boom("append")
+
+
+class DictSub(dict):
+    pass
+
+
+def deep_list(depth=100_000):
+    top = cur = []
+    for _ in range(depth):
+        nxt = []
+        cur.append(nxt)
+        cur = nxt
+    return top
+
+
+def cyclic_list():
+    lst = []
+    lst.append(lst)
+    return lst
+
+
+def numbers():
+    """Counts and sizes that stress C integer conversions."""
+    edges = [0, 1, -1, 9, 10, sys.maxsize, sys.maxsize - 1, -sys.maxsize - 1, 2**63, 2**64, -(2**63) - 1,
+             10**100, -(10**100)]
+    return hs.one_of(hs.sampled_from(edges), hs.integers(),
+                     hs.floats(allow_nan=True, allow_infinity=True), hs.sampled_from([True, False]),
+                     hs.builds(IntSub, hs.sampled_from(edges)))
+
+
+def texts():
+    return hs.one_of(hs.text(), hs.sampled_from(["\udc80", "a\x00b", "submission", "polling", "kill", "restart",
+                                                  "abort", "era mismatch \udc80", "vault already initialized"]),
+                     hs.builds(StrSub, hs.text(max_size=5)))
+
+
+DEEP = deep_list()
+
+
+def hostile():
+    """Any value a host might leave in a field."""
+    return hs.one_of(
+        hs.none(), numbers(), texts(), hs.binary(max_size=8),
+        hs.sampled_from(["raise", "lie"]).map(Liar),
+        hs.lists(hs.integers(), max_size=3), hs.lists(hs.integers(), max_size=3).map(ListSub),
+        hs.dictionaries(hs.text(max_size=3), hs.integers(), max_size=3).map(DictSub),
+        hs.just(()), hs.just(frozenset()), hs.builds(object),
+        hs.just(None).map(lambda _: cyclic_list()), hs.just(DEEP),
+    )
+
+
+class CountdownEvent:
+    """An event that reads as set after `passes` reads: lets a loop run a bounded number of passes."""
+
+    def __init__(self, passes):
+        self.left = passes
+
+    def is_set(self):
+        self.left -= 1
+        return self.left < 0
+
+    def set(self):
+        self.left = -1
+
+    def wait(self, timeout=None):
+        return self.is_set()
+
+
+class FakeThread:
+    """A thread stand-in whose is_alive/join can run `hook`, e.g. to mutate the handle."""
+
+    def __init__(self, alive=True, hook=None):
+        self.alive, self.hook, self.joined = alive, hook, 0
+
+    def is_alive(self):
+        if self.hook:
+            self.hook()
+        return self.alive
+
+    def join(self, timeout=None):
+        self.joined += 1
+        if self.hook:
+            self.hook()
+
+    def start(self):
+        pass
+
+
+def _quick_worker(*args):
+    return None
+
+
+def bare_handle(**fields):
+    """A handle made with __new__ whose fields are sane and start no real work.
+
+    `_worker_loop` is shadowed by a no-op, so workers that the handle spawns end at once.
+    """
+    h = st._SearchHandleImpl.__new__(st._SearchHandleImpl)
+    base = dict(
+        _template=lambda ctx: None, _n_jobs=1, _tracker=None, _sync_mgr=None, _backtester=None,
+        _obfuscation=None, _era_config=None, _auth=None, _data_dir=None, _running=True, _stopped=False,
+        _era_failures=0, _sync_failures=0, _era_data_mod=None, _start_time=time.monotonic(),
+        _total_evaluated=0, _total_found=0, _crash_count=0, _errors=[], _fatal_error=None,
+        _lock=threading.Lock(), _stop_event=threading.Event(), _queue_empty=queue.Empty,
+        _submission_queue=queue.Queue(), _submission_wakeup=threading.Event(), _retry_queue=[],
+        _pending_submissions={}, _finished_queue_ids=set(), _pending_receipts_by_queue_id={},
+        _tracker_write_lock=threading.RLock(), _tracker_uses_persistent_store=False,
+        _submission_owner="owner-1", _replacement_abort_event=threading.Event(),
+        _submission_start_lock=threading.Lock(), _poll_start_lock=threading.Lock(),
+        _submission_claim_columns_ready=False, _retry_claim_columns_ready=False,
+        _submission_backoff_seconds=5.0, _submission_backoff_until=0.0, _polling_backoff_seconds=5.0,
+        _polling_backoff_until=0.0, _submission_failures=0, _polling_failures=0, _submission_degraded=False,
+        _polling_degraded=False, _discovery_rate_declining_nudge_active=False, _submission_queued=0,
+        _submission_pending=0, _submission_accepted=0, _submission_rejected=0, _submission_retrying=0,
+        _submission_discarded=0, _submission_backoff=False, _last_poll_time=time.time(),
+        _era_transition_triggered=False, _era="3", _sync_progress=0.0, _batch_tier="full", _t_batch=1000,
+        _worker_threads=[], _worker_start_event=threading.Event(), _worker_start_count=0,
+        _supervisor_thread=None, _sync_thread=None, _era_thread=None, _submission_thread=None,
+        _polling_thread=None, _worker_loop=_quick_worker,
+        _flush_pending_receipt_finalizations=lambda: None,
+    )
+    base.update(fields)
+    h.__dict__.update(base)
+    return h
+
+
+def join_new_threads(before, timeout=5.0):
+    """Joins every thread started since `before` (a set of threads); returns those still alive."""
+    new = [t for t in threading.enumerate() if t not in before]
+    for t in new:
+        t.join(timeout)
+    return [t for t in new if t.is_alive()]
