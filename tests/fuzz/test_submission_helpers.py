@@ -1,6 +1,5 @@
 """The payload and signal-service binding helpers against hostile arguments."""
 
-import sys
 import time
 import types
 from collections import UserDict
@@ -26,15 +25,8 @@ GOOD = dict(eval_id="e-1", submission_type="signal", graph={"type": "feature"}, 
 def service():
     """Fake submit, auth and onboarding modules for the whole file, and no real sleeping."""
     mp = pytest.MonkeyPatch()
-    s = types.SimpleNamespace(auth=cf.FakeAuth(), submit=cf.submit_module())
-    s.onboarding = cf.module("tarnwicket.agent_onboarding", _config={"server_url": "http://127.0.0.1:9"},
-                             _auth_manager=s.auth)
-    mp.setitem(sys.modules, "tarnwicket.submit", s.submit)
-    mp.setitem(sys.modules, "tarnwicket.auth", cf.module("tarnwicket.auth", AuthError=cf.AuthError))
-    mp.setitem(sys.modules, "tarnwicket.agent_onboarding", s.onboarding)
+    s = cf.install_service(mp, st)
     mp.setattr(time, "sleep", lambda s: None)
-    for name in ("_library_runtime", "_auth"):
-        mp.delattr(st, name, raising=False)
     yield s
     mp.undo()
 
@@ -107,7 +99,7 @@ def test_configuration_and_auth_lookups_survive_hostile_state(service, data, con
         hd.ordinary_outcome(st._first_signal_pool_id_from_era_config, era)
         hd.ordinary_outcome(st._pool_id_from_config_entry, config)
     finally:
-        service.onboarding._config = {"server_url": "http://127.0.0.1:9"}
+        service.onboarding._config = {"server_url": "http://127.0.0.1:8765"}
         service.auth.token = "tok-1"
 
 
