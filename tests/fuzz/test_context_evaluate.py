@@ -131,8 +131,12 @@ def test_ordinary_passing_results_still_pass_with_their_metrics(metrics):
 
 
 def test_function_name_cache_survives_reentry_from_a_finaliser():
+    """A name dropped with the cached set evaluates again from its finaliser. Its
+    new function list is made first, so that it may take the memory of the cached
+    list just freed: a cache still naming the old list and set would hand out a
+    set that is being destroyed."""
     inner_tracker = cf.MemoryTracker()
-    inner = make_ctx(vocab={"functions": [{"name": "f"}]}, tracker=inner_tracker)
+    inner = make_ctx(tracker=inner_tracker)
     reentered = []
 
     class Name:
@@ -143,6 +147,8 @@ def test_function_name_cache_survives_reentry_from_a_finaliser():
             return self is other
 
         def __del__(self):
+            funcs = [{"name": "f"}]
+            inner._vocabulary = {"functions": funcs}
             reentered.append(inner.evaluate(dict(UNKNOWN)))
 
     class Entry:
@@ -160,6 +166,7 @@ def test_function_name_cache_survives_reentry_from_a_finaliser():
     assert reentered == [None] and reasons(inner_tracker) == ["unknown_function"]
     assert reasons(tracker) == ["unknown_function"]
     assert inner.evaluate(dict(UNKNOWN)) is None and second.evaluate(dict(UNKNOWN)) is None
+    assert inner.evaluate({"type": "rotation", "node": "f"}) is not None
 
 
 def test_reason_texts_keep_surrogates():

@@ -136,26 +136,6 @@ def test_submit_kwargs_take_any_mapping_and_refuse_non_mappings(monkeypatch):
     assert str(info.value) == "\udc80 is required"
 
 
-def test_default_dropped_while_the_key_is_hashed_stays_alive(monkeypatch):
-    defaults = {}
-    hashed = []
-
-    class Key(str):
-        def __hash__(self):
-            hashed.append(1)
-            if len(hashed) == 3:  # while the default found is being stored
-                defaults.clear()
-            return str.__hash__(self)
-
-        __eq__ = str.__eq__
-
-    marker = object()
-    defaults["extra"] = [marker]
-    monkeypatch.setattr(st, "_SUBMIT_KWARG_DEFAULTS", defaults)
-    out = st._submit_kwargs_from_payload(GOOD, [Key("extra")])
-    assert len(hashed) == 3 and out == {"extra": [marker]}
-
-
 def test_failing_len_of_signal_pools_reaches_the_caller():
     class BadLen(list):
         def __len__(self):
