@@ -85,19 +85,23 @@ def stats_overrides():
 @given(hs.data(), stats_overrides(),
        hs.dictionaries(hs.sampled_from(list(cf.THRESHOLDS)), hd.leaves(), max_size=2))
 def test_evaluate_of_hostile_backtest_results_returns_or_raises_ordinarily(data, overrides, bad_thresholds):
-    stats = cf.make_stats(**overrides)
+    stats = data.draw(hs.one_of(hs.just(cf.make_stats(**overrides)), hs.builds(hd.Trap, hs.integers(0, 20))))
     thresholds = {**cf.THRESHOLDS, **bad_thresholds}
-    hd.arm(data, [list(overrides.values()), list(bad_thresholds.values())], extra=[stats.__dict__, thresholds])
+    hd.arm(data, [list(overrides.values()), list(bad_thresholds.values()), stats], extra=[vars(stats), thresholds])
     rules = data.draw(hs.lists(hs.one_of(hs.fixed_dictionaries({}, optional={"column": hd.leaves(),
                                                                              "stat": hd.leaves()}), hd.leaves()),
                                max_size=2))
     tracker = cf.PersistentTracker() if data.draw(hs.booleans()) else cf.MemoryTracker()
+    events = data.draw(hs.fixed_dictionaries({}, optional={"stop_event": hd.leaves(), "replacement_abort_event": hd.leaves(),
+                                                           "submission_queue": hd.leaves(), "submission_wakeup": hd.leaves(),
+                                                           "sync_mgr": hd.leaves(), "tracker_write_lock": hd.leaves()}))
     ctx = make_ctx(tracker=tracker, bt=cf.FakeBacktester(stats=stats),
-                   era_config=cf.EraConfig(thresholds=thresholds, rules=rules))
+                   era_config=cf.EraConfig(thresholds=thresholds, rules=rules), **events)
     outcome, result = hd.ordinary_outcome(ctx.evaluate, {"type": "feature", "node": "close"})
     if outcome == "ok" and result is not None:
         assert list(result.stats) == list(st._REQUIRED_BACKTEST_METRICS)
     hd.ordinary_outcome(ctx._derive_rejection_reason, stats)
+    hd.ordinary_outcome(ctx._submission_cancelled)
 
 
 @given(hs.data(), hd.nested(8), hd.nested(8), hs.one_of(hd.nested(6), hd.leaves()))

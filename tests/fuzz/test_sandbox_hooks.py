@@ -90,6 +90,7 @@ def test_replaced_module_state_gives_ordinary_outcomes(monkeypatch_mode, operati
         for hook in HOOKS:
             hd.ordinary_outcome(hook, *args, **kwargs)
         hd.ordinary_outcome(st._template_sandbox_active)
+        hd.ordinary_outcome(st._install_template_sandbox_hooks)
 
         def guarded():
             with st._template_sandbox():

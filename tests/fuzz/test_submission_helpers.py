@@ -82,6 +82,11 @@ def test_binding_maps_any_client_result_ordinarily(service, data, result):
     hd.ordinary_outcome(st._details_from_body, result.body)
     hd.ordinary_outcome(st.submit_signal, *[GOOD[k] for k in ("graph", "universe_id", "signal_pool_id", "is_stats",
                                                               "is_pnl_mi", "expression_elapsed_seconds")])
+    args = data.draw(hs.lists(hs.one_of(hd.leaves(), hd.nested(4)), min_size=6, max_size=6))
+    hd.arm(data, args)
+    hd.ordinary_outcome(st.submit_signal, *args, metaparameters=args[0], search_state=args[1])
+    hd.ordinary_outcome(st._submit_signal_payload, data.draw(payloads()))
+    hd.ordinary_outcome(st._build_signal_service_client, data.draw(hd.leaves()))
     service.submit.result = cf.ClientResult()
 
 
