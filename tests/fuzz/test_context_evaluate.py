@@ -87,7 +87,6 @@ def stats_overrides():
 def test_evaluate_of_hostile_backtest_results_returns_or_raises_ordinarily(data, overrides, bad_thresholds):
     stats = data.draw(hs.one_of(hs.just(cf.make_stats(**overrides)), hs.builds(hd.Trap, hs.integers(0, 20))))
     thresholds = {**cf.THRESHOLDS, **bad_thresholds}
-    hd.arm(data, [list(overrides.values()), list(bad_thresholds.values()), stats], extra=[vars(stats), thresholds])
     rules = data.draw(hs.lists(hs.one_of(hs.fixed_dictionaries({}, optional={"column": hd.leaves(),
                                                                              "stat": hd.leaves()}), hd.leaves()),
                                max_size=2))
@@ -95,8 +94,12 @@ def test_evaluate_of_hostile_backtest_results_returns_or_raises_ordinarily(data,
     events = data.draw(hs.fixed_dictionaries({}, optional={"stop_event": hd.leaves(), "replacement_abort_event": hd.leaves(),
                                                            "submission_queue": hd.leaves(), "submission_wakeup": hd.leaves(),
                                                            "sync_mgr": hd.leaves(), "tracker_write_lock": hd.leaves()}))
-    ctx = make_ctx(tracker=tracker, bt=cf.FakeBacktester(stats=stats),
-                   era_config=cf.EraConfig(thresholds=thresholds, rules=rules), **events)
+    hd.arm(data, [list(overrides.values()), list(bad_thresholds.values()), stats, rules, list(events.values())],
+           extra=[vars(stats), thresholds])
+    outcome, ctx = hd.ordinary_outcome(make_ctx, tracker=tracker, bt=cf.FakeBacktester(stats=stats),
+                                       era_config=cf.EraConfig(thresholds=thresholds, rules=rules), **events)
+    if outcome == "raised":
+        return
     outcome, result = hd.ordinary_outcome(ctx.evaluate, {"type": "feature", "node": "close"})
     if outcome == "ok" and result is not None:
         assert list(result.stats) == list(st._REQUIRED_BACKTEST_METRICS)
@@ -106,16 +109,17 @@ def test_evaluate_of_hostile_backtest_results_returns_or_raises_ordinarily(data,
 
 @given(hs.data(), hd.nested(8), hd.nested(8), hs.one_of(hd.nested(6), hd.leaves()))
 def test_construction_and_threshold_lookups_survive_hostile_arguments(data, metaparams, thresholds, era):
-    hd.arm(data, [metaparams, thresholds, era])
     stats = data.draw(hs.one_of(hd.leaves(), hs.builds(types.SimpleNamespace, total_evaluations=hd.leaves(),
                                                        rows=hd.nested(4))))
+    reason = data.draw(hd.leaves())
+    name = data.draw(hs.one_of(hs.sampled_from(list(cf.THRESHOLDS)), hd.leaves()))
+    hd.arm(data, [metaparams, thresholds, era, stats, reason, name])
     tracker = cf.MemoryTracker(stats=stats)
     for kw in ({"metaparams": metaparams}, {"thresholds": thresholds}, {"era_config": era}):
         outcome, ctx = hd.ordinary_outcome(make_ctx, tracker=tracker, **kw)
         if outcome == "ok":
             hd.ordinary_outcome(ctx.refresh_analytics)
-            hd.ordinary_outcome(ctx._safe_record, {"type": "feature"}, False, rejection_reason=data.draw(hd.leaves()))
-    name = data.draw(hs.one_of(hs.sampled_from(list(cf.THRESHOLDS)), hd.leaves()))
+            hd.ordinary_outcome(ctx._safe_record, {"type": "feature"}, False, rejection_reason=reason)
     hd.ordinary_outcome(st._require_search_threshold, thresholds, name)
     hd.ordinary_outcome(st.SearchContext._require_search_threshold, thresholds, name)
     hd.ordinary_outcome(st._resolve_search_thresholds, thresholds, era)

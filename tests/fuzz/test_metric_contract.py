@@ -68,7 +68,8 @@ def stats_objects():
 @given(hs.data(), stats_objects())
 def test_collecting_hostile_stats_gives_a_pair_or_an_ordinary_error(data, attrs):
     stats = types.SimpleNamespace(**attrs)
-    hd.arm(data, list(attrs.values()), extra=[stats.__dict__])
+    name = data.draw(hd.leaves())
+    hd.arm(data, [list(attrs.values()), name], extra=[stats.__dict__])
     outcome, result = hd.ordinary_outcome(st._collect_required_backtest_stats, stats)
     if outcome == "ok":
         record, reason = result
@@ -76,7 +77,7 @@ def test_collecting_hostile_stats_gives_a_pair_or_an_ordinary_error(data, attrs)
     for attr in REQUIRED[:3]:
         hd.ordinary_outcome(st._required_backtest_metric_value, stats, attr)
     hd.ordinary_outcome(st._is_pnl_mi_from_backtest_stats, stats)
-    hd.ordinary_outcome(st._invalid_backtest_metric_reason, data.draw(hd.leaves()))
+    hd.ordinary_outcome(st._invalid_backtest_metric_reason, name)
 
 
 @given(hs.fixed_dictionaries({k: hs.one_of(hs.floats(allow_nan=True), hs.integers(), hs.booleans(), hs.none())

@@ -48,8 +48,8 @@ def hooks_installed():
 @given(hs.data(), call_args())
 def test_hooks_refuse_inside_and_forward_outside(data, call):
     args, kwargs = call
-    hd.arm(data, [args, kwargs])
     hook = data.draw(hs.sampled_from(HOOKS))
+    hd.arm(data, [args, kwargs])
     with st._template_sandbox():
         with pytest.raises(st.TemplateSandboxViolation):
             hook(*args, **kwargs)

@@ -41,19 +41,20 @@ def payloads():
 
 @given(hs.data(), payloads())
 def test_payload_helpers_return_or_raise_ordinarily(data, payload):
-    hd.arm(data, payload)
     allowed = data.draw(hs.one_of(hs.lists(hs.sampled_from(PAYLOAD_KEYS)), hd.leaves(), hd.nested(4)))
     row = data.draw(hs.one_of(hs.none(), hd.leaves(), hs.tuples(hd.leaves(), hd.leaves())))
+    row_id, payload_json, tracker, seconds = (data.draw(hd.leaves()) for _ in range(4))
     conn = types.SimpleNamespace(execute=lambda *a: types.SimpleNamespace(fetchone=lambda: row))
+    hd.arm(data, [payload, allowed, row])
     hd.ordinary_outcome(st._validate_submit_contract_kwargs, payload)
     hd.ordinary_outcome(st._submit_kwargs_from_payload, payload, allowed)
     hd.ordinary_outcome(st._submission_payload_for_storage, payload)
     hd.ordinary_outcome(st._serialize_submission_payload, payload)
-    hd.ordinary_outcome(st._require_payload_typed_keys, payload, "queue", data.draw(hd.leaves()))
+    hd.ordinary_outcome(st._require_payload_typed_keys, payload, "queue", row_id)
     hd.ordinary_outcome(st._resolve_submission_pool_ids, conn, payload)
-    hd.ordinary_outcome(st._load_submission_payload, data.draw(hs.one_of(hd.leaves(), hs.text())))
-    hd.ordinary_outcome(st._tracker_uses_persistent_store, data.draw(hd.leaves()))
-    hd.ordinary_outcome(st._submission_backoff_sleep, data.draw(hd.leaves()))
+    hd.ordinary_outcome(st._load_submission_payload, payload_json)
+    hd.ordinary_outcome(st._tracker_uses_persistent_store, tracker)
+    hd.ordinary_outcome(st._submission_backoff_sleep, seconds)
 
 
 @given(hs.dictionaries(hs.sampled_from(PAYLOAD_KEYS), hs.one_of(hs.none(), hs.text(max_size=3), hs.floats()),
@@ -72,31 +73,32 @@ def results():
 
 @given(data=hs.data(), result=results())
 def test_binding_maps_any_client_result_ordinarily(service, data, result):
-    hd.arm(data, [result.body, result.status_code, result.submission_id])
+    kind, submission_id, poll_id, timeout = (data.draw(hd.leaves()) for _ in range(4))
+    args = data.draw(hs.lists(hs.one_of(hd.leaves(), hd.nested(4)), min_size=6, max_size=6))
+    payload = data.draw(payloads())
+    args = tuple(args)
+    hd.arm(data, [result.body, result.status_code, result.submission_id, args, payload])
     service.submit.result = result
-    kind = data.draw(hd.leaves())
     hd.ordinary_outcome(st._result_to_receipt, result, kind, service.submit.SubmissionReceipt,
                         service.submit.SubmissionRejectedError)
-    hd.ordinary_outcome(st._poll_status_internal, data.draw(hd.leaves()))
-    hd.ordinary_outcome(st.poll_status, data.draw(hd.leaves()))
+    hd.ordinary_outcome(st._poll_status_internal, submission_id)
+    hd.ordinary_outcome(st.poll_status, poll_id)
     hd.ordinary_outcome(st._details_from_body, result.body)
     hd.ordinary_outcome(st.submit_signal, *[GOOD[k] for k in ("graph", "universe_id", "signal_pool_id", "is_stats",
                                                               "is_pnl_mi", "expression_elapsed_seconds")])
-    args = data.draw(hs.lists(hs.one_of(hd.leaves(), hd.nested(4)), min_size=6, max_size=6))
-    hd.arm(data, args)
     hd.ordinary_outcome(st.submit_signal, *args, metaparameters=args[0], search_state=args[1])
-    hd.ordinary_outcome(st._submit_signal_payload, data.draw(payloads()))
-    hd.ordinary_outcome(st._build_signal_service_client, data.draw(hd.leaves()))
+    hd.ordinary_outcome(st._submit_signal_payload, payload)
+    hd.ordinary_outcome(st._build_signal_service_client, timeout)
     service.submit.result = cf.ClientResult()
 
 
 @given(data=hs.data(), config=hd.nested(8), token=hd.leaves(), url=hd.leaves())
 def test_configuration_and_auth_lookups_survive_hostile_state(service, data, config, token, url):
-    hd.arm(data, config)
-    service.onboarding._config = data.draw(hs.one_of(hs.just({"server_url": url}), hs.just(config)))
+    service.onboarding._config = {"server_url": url} if data.draw(hs.booleans()) else config
     service.auth.token = token
-    era = data.draw(hs.one_of(hs.just(config), hs.builds(types.SimpleNamespace, signal_pools=hs.just(config)),
-                              hs.just({"signal_pools": config})))
+    era = data.draw(hs.sampled_from([lambda c: c, lambda c: types.SimpleNamespace(signal_pools=c),
+                                     lambda c: {"signal_pools": c}]))(config)
+    hd.arm(data, [config, token, url])
     try:
         for fn in (st._resolve_signal_service_url, st._submission_auth_obj, st._get_submission_token,
                    st._build_signal_service_client):
