@@ -1,5 +1,6 @@
 """Fakes of the collaborators of SearchContext and of the signal service binding."""
 
+import sys
 import threading
 import types
 from dataclasses import dataclass, field
@@ -209,3 +210,23 @@ def submit_module(call_error=None, with_close=True):
         SignalServiceClient.close = close
     mod.SignalServiceClient = SignalServiceClient
     return mod
+
+
+def install_service(monkeypatch, st):
+    """Stand-ins for the submit, auth and onboarding modules, configured and logged in, put in place
+    with `monkeypatch`; `s.use_submit(**kw)` swaps in another submit module."""
+    s = types.SimpleNamespace(auth=FakeAuth(), submit=submit_module())
+    s.onboarding = module("tarnwicket.agent_onboarding", _config={"server_url": "http://127.0.0.1:8765"},
+                          _auth_manager=s.auth)
+    monkeypatch.setitem(sys.modules, "tarnwicket.submit", s.submit)
+    monkeypatch.setitem(sys.modules, "tarnwicket.auth", module("tarnwicket.auth", AuthError=AuthError))
+    monkeypatch.setitem(sys.modules, "tarnwicket.agent_onboarding", s.onboarding)
+    for name in ("_library_runtime", "_auth"):
+        monkeypatch.delattr(st, name, raising=False)
+
+    def use_submit(**kw):
+        s.submit = submit_module(**kw)
+        monkeypatch.setitem(sys.modules, "tarnwicket.submit", s.submit)
+
+    s.use_submit = use_submit
+    return s

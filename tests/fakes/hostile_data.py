@@ -93,9 +93,11 @@ class Trap:
 
     def __str__(self):
         self.fire()
-        return "\udc80trap" if self.mode % 2 else "trap"
+        return repr(self)
 
-    __repr__ = __str__
+    def __repr__(self):
+        # Quiet, so that hypothesis can report the example; its text is still odd.
+        return "\udc80trap" if self.mode % 2 else "trap"
 
     def __format__(self, spec):
         self.fire()
@@ -233,10 +235,14 @@ def traps(value, found=None):
 
 
 def arm(data, value, extra=()):
-    """Point each trap of `value` at containers drawn from `value` (and `extra`), then arm it."""
+    """Point each trap of `value` at containers drawn from `value` (and `extra`), then arm it.
+    Call it after the test's last draw: an armed trap must not meet hypothesis itself."""
     pool = containers(value) + [c for c in extra if isinstance(c, (list, dict))]
-    for t in traps(value):
-        victims = data.draw(hs.lists(hs.sampled_from(pool), max_size=2)) if pool else []
+    found = traps(value)
+    # Every choice is drawn, as indices, before any trap is armed.
+    picks = [data.draw(hs.lists(hs.integers(0, len(pool) - 1), max_size=2)) if pool else [] for _ in found]
+    for t, idx in zip(found, picks):
+        victims = [pool[i] for i in idx]
         if isinstance(t, Trap):
             t.victims, t.armed = victims, True
         else:

@@ -3,6 +3,8 @@
 // evaluation recorder.
 #include "context/context.hpp"
 
+#include "context/late_bound.hpp"
+
 namespace tw::ctx {
 
 PyObject* g_require_threshold_fn = nullptr;
@@ -23,10 +25,12 @@ object resolve_thresholds(handle thresholds, handle era_config) {
 
 object require_threshold(handle thresholds, handle name) {
     if (check_int(PySequence_Contains(thresholds.ptr(), name.ptr())) == 0)
-        raise(PyExc_ValueError, "SearchContext thresholds missing required threshold '" + to_std(name) + "'");
+        late::raise_text(PyExc_ValueError,
+                         late::fstring({str_of("SearchContext thresholds missing required threshold '"), name, str_of("'")}));
     object value = getitem(thresholds, name);
     if (is_bool(value) || !(is_int(value) || is_float(value)))
-        raise(PyExc_ValueError, "SearchContext threshold '" + to_std(name) + "' must be numeric");
+        late::raise_text(PyExc_ValueError,
+                         late::fstring({str_of("SearchContext threshold '"), name, str_of("' must be numeric")}));
     return value;
 }
 
@@ -160,7 +164,7 @@ static object context_init(Args& a) {
     object for_db = new_dict();
     object items = list_from(call_method(metaparams, ID("items")));
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
-        handle pair = PyList_GET_ITEM(items.ptr(), i);
+        object pair = borrow(PyList_GET_ITEM(items.ptr(), i));
         object key = getitem(pair, int_of(0));
         object value = getitem(pair, int_of(1));
         dict_set(for_db, key, is_none(value) ? str_of("none") : py_str(value));
@@ -246,7 +250,7 @@ static object safe_record(Args& a) {
         if (truthy(callback))
             call(callback, {str_of("DATABASE_ERROR"),
                             str_of("Run get_db_info() to check database state. Consider restarting the search."),
-                            str_of("Database write failed after retry: " + to_std(exc_value(e)))});
+                            late::fstring({str_of("Database write failed after retry: "), exc_value(e)})});
         return none();
     }
 }
@@ -298,12 +302,15 @@ void register_context(handle m) {
     object build = def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
     object resolve = def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
     object require = def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
-    g_require_threshold_fn = require.ptr();
+    // Kept for the life of the process, so that the identity tests never meet a
+    // new object at a freed address.
+    g_require_threshold_fn = require.inc_ref().ptr();
     (void)build;
     (void)resolve;
     def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
     def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
-    g_class_require_fn = def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)").ptr();
+    g_class_require_fn =
+        def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)").release().ptr();
     set_global("SearchContext", cls);
 }
 

@@ -1,6 +1,7 @@
 // The path of one expression graph: shape checks, time budget, backtest,
 // rejection tiers, metric contract, record and durable enqueue.
 #include "context/context.hpp"
+#include "context/late_bound.hpp"
 #include "context/metric_contract.hpp"
 #include "submission/payload.hpp"
 
@@ -39,11 +40,15 @@ object function_names(handle functions) {
     }
     if (PyErr_Occurred()) throw_py();
     if (is_list(functions)) {
-        Py_XDECREF(g_names.list);
-        Py_XDECREF(g_names.names);
+        // Install the new entry before letting go of the old one: dropping the
+        // old list can run finalisers that evaluate again and read the cache.
+        PyObject* old_list = g_names.list;
+        PyObject* old_names = g_names.names;
         g_names.list = functions.inc_ref().ptr();
         g_names.size = n;
         g_names.names = names.inc_ref().ptr();
+        Py_XDECREF(old_names);
+        Py_XDECREF(old_list);
     }
     return names;
 }
@@ -77,16 +82,12 @@ object budget_of(handle era_config) {
 }
 
 // A module function reached through the namespace; direct when unreplaced.
-object late(handle name, PyObject* original, object (*direct)(handle), handle arg) {
-    object fn = global(name);
-    if (fn.ptr() == original) return direct(arg);
-    return call(fn, {arg});
+object late_call(handle name, const late::Original& original, object (*direct)(handle), handle arg) {
+    if (object fn = late::replacement(name, original)) return call(fn, {arg});
+    return direct(arg);
 }
 
-PyObject* g_collect_fn = nullptr;
-PyObject* g_factor_fn = nullptr;
-PyObject* g_per_column_fn = nullptr;
-PyObject* g_pnl_mi_fn = nullptr;
+late::Original g_collect_fn, g_factor_fn, g_per_column_fn, g_pnl_mi_fn;
 
 object collect_direct(handle s) {
     auto [v, r] = metrics::collect_required(s);
@@ -143,7 +144,7 @@ static object evaluate(Args& a) {
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         log_warning("Backtest failed: %s", {exc_value(e)});
-        failure_reason = str_of("backtest_failed: " + to_std(exc_value(e)));
+        failure_reason = late::fstring({str_of("backtest_failed: "), exc_value(e)});
     }
     if (is_none(bt_stats))
         return reject(self, graph, is_nonempty_str(failure_reason) ? handle(failure_reason) : handle(str_of("backtester_unavailable")));
@@ -166,13 +167,13 @@ static object evaluate(Args& a) {
         }
     }
 
-    object collected = late(ID("_collect_required_backtest_stats"), g_collect_fn, collect_direct, bt_stats);
+    object collected = late_call(ID("_collect_required_backtest_stats"), g_collect_fn, collect_direct, bt_stats);
     object stats_dict = getitem(collected, int_of(0));
     object stats_reason = getitem(collected, int_of(1));
     if (!is_none(stats_reason)) return reject(self, graph, stats_reason);
-    object factor_pnl = late(ID("_normalize_factor_pnl"), g_factor_fn, metrics::normalize_factor_pnl,
+    object factor_pnl = late_call(ID("_normalize_factor_pnl"), g_factor_fn, metrics::normalize_factor_pnl,
                              get_attr_or_none(bt_stats, ID("factor_pnl")));
-    object per_column = late(ID("_normalize_per_column_stats"), g_per_column_fn, metrics::normalize_per_column_stats,
+    object per_column = late_call(ID("_normalize_per_column_stats"), g_per_column_fn, metrics::normalize_per_column_stats,
                              get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));
     object result = call_kw(global(ID("BacktestResult")), {},
                             {{ID("expression"), graph},
@@ -195,7 +196,7 @@ static object evaluate(Args& a) {
     dict_set(payload, ID("universe_id"), get_attr(self, ID("_universe_id")));
     dict_set(payload, ID("signal_pool_id"), get_attr(self, ID("_signal_pool_id")));
     dict_set(payload, ID("is_stats"), stats_dict);
-    dict_set(payload, ID("is_pnl_mi"), late(ID("_is_pnl_mi_from_backtest_stats"), g_pnl_mi_fn,
+    dict_set(payload, ID("is_pnl_mi"), late_call(ID("_is_pnl_mi_from_backtest_stats"), g_pnl_mi_fn,
                                             metrics::is_pnl_mi_from_stats, bt_stats));
     dict_set(payload, ID("metaparameters"), get_attr(self, ID("_metaparams_for_db")));
     dict_set(payload, ID("search_state"), new_dict());
@@ -247,14 +248,16 @@ std::pair<object, object> first_failed(handle record) {
 }
 
 // "<prefix><name>_below_min" or "_above_max" by the entry's limits.
-object limit_reason(const std::string& prefix, handle name, handle entry) {
+object limit_reason(const char* prefix, handle name, handle entry) {
     object mn = entry_get(entry, "min", Py_None);
     object mx = entry_get(entry, "max", Py_None);
     object value = entry_get(entry, "value", int_of(0));
-    std::string base = prefix + to_std(name);
-    if (!is_none(mn) && less(value, mn)) return str_of(base + "_below_min");
-    if (!is_none(mx) && greater(value, mx)) return str_of(base + "_above_max");
-    return str_of(base + "_below_min");
+    const char* suffix = "_below_min";
+    if (!is_none(mn) && less(value, mn))
+        suffix = "_below_min";
+    else if (!is_none(mx) && greater(value, mx))
+        suffix = "_above_max";
+    return late::fstring({str_of(prefix), name, str_of(suffix)});
 }
 
 }  // namespace
@@ -279,7 +282,7 @@ static object derive_rejection_reason(Args& a) {
     auto [wq_name, wq_entry] = first_failed(get_attr_or(stats, ID("weight_quality_metrics"), empty));
     if (wq_entry) {
         if (is_none(entry_get(wq_entry, "value", Py_None))) return str_of("invalid_weights");
-        return str_of("weight_quality_" + to_std(wq_name) + "_exceeded");
+        return late::fstring({str_of("weight_quality_"), wq_name, str_of("_exceeded")});
     }
     auto [liq_name, liq_entry] = first_failed(get_attr_or(stats, ID("liquidity_metrics"), empty));
     if (liq_entry) return limit_reason("liquidity_", liq_name, liq_entry);
@@ -300,7 +303,7 @@ static object derive_rejection_reason(Args& a) {
                 object rule = getitem(rules, int_of(0));
                 object column = mapping_get(rule, ID("column"), str_of("gross_returns"));
                 object stat = mapping_get(rule, ID("stat"), str_of("sharpe"));
-                return str_of(to_std(column) + "_" + to_std(stat) + "_below_min");
+                return late::fstring({column, str_of("_"), stat, str_of("_below_min")});
             }
         }
         return str_of("gross_returns_sharpe_below_min");
@@ -314,10 +317,10 @@ static object derive_rejection_reason(Args& a) {
 void register_evaluate(handle cls) {
     def_method<evaluate>(cls, "evaluate($self, expr_graph)");
     def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
-    g_collect_fn = global(ID("_collect_required_backtest_stats")).ptr();
-    g_factor_fn = global(ID("_normalize_factor_pnl")).ptr();
-    g_per_column_fn = global(ID("_normalize_per_column_stats")).ptr();
-    g_pnl_mi_fn = global(ID("_is_pnl_mi_from_backtest_stats")).ptr();
+    g_collect_fn.keep(global(ID("_collect_required_backtest_stats")));
+    g_factor_fn.keep(global(ID("_normalize_factor_pnl")));
+    g_per_column_fn.keep(global(ID("_normalize_per_column_stats")));
+    g_pnl_mi_fn.keep(global(ID("_is_pnl_mi_from_backtest_stats")));
 }
 
 }  // namespace tw::ctx

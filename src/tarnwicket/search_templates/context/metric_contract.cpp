@@ -1,5 +1,7 @@
 #include "context/metric_contract.hpp"
 
+#include "context/late_bound.hpp"
+
 namespace tw::metrics {
 
 static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdown",       "turnover",
@@ -7,7 +9,7 @@ static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdow
 
 static object missing_sentinel() { return global(ID("_MISSING_BACKTEST_METRIC")); }
 
-object invalid_reason(handle attr) { return str_of("invalid_backtest_metric_" + to_std(attr)); }
+object invalid_reason(handle attr) { return late::fstring({str_of("invalid_backtest_metric_"), attr}); }
 
 static bool is_count_metric(handle attr) {
     object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
@@ -32,15 +34,24 @@ std::pair<object, object> required_value(handle bt_stats, handle attr) {
 std::pair<object, object> collect_required(handle bt_stats) {
     object names = global(ID("_REQUIRED_BACKTEST_METRICS"));
     object record = new_dict();
-    object seq = steal(PySequence_Fast(names.ptr(), "required metrics must be a sequence"));
-    Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        handle attr = PySequence_Fast_GET_ITEM(seq.ptr(), i);
+    // `for attr in _REQUIRED_BACKTEST_METRICS`: each read of an attribute can run
+    // code that changes a replaced, mutable list of names under us.
+    object it = steal(PyObject_GetIter(names.ptr()));
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object attr = steal(raw);
         auto [value, reason] = required_value(bt_stats, attr);
         if (!is_none(reason)) return {none(), reason};
         dict_set(record, attr, value);
     }
+    if (PyErr_Occurred()) throw_py();
     return {record, none()};
+}
+
+// len(o), raising as len() does.
+static Py_ssize_t length(handle o) {
+    Py_ssize_t n = PyObject_Length(o.ptr());
+    if (n < 0) throw_py();
+    return n;
 }
 
 static object zero_list() {
@@ -51,7 +62,7 @@ static object zero_list() {
 
 object normalize_factor_pnl(handle value) {
     if (is_list(value) || is_tuple(value)) {
-        if (PySequence_Size(value.ptr()) == 0) return zero_list();
+        if (length(value) == 0) return zero_list();
         return list_from(value);
     }
     object tolist = get_attr_or_none(value, ID("tolist"));
@@ -64,7 +75,7 @@ object normalize_factor_pnl(handle value) {
             result = none();
         }
         if (is_list(result)) {
-            if (PyList_GET_SIZE(result.ptr()) == 0) return zero_list();
+            if (length(result) == 0) return zero_list();
             return result;
         }
     }
@@ -102,53 +113,51 @@ object is_pnl_mi_from_stats(handle bt_stats) {
     return float_of(as_double(v));
 }
 
+namespace {
+
+// `any(test(v) for v in iterable)`. A list is walked live, as Python walks it,
+// so that a callback that shrinks it ends the walk early; dicts are handed in
+// as a snapshot of their items or values.
+template <class Test>
+bool any_of(handle iterable, Test test) {
+    object it = steal(PyObject_GetIter(iterable.ptr()));
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object item = steal(raw);
+        if (test(item)) return true;
+    }
+    if (PyErr_Occurred()) throw_py();
+    return false;
+}
+
+}  // namespace
+
 bool has_non_finite_number(handle value) {
     PyTypeObject* t = Py_TYPE(value.ptr());
     if (t == &PyLong_Type || t == &PyFloat_Type) return !is_finite_number(value);
-    if (is_dict(value)) {
-        PyObject *k, *v;
-        Py_ssize_t pos = 0;
-        object keep = borrow(value.ptr());
-        while (PyDict_Next(value.ptr(), &pos, &k, &v)) {
-            object hold = borrow(v);
-            if (has_non_finite_number(hold)) return true;
-        }
-        return false;
-    }
-    if (is_list(value) || is_tuple(value)) {
-        object seq = steal(PySequence_Fast(value.ptr(), ""));
-        Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
-        for (Py_ssize_t i = 0; i < n; ++i)
-            if (has_non_finite_number(PySequence_Fast_GET_ITEM(seq.ptr(), i))) return true;
-        return false;
-    }
+    if (!is_dict(value) && !is_list(value) && !is_tuple(value)) return false;
+    late::RecursionGuard guard(" while checking numbers for finiteness");
+    object items = is_dict(value) ? steal(PyDict_Values(value.ptr())) : borrow(value.ptr());
+    return any_of(items, [](handle v) { return has_non_finite_number(v); });
+}
+
+static bool is_disallowed_mi_key(handle key) {
+    static const char* bad[] = {"is_pnl_mi_values", "is_mi_values", "is_mi"};
+    if (!is_str(key)) return false;
+    for (auto b : bad)
+        if (PyUnicode_CompareWithASCIIString(key.ptr(), b) == 0) return true;
     return false;
 }
 
 bool has_disallowed_mi_field(handle value) {
-    if (is_dict(value)) {
-        static const char* bad[] = {"is_pnl_mi_values", "is_mi_values", "is_mi"};
-        PyObject *k, *v;
-        Py_ssize_t pos = 0;
-        object keep = borrow(value.ptr());
-        while (PyDict_Next(value.ptr(), &pos, &k, &v)) {
-            object hk = borrow(k), hv = borrow(v);
-            if (is_str(hk)) {
-                for (auto b : bad)
-                    if (PyUnicode_CompareWithASCIIString(k, b) == 0) return true;
-            }
-            if (has_disallowed_mi_field(hv)) return true;
-        }
-        return false;
-    }
-    if (is_list(value) || is_tuple(value)) {
-        object seq = steal(PySequence_Fast(value.ptr(), ""));
-        Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.ptr());
-        for (Py_ssize_t i = 0; i < n; ++i)
-            if (has_disallowed_mi_field(PySequence_Fast_GET_ITEM(seq.ptr(), i))) return true;
-        return false;
-    }
-    return false;
+    if (!is_dict(value) && !is_list(value) && !is_tuple(value)) return false;
+    late::RecursionGuard guard(" while looking for MI contract fields");
+    if (is_list(value) || is_tuple(value))
+        return any_of(value, [](handle v) { return has_disallowed_mi_field(v); });
+    object items = steal(PyDict_Items(value.ptr()));
+    return any_of(items, [](handle pair) {
+        return is_disallowed_mi_key(PyTuple_GET_ITEM(pair.ptr(), 0)) ||
+               has_disallowed_mi_field(PyTuple_GET_ITEM(pair.ptr(), 1));
+    });
 }
 
 // ---------------------------------------------------------------- bindings

@@ -37,7 +37,13 @@ object first_signal_pool_id_from_era_config(handle era_config) {
         pools = dict_get(era_config, ID("signal_pools"));
     else if (!is_none(era_config))
         pools = get_attr_or_none(era_config, ID("signal_pools"));
-    if (!(is_seq(pools) && PySequence_Size(pools.ptr()) > 0)) {
+    bool have_pools = false;
+    if (is_seq(pools)) {
+        Py_ssize_t n = PyObject_Length(pools.ptr());
+        if (n < 0) throw_py();
+        have_pools = n > 0;
+    }
+    if (!have_pools) {
         object data = get_attr_or_none(era_config, ID("_data"));
         if (is_dict(data)) pools = dict_get(data, ID("signal_pools"));
     }
@@ -174,17 +180,16 @@ static bool code_is(handle code, long v, int op) {
 
 // The shared part of a submit or a poll answer: transport failures and server
 // errors are retryable, any other non-2xx is a definite refusal.
-static void check_status(handle result, handle rejected_error, const std::string& transport_text,
-                         const std::string& during) {
+static void check_status(handle result, handle rejected_error, handle transport_text, handle during) {
     object code = get_attr(result, ID("status_code"));
     if (code_is(code, 0, Py_EQ)) {
         object error = get_attr(result, ID("error"));
         object exc = truthy(error) ? call(handle(PyExc_ConnectionError), {error})
-                                   : call(handle(PyExc_ConnectionError), {str_of(transport_text)});
+                                   : call(handle(PyExc_ConnectionError), {transport_text});
         raise_obj(exc);
     }
     if (code_is(code, 500, Py_GE))
-        raise(PyExc_ConnectionError, "Server error " + late::fmt(code) + " " + during);
+        late::raise_text(PyExc_ConnectionError, late::fstring({str_of("Server error "), code, str_of(" "), during}));
     if (!(code_is(code, 200, Py_GE) && code_is(code, 300, Py_LT))) {
         object error = get_attr(result, ID("error"));
         if (!truthy(error)) error = str_of("unknown");
@@ -195,15 +200,29 @@ static void check_status(handle result, handle rejected_error, const std::string
 }
 
 static object result_to_receipt(handle result, handle submission_type, handle receipt_cls, handle rejected_error) {
-    std::string kind = late::fmt(submission_type);
-    check_status(result, rejected_error, "transport error during " + kind + " submission",
-                 "during " + kind + " submission");
+    object kind = late::fstring({submission_type});
+    check_status(result, rejected_error, late::fstring({str_of("transport error during "), kind, str_of(" submission")}),
+                 late::fstring({str_of("during "), kind, str_of(" submission")}));
     object sid = get_attr(result, ID("submission_id"));
     if (!truthy(sid)) {
         object protocol_error = global(ID("SubmissionProtocolError"));
-        raise_obj(call(protocol_error, {str_of(kind + " submission response missing required submission_id")}));
+        raise_obj(call(protocol_error,
+                       {late::fstring({kind, str_of(" submission response missing required submission_id")})}));
     }
     return call(receipt_cls, {sid});
+}
+
+// The dict that `f(**kwargs)` would pass: a replaced `_submit_kwargs_from_payload`
+// may hand back any mapping, or something that is none.
+static object keyword_dict(handle kwargs) {
+    if (is_dict(kwargs)) return borrow(kwargs.ptr());
+    if (!has_attr(kwargs, ID("keys"))) {
+        PyErr_Format(PyExc_TypeError, "argument after ** must be a mapping, not %.200s", Py_TYPE(kwargs.ptr())->tp_name);
+        throw_py();
+    }
+    object d = new_dict();
+    check_int(PyDict_Merge(d.ptr(), kwargs.ptr(), 1));
+    return d;
 }
 
 static object submit_signal_payload(handle payload) {
@@ -214,7 +233,7 @@ static object submit_signal_payload(handle payload) {
         object kwargs = payload::call_submit_kwargs(payload, global(ID("_SIGNAL_SUBMIT_KWARGS")));
         object submit = get_attr(client, ID("submit_signal"));
         object empty = steal(PyTuple_New(0));
-        object result = call_star(submit, empty, kwargs);
+        object result = call_star(submit, empty, keyword_dict(kwargs));
         object kind = str_of("signal");
         if (object f = late::replacement(ID("_result_to_receipt"), o_to_receipt))
             return call(f, {result, kind, receipt_cls, rejected_error});
@@ -227,8 +246,9 @@ static object poll_status_internal(handle submission_id) {
     object rejected_error = late::from_import("tarnwicket.submit", ID("SubmissionRejectedError"));
     object client = default_client();
     object result = late::with_client(client, [&] { return call_method(client, ID("get_signal_status"), {submission_id}); });
-    std::string sid = late::fmt(submission_id);
-    check_status(result, rejected_error, "transport error while polling " + sid, "while polling " + sid);
+    object sid = late::fstring({submission_id});
+    check_status(result, rejected_error, late::fstring({str_of("transport error while polling "), sid}),
+                 late::fstring({str_of("while polling "), sid}));
     object body = get_attr(result, ID("body"));
     if (!is_dict(body)) body = new_dict();
     auto key = [&](handle name, handle dflt) { return mapping_get(body, name, dflt); };

@@ -3,6 +3,7 @@
 // shares.
 #include "submission/payload.hpp"
 
+#include "context/late_bound.hpp"
 #include "context/metric_contract.hpp"
 
 namespace tw::payload {
@@ -37,13 +38,16 @@ static const char* kTransient[] = {"_queue_id",       "retry_id",           "ret
 
 object for_storage(handle payload) {
     object out = new_dict();
-    PyObject *k, *v;
-    Py_ssize_t pos = 0;
-    while (PyDict_Next(payload.ptr(), &pos, &k, &v)) {
+    // Storing a key hashes it, which can run code that changes `payload`: walk
+    // a snapshot of its items.
+    object items = steal(PyDict_Items(payload.ptr()));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+        object pair = borrow(PyList_GET_ITEM(items.ptr(), i));
+        handle k = PyTuple_GET_ITEM(pair.ptr(), 0), v = PyTuple_GET_ITEM(pair.ptr(), 1);
         bool transient = false;
-        if (PyUnicode_Check(k))
+        if (PyUnicode_Check(k.ptr()))
             for (auto t : kTransient)
-                if (PyUnicode_CompareWithASCIIString(k, t) == 0) transient = true;
+                if (PyUnicode_CompareWithASCIIString(k.ptr(), t) == 0) transient = true;
         if (!transient) dict_set(out, k, v);
     }
     return out;
@@ -134,27 +138,32 @@ void validate_submit_contract(handle kwargs) {
         raise(PyExc_ValueError, "expression_elapsed_seconds must be a positive float");
 }
 
+// `mapping[key]` when `key in mapping`, else a null object. The value is held
+// strongly: storing it elsewhere hashes the key again, which can run code.
+static object lookup(handle mapping, handle key) {
+    if (is_dict(mapping)) {
+        PyObject* v = PyDict_GetItemWithError(mapping.ptr(), key.ptr());
+        if (!v && PyErr_Occurred()) throw_py();
+        return v ? borrow(v) : object();
+    }
+    if (!contains(mapping, key)) return object();
+    return getitem(mapping, key);
+}
+
 object submit_kwargs(handle payload, handle allowed) {
-    object source = dict_copy(payload);
+    // dict(payload): any mapping (or iterable of pairs) as the host's dict() takes it.
+    object source = is_dict(payload) ? dict_copy(payload)
+                                     : call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {payload});
     call(global(ID("_validate_submit_contract_kwargs")), {source});
     object defaults = global(ID("_SUBMIT_KWARG_DEFAULTS"));
     object out = new_dict();
     object it = steal(PyObject_GetIter(allowed.ptr()));
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object key = steal(raw);
-        PyObject* v = PyDict_GetItemWithError(source.ptr(), key.ptr());
-        if (!v && PyErr_Occurred()) throw_py();
-        if (v) {
-            dict_set(out, key, v);
-            continue;
-        }
-        PyObject* d = PyDict_GetItemWithError(defaults.ptr(), key.ptr());
-        if (!d && PyErr_Occurred()) throw_py();
-        if (d) {
-            dict_set(out, key, d);
-            continue;
-        }
-        raise(PyExc_ValueError, to_std(key) + " is required");
+        object value = lookup(source, key);
+        if (!value) value = lookup(defaults, key);
+        if (!value) late::raise_text(PyExc_ValueError, late::fstring({key, str_of(" is required")}));
+        dict_set(out, key, value);
     }
     if (PyErr_Occurred()) throw_py();
     return out;

@@ -1,5 +1,7 @@
 #include "vocabulary/normalize.hpp"
 
+#include "context/late_bound.hpp"
+
 #include <algorithm>
 
 namespace tw::vocab {
@@ -31,11 +33,11 @@ static object vse_init(Args& a) {
     object message = borrow(a[4].ptr());
     if (is_none(message)) {
         object parts = new_list();
-        list_append(parts, str_of("vocabulary " + utf8(source_kind) + " entry violates canonical contract"));
+        list_append(parts, late::fstring({str_of("vocabulary "), source_kind, str_of(" entry violates canonical contract")}));
         if (PySet_GET_SIZE(missing.ptr()) > 0)
-            list_append(parts, str_of("missing fields: " + utf8(sorted_joined(missing))));
+            list_append(parts, late::fstring({str_of("missing fields: "), sorted_joined(missing)}));
         if (PySet_GET_SIZE(unexpected.ptr()) > 0)
-            list_append(parts, str_of("unexpected fields: " + utf8(sorted_joined(unexpected))));
+            list_append(parts, late::fstring({str_of("unexpected fields: "), sorted_joined(unexpected)}));
         object sep = str_of("; ");
         message = steal(PyUnicode_Join(sep.ptr(), parts.ptr()));
     }
@@ -64,10 +66,11 @@ object flatten_entries(handle node) {
         return out;
     }
     if (is_dict(node)) {
-        object values = list_from(steal(PyDict_Values(node.ptr())));
-        Py_ssize_t n = PyList_GET_SIZE(values.ptr());
-        for (Py_ssize_t i = 0; i < n; ++i) {
-            object sub = flatten_entries(PyList_GET_ITEM(values.ptr(), i));
+        late::RecursionGuard guard(" while flattening vocabulary entries");
+        object values = steal(PyDict_Values(node.ptr()));
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(values.ptr()); ++i) {
+            object value = borrow(PyList_GET_ITEM(values.ptr(), i));
+            object sub = flatten_entries(value);
             check_int(PyList_SetSlice(out.ptr(), PY_SSIZE_T_MAX, PY_SSIZE_T_MAX, sub.ptr()));
         }
         return out;
@@ -100,7 +103,7 @@ void validate_function_entry(handle entry, handle source_kind) {
         required = global(ID("_REDUCTION_REQUIRED_FIELDS"));
         forbidden = steal(PyFrozenSet_New(nullptr));
     } else {
-        raise(PyExc_ValueError, "unknown function source_kind " + repr_std(source_kind));
+        late::raise_text(PyExc_ValueError, late::fstring({str_of("unknown function source_kind "), py_repr(source_kind)}));
     }
     if (!is_dict(entry)) raise_schema_error(source_kind, required, steal(PyFrozenSet_New(nullptr)), entry);
     object missing = missing_from(required, entry);
@@ -145,7 +148,7 @@ void validate_feature_entry(handle entry) {
         while (PyObject* k = PyIter_Next(it.ptr())) {
             object key = steal(k);
             if (!is_record || check_int(PyDict_Contains(stats, key.ptr())) == 0) {
-                object name = str_of("stats." + to_std(key));
+                object name = late::fstring({str_of("stats."), key});
                 check_int(PySet_Add(missing.ptr(), name.ptr()));
             }
         }
@@ -175,9 +178,8 @@ object normalize(handle vocab) {
             object node = dict_get(normalized, str_of(key), empty);
             object entries = flatten_entries(node);
             object source_kind = str_of(kind);
-            Py_ssize_t n = PyList_GET_SIZE(entries.ptr());
-            for (Py_ssize_t i = 0; i < n; ++i) {
-                handle entry = PyList_GET_ITEM(entries.ptr(), i);
+            for (Py_ssize_t i = 0; i < PyList_GET_SIZE(entries.ptr()); ++i) {
+                object entry = borrow(PyList_GET_ITEM(entries.ptr(), i));
                 validate_function_entry(entry, source_kind);
                 list_append(flat, dict_copy(entry));
             }
@@ -187,8 +189,8 @@ object normalize(handle vocab) {
     object features = dict_get(normalized, ID("features"));
     if (!is_list(features)) {
         object entries = flatten_entries(features);
-        Py_ssize_t n = PyList_GET_SIZE(entries.ptr());
-        for (Py_ssize_t i = 0; i < n; ++i) validate_feature_entry(PyList_GET_ITEM(entries.ptr(), i));
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(entries.ptr()); ++i)
+            validate_feature_entry(borrow(PyList_GET_ITEM(entries.ptr(), i)));
         dict_set(normalized, ID("features"), entries);
     }
     return normalized;

@@ -237,11 +237,10 @@ void guard_dealloc(PyObject* self) {
 PyObject* guard_enter(PyObject* self, PyObject*) {
     try {
         install_hooks();
-        PyObject* ident = current_thread_ident();
+        object ident = borrow(current_thread_ident());
         object lock = sandbox_lock();
-        with_host_lock(lock, [&] { thread_set_add(ident); });
-        Py_INCREF(ident);
-        Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident);
+        with_host_lock(lock, [&] { thread_set_add(ident.ptr()); });
+        Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident.release().ptr());
         Py_RETURN_NONE;
     } catch (py::error_already_set& e) {
         e.restore();
