@@ -130,9 +130,11 @@ object cum_weights(handle names, handle yield_map) {
         handle name = PyList_GET_ITEM(seq.ptr(), i);
         double rate;
         if (exact) {
+            // held: the value's __float__ may drop it from the map
             PyObject* v = PyDict_GetItemWithError(yield_map.ptr(), name.ptr());
             if (!v && PyErr_Occurred()) throw_py();
-            rate = safe_yield_rate(v ? handle(v) : handle(zero_f), max_abs);
+            object value = v ? borrow(v) : zero_f;
+            rate = safe_yield_rate(value, max_abs);
         } else {
             rate = safe_yield_rate(dict_get(yield_map, name, zero_f), max_abs);
         }
@@ -164,11 +166,13 @@ static Py_ssize_t bisect_left_obj(handle seq, handle x) {
     return lo;
 }
 
-// The same over a list, reading exact floats directly.
+// The same over a list, reading exact floats directly. A comparison may shrink
+// the list: a probe past its end raises IndexError, as bisect_left does.
 static Py_ssize_t bisect_left_list(PyObject* list, double x, handle x_obj_or_null) {
     Py_ssize_t lo = 0, hi = PyList_GET_SIZE(list);
     while (lo < hi) {
         Py_ssize_t mid = ((size_t)lo + hi) / 2;
+        if (mid >= PyList_GET_SIZE(list)) raise(PyExc_IndexError, "list index out of range");
         PyObject* item = PyList_GET_ITEM(list, mid);
         bool less;
         if (PyFloat_CheckExact(item)) {
@@ -299,7 +303,7 @@ object Builder::build(Depth d) const {
 object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
     Depth next = d.minus1();
     object children;
-    if (mirror && index >= 0 && (std::size_t)index < mirror->size()) {
+    if (mirror && index >= 0 && (std::size_t)index < mirror->size() && (*mirror)[index].name.ptr() == func.ptr()) {
         const FuncMirror& m = (*mirror)[index];
         Py_ssize_t n_cfg = (Py_ssize_t)m.configs.size();
         children = steal(PyList_New(m.n_data + n_cfg));
@@ -464,8 +468,9 @@ PyObject* FastTables::build(long long depth) const {
     }
     PyObject* func = fast_draw(g.func_names.ptr(), g.func_weights.ptr(), func_cum, index);
     if (!func) return nullptr;
-    if (index < 0 || (std::size_t)index >= g.mirror->size()) {
-        // drawn by a replaced random.choice: look its spec up by name
+    if (index < 0 || (std::size_t)index >= g.mirror->size() || (*g.mirror)[index].name.ptr() != func) {
+        // drawn by a replaced random.choice, or from a name list changed since
+        // set-up: look its spec up by name
         object hold = steal(func);
         try {
             return g.rotation_node(hold, -1, Depth{false, depth, 0.0}).release().ptr();
@@ -511,27 +516,30 @@ bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>&
     if (!PyList_CheckExact(func_names.ptr()) || !PyDict_CheckExact(func_specs.ptr())) return false;
     Py_ssize_t n = PyList_GET_SIZE(func_names.ptr());
     out.reserve(n);
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* spec = PyDict_GetItemWithError(func_specs.ptr(), PyList_GET_ITEM(func_names.ptr(), i));
-        if (!spec) {
-            if (PyErr_Occurred()) throw_py();
-            return false;
-        }
-        if (!PyDict_CheckExact(spec)) return false;
-        PyObject* data = PyDict_GetItemWithError(spec, ID("data_params").ptr());
-        PyObject* cfg = PyDict_GetItemWithError(spec, ID("config_children").ptr());
-        if (PyErr_Occurred()) throw_py();
-        if (!data || !cfg || !PyList_CheckExact(data) || !PyList_CheckExact(cfg)) return false;
+    // Lookups may call a key's __eq__, which may change the specs: every value
+    // read is held before the next lookup, and the list is re-measured.
+    auto lookup = [](handle d, handle key, object& out) {
+        PyObject* v = PyDict_GetItemWithError(d.ptr(), key.ptr());
+        if (!v && PyErr_Occurred()) throw_py();
+        out = v ? borrow(v) : object();
+        return (bool)out;
+    };
+    for (Py_ssize_t i = 0; i < n && i < PyList_GET_SIZE(func_names.ptr()); ++i) {
         FuncMirror m;
-        m.n_data = PyList_GET_SIZE(data);
-        for (Py_ssize_t k = 0; k < PyList_GET_SIZE(cfg); ++k) {
-            PyObject* c = PyList_GET_ITEM(cfg, k);
+        m.name = borrow(PyList_GET_ITEM(func_names.ptr(), i));
+        object spec, data, cfg;
+        if (!lookup(func_specs, m.name, spec) || !PyDict_CheckExact(spec.ptr())) return false;
+        if (!lookup(spec, ID("data_params"), data) || !lookup(spec, ID("config_children"), cfg)) return false;
+        if (!PyList_CheckExact(data.ptr()) || !PyList_CheckExact(cfg.ptr())) return false;
+        m.n_data = PyList_GET_SIZE(data.ptr());
+        for (Py_ssize_t k = 0; k < PyList_GET_SIZE(cfg.ptr()); ++k) {
+            PyObject* c = PyList_GET_ITEM(cfg.ptr(), k);
             if (!PyDict_Check(c)) return false;
             m.configs.push_back(borrow(c));
         }
         out.push_back(std::move(m));
     }
-    return true;
+    return out.size() == (std::size_t)PyList_GET_SIZE(func_names.ptr());
 }
 
 }  // namespace tw::gen

@@ -31,6 +31,7 @@ struct Depth {
 // What a drawn function contributes: its number of data inputs and the config
 // child maps copied into each node.
 struct FuncMirror {
+    object name;  // the entry of func_names it was built for
     Py_ssize_t n_data = 0;
     std::vector<object> configs;
 };
