@@ -175,6 +175,8 @@ def test_generator_type_cannot_be_made_without_a_context():
     gen = st.random_weighted(context([rotation("r", ["data"])], [feature("x")]))
     with pytest.raises(TypeError):
         type(gen)()
+    with pytest.raises(TypeError):
+        object.__new__(type(gen))
 
 
 def test_generator_follows_a_name_list_changed_by_a_host_hook(monkeypatch):

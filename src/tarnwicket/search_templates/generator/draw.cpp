@@ -29,18 +29,21 @@ object random_module() { return borrow(g_module); }
 // Attributes of the module, re-read whenever its namespace changed.
 struct Cache {
     uint64_t version = 0;
-    PyObject* random = nullptr;
+    object random;  // held: a key's __eq__ in a later lookup may drop it from the module
     bool own_randint = false;
     bool own_choice = false;
 };
-static Cache g_cache;
+static Cache& g_cache = *new Cache;  // never destroyed: no release after the interpreter is gone
 
 static const Cache& cache() {
     PyObject* dict = PyModule_GetDict(g_module);
     uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
     if (version != g_cache.version) {
-        g_cache.random = PyDict_GetItemWithError(dict, ID("random").ptr());
-        if (!g_cache.random && PyErr_Occurred()) throw_py();
+        PyObject* fn = PyDict_GetItemWithError(dict, ID("random").ptr());
+        if (!fn && PyErr_Occurred()) throw_py();
+        // the old function is released last, once the cache is whole again
+        object old = std::move(g_cache.random);
+        g_cache.random = fn ? borrow(fn) : object();
         PyObject* ri = PyDict_GetItemWithError(dict, ID("randint").ptr());
         PyObject* ch = PyDict_GetItemWithError(dict, ID("choice").ptr());
         g_cache.own_randint = ri && ri == g_orig_randint;
@@ -54,11 +57,8 @@ double random01() {
     const Cache& c = cache();
     object r;
     if (c.random) {
-        PyObject* fn = c.random;
-        Py_INCREF(fn);  // another thread may rebind random.random while it runs
-        PyObject* res = PyObject_Vectorcall(fn, nullptr, 0, nullptr);
-        Py_DECREF(fn);
-        r = steal(res);
+        object fn = c.random;  // another thread may rebind random.random while it runs
+        r = steal(PyObject_Vectorcall(fn.ptr(), nullptr, 0, nullptr));
     } else {
         object fn = get_attr(handle(g_module), ID("random"));
         r = call(fn);

@@ -39,8 +39,10 @@ struct GenState {
         for (object* o : {&ctx, &func_names, &func_specs, &feat_names, &func_weights, &feat_weights,
                           &effective_max_depth, &cached_analytics})
             Py_VISIT(o->ptr());
-        for (auto& m : mirror)
+        for (auto& m : mirror) {
+            Py_VISIT(m.name.ptr());
             for (auto& c : m.configs) Py_VISIT(c.ptr());
+        }
         return 0;
     }
     void clear() {
