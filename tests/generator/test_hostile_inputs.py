@@ -57,6 +57,19 @@ def test_cum_weights_value_dropped_by_its_own_conversion():
     assert st._random_weighted_cum_weights(["a", "b"], rates) == [1.5, 2.5]
 
 
+def test_cum_weights_walk_names_as_a_loop_does():
+    names = ["a"]
+
+    class Rate:
+        def __float__(self):
+            if len(names) == 1:
+                names.append("b")
+            return 0.5
+
+    assert st._random_weighted_cum_weights(names, {"a": Rate()}) == [1.5, 2.5]
+    assert st._random_weighted_cum_weights(names, {"a": -5, "b": -5}) == [1.0, 2.0]
+
+
 def test_node_counts_of_lengths_near_maxsize():
     huge = {"data_params": Sized(MAX), "config_children": Sized(MAX)}
     assert st._random_weighted_min_node_count(huge) == 1 + 2 * MAX

@@ -118,16 +118,17 @@ object choice(handle seq) {
 
 // ---------------------------------------------------------------- cumulative weights
 
+// Walks `names` as the host iterates it, so that a value's __float__ that
+// changes the names is seen as a `for` loop would see it.
 object cum_weights(handle names, handle yield_map) {
     double max_abs = Limits::read().max_abs_yield_rate;
-    object seq = list_from(names);
-    Py_ssize_t n = PyList_GET_SIZE(seq.ptr());
-    object out = new_list(n);
+    object out = new_list();
     double total = 0.0;
     object zero_f = float_of(0.0);
     bool exact = PyDict_CheckExact(yield_map.ptr());
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        handle name = PyList_GET_ITEM(seq.ptr(), i);
+    object it = steal(PyObject_GetIter(names.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object name = steal(p);
         double rate;
         if (exact) {
             // held: the value's __float__ may drop it from the map
@@ -139,14 +140,16 @@ object cum_weights(handle names, handle yield_map) {
             rate = safe_yield_rate(dict_get(yield_map, name, zero_f), max_abs);
         }
         total += std::max(0.0, 1.0 + rate);
-        PyList_SET_ITEM(out.ptr(), i, float_of(total).release().ptr());
+        list_append(out, float_of(total));
     }
+    if (PyErr_Occurred()) throw_py();
     if (total > 0.0 && std::isfinite(total)) return out;
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        object v = float_of((double)(i + 1));
-        check_int(PyList_SetItem(out.ptr(), i, v.release().ptr()));
-    }
-    return out;
+    // the uniform fallback is as long as the names are now
+    Py_ssize_t n = PyObject_Size(names.ptr());
+    if (n < 0) throw_py();
+    object uniform = new_list(n);
+    for (Py_ssize_t i = 0; i < n; ++i) PyList_SET_ITEM(uniform.ptr(), i, float_of((double)(i + 1)).release().ptr());
+    return uniform;
 }
 
 // ---------------------------------------------------------------- weighted choice
