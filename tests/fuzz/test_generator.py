@@ -4,7 +4,6 @@ the generator object and the analysis report, fed with hostile objects.
 Every call must return or raise an ordinary exception; never SystemError,
 never a crash. Where the inputs are plain, the answer is checked as well.
 """
-import bisect
 import math
 import random
 import sys
@@ -14,6 +13,7 @@ import pytest
 from hypothesis import given, strategies as hs
 
 import tarnwicket.search_templates as st
+from generator.gen_helpers import ref_choice
 
 SURROGATE = "\ud800"
 BIG_INTS = [sys.maxsize, sys.maxsize - 1, -sys.maxsize - 1, 2**63, 2**64 + 1, -(2**63) - 1, 10**400]
@@ -82,33 +82,24 @@ def _make(base):
         _hit(self, "hash")
         return hash(self._value) if self._value is not self else id(self)
 
-    def __float__(self):
-        _hit(self, "float")
-        return float(self._value)
+    def hooked(trigger, result):
+        def f(self):
+            _hit(self, trigger)
+            return result(self)
+        return f
 
-    def __index__(self):
-        _hit(self, "index")
-        return int(self._value)
-
-    def __int__(self):
-        _hit(self, "index")
-        return int(self._value)
-
-    def __len__(self):
-        _hit(self, "len")
-        return self._length
-
-    def __iter__(self):
-        _hit(self, "iter")
-        return iter(self._items)
-
-    def __bool__(self):
-        _hit(self, "bool")
-        return bool(self._length)
-
-    def __repr__(self):
-        _hit(self, "repr")
-        return "hostile" + SURROGATE
+    for dunder, trigger, result in (
+            ("__float__", "float", lambda self: float(self._value)),
+            ("__index__", "index", lambda self: int(self._value)),
+            ("__int__", "index", lambda self: int(self._value)),
+            ("__len__", "len", lambda self: self._length),
+            ("__iter__", "iter", lambda self: iter(self._items)),
+            ("__bool__", "bool", lambda self: bool(self._length)),
+            ("__repr__", "repr", lambda self: "hostile" + SURROGATE)):
+        ns[dunder] = hooked(trigger, result)
+    if base not in (object, list, dict):
+        for dunder in ("__len__", "__iter__", "__bool__"):
+            del ns[dunder]
 
     def __getitem__(self, key):
         _hit(self, "getitem")
@@ -148,11 +139,10 @@ def _make(base):
         except Exception:
             pass
 
-    ns.update(__hash__=__hash__, __float__=__float__, __index__=__index__, __int__=__int__,
-              __repr__=__repr__, __del__=__del__, __mul__=__mul__, __rmul__=__rmul__, __sub__=__sub__,
+    ns.update(__hash__=__hash__, __del__=__del__, __mul__=__mul__, __rmul__=__rmul__, __sub__=__sub__,
               __add__=__add__, __radd__=__radd__)
     if base in (object, list, dict):
-        ns.update(__len__=__len__, __iter__=__iter__, __bool__=__bool__, __getitem__=__getitem__)
+        ns["__getitem__"] = __getitem__
     if base in (object, dict):
         ns["get"] = get
     bases = () if base is object else (base,)
@@ -389,14 +379,6 @@ def test_module_function_survives_hostile_arguments(group, data):
 
 
 # ---------------------------------------------------------------- answers on plain inputs
-
-def ref_choice(items, cum):
-    total = cum[-1]
-    if total <= 0.0 or not math.isfinite(total):
-        return random.choice(items)
-    i = bisect.bisect_left(cum, random.random() * total)
-    return items[i] if i < len(items) else items[-1]
-
 
 @given(weights=hs.lists(hs.floats(0, 1e6), min_size=1, max_size=40), seed=hs.integers(0, 2**32))
 def test_weighted_choice_matches_the_plain_algorithm(weights, seed):
