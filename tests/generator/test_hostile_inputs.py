@@ -1,5 +1,6 @@
 """Inputs that change under the generator's feet, lie about their size or print
 oddly: each case here once crashed, overflowed or raised the wrong error."""
+import fractions
 import sys
 import types
 
@@ -194,3 +195,10 @@ def test_generator_follows_a_name_list_changed_by_a_host_hook(monkeypatch):
     for _ in range(30):
         graph = next(gen)
         assert len(graph["children"]) == {"one": 1, "two": 2}[graph["node"]]
+
+
+def test_a_depth_of_any_number_type_counts_down_with_its_own_operators():
+    specs = {"r": {"name": "r", "data_params": [{}], "config_children": []}}
+    graph = st._build_random_signal_expression(["r"], specs, [1.0], ["x"], [1.0], fractions.Fraction(5, 2))
+    assert graph == {"type": "rotation", "node": "r", "children": [
+        {"type": "rotation", "node": "r", "children": [{"type": "feature", "node": "x"}]}]}

@@ -266,17 +266,45 @@ inline object copy_child(handle c) {
 
 Depth Depth::of(handle o) {
     Depth d;
-    if (PyFloat_Check(o.ptr())) {
+    if (PyFloat_CheckExact(o.ptr())) {
         d.is_float = true;
         d.f = PyFloat_AS_DOUBLE(o.ptr());
+        return d;
+    }
+    if (PyLong_CheckExact(o.ptr())) {
+        int overflow = 0;
+        d.i = PyLong_AsLongLongAndOverflow(o.ptr(), &overflow);
+        if (!overflow) return d;  // an int past int64 recurses until RecursionError, as generic
+    }
+    d.other = borrow(o.ptr());
+    return d;
+}
+
+bool Depth::le1() const {
+    if (other) {
+        object one = int_of(1);
+        return cmp(other, one, Py_LE);
+    }
+    return is_float ? f <= 1.0 : i <= 1;
+}
+
+Depth Depth::minus1() const {
+    Depth d = *this;
+    if (other) {
+        object one = int_of(1);
+        d.other = steal(PyNumber_Subtract(other.ptr(), one.ptr()));
+    } else if (is_float) {
+        d.f -= 1.0;
     } else {
-        object i = steal(PyNumber_Index(o.ptr()));
-        d.i = clamp_ll(i);
+        d.i -= 1;  // only called above 1
     }
     return d;
 }
 
-object Depth::obj() const { return is_float ? float_of(f) : int_of(i); }
+object Depth::obj() const {
+    if (other) return other;
+    return is_float ? float_of(f) : int_of(i);
+}
 
 object Builder::draw(handle items, handle cum, Py_ssize_t& index) const {
     if (hooks::is_own(hooks::weighted_choice)) return weighted_choice_at(items, cum, index);
@@ -304,13 +332,13 @@ object Builder::build(Depth d) const {
 }
 
 object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
-    Depth next = d.minus1();
+    // target_depth - 1 is taken for each data child, as the host would
     object children;
     if (mirror && index >= 0 && (std::size_t)index < mirror->size() && (*mirror)[index].name.ptr() == func.ptr()) {
         const FuncMirror& m = (*mirror)[index];
         Py_ssize_t n_cfg = (Py_ssize_t)m.configs.size();
         children = steal(PyList_New(m.n_data + n_cfg));
-        for (Py_ssize_t k = 0; k < m.n_data; ++k) PyList_SET_ITEM(children.ptr(), k, child(next).release().ptr());
+        for (Py_ssize_t k = 0; k < m.n_data; ++k) PyList_SET_ITEM(children.ptr(), k, child(d.minus1()).release().ptr());
         for (Py_ssize_t k = 0; k < n_cfg; ++k) {
             PyObject* c = PyDict_Copy(m.configs[k].ptr());
             if (!c) throw_py();
@@ -323,7 +351,7 @@ object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
         object it = steal(PyObject_GetIter(data_params.ptr()));
         while (PyObject* p = PyIter_Next(it.ptr())) {
             Py_DECREF(p);
-            list_append(children, child(next));
+            list_append(children, child(d.minus1()));
         }
         if (PyErr_Occurred()) throw_py();
         object configs = getitem(spec, ID("config_children"));
@@ -456,7 +484,7 @@ PyObject* FastTables::build(long long depth) const {
     bool own = false;
     try {
         own = hooks::is_own(hooks::weighted_choice) && hooks::is_own(hooks::build_expression);
-        if (!own || !g.mirror || depth > 256) return g.build(Depth{false, depth, 0.0}).release().ptr();
+        if (!own || !g.mirror || depth > 256) return g.build(Depth::of_ll(depth)).release().ptr();
     } catch (py::error_already_set& e) {
         e.restore();
         return nullptr;
@@ -476,7 +504,7 @@ PyObject* FastTables::build(long long depth) const {
         // set-up: look its spec up by name
         object hold = steal(func);
         try {
-            return g.rotation_node(hold, -1, Depth{false, depth, 0.0}).release().ptr();
+            return g.rotation_node(hold, -1, Depth::of_ll(depth)).release().ptr();
         } catch (py::error_already_set& e) {
             e.restore();
             return nullptr;

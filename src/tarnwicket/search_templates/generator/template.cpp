@@ -154,7 +154,7 @@ object GenState::pass() {
         if (depth) return b.build(Depth::of(depth));
         if (cum_version != hooks::namespace_version()) mirror_cum();
         bool lists = PyList_CheckExact(func_names.ptr()) && PyList_CheckExact(feat_names.ptr());
-        if (!lists) return b.build(Depth{false, depth_ll, 0.0});
+        if (!lists) return b.build(Depth::of_ll(depth_ll));
         FastTables fast{&b, func_cum_ok ? &func_cum : nullptr, feat_cum_ok ? &feat_cum : nullptr};
         PyObject* graph = fast.build(depth_ll);
         if (!graph) throw_py();
