@@ -1,4 +1,7 @@
 """Small builders of vocabularies, contexts and snapshots for the generator tests."""
+import bisect
+import math
+import random
 import types
 
 
@@ -22,3 +25,12 @@ def context(functions, features, max_depth=4, analytics=None, **era):
 
 def snapshot(*rows):
     return types.SimpleNamespace(rows=list(rows))
+
+
+def ref_choice(items, cum):
+    """The weighted draw, written plainly."""
+    total = cum[-1]
+    if total <= 0.0 or not math.isfinite(total):
+        return random.choice(items)
+    i = bisect.bisect_left(cum, random.random() * total)
+    return items[i] if i < len(items) else items[-1]

@@ -1,4 +1,3 @@
-import bisect
 import collections
 import math
 import random
@@ -7,20 +6,12 @@ import types
 import pytest
 
 import tarnwicket.search_templates as st
-from generator.gen_helpers import context, feature, rotation, snapshot
+from generator.gen_helpers import context, feature, ref_choice, rotation, snapshot
 
 INT5 = {"name": "w", "type": "int", "default": 5}
 
 
 # ---------------------------------------------------------------- a plain reference of the same algorithm
-
-def ref_choice(items, cum):
-    total = cum[-1]
-    if total <= 0.0 or not math.isfinite(total):
-        return random.choice(items)
-    i = bisect.bisect_left(cum, random.random() * total)
-    return items[i] if i < len(items) else items[-1]
-
 
 def ref_cum(names, yield_map):
     out, total = [], 0.0

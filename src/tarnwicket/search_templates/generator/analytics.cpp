@@ -3,6 +3,7 @@
 #include "generator/gen.hpp"
 
 #include <algorithm>
+#include <climits>
 
 namespace tw::gen {
 
@@ -16,8 +17,9 @@ object feature_specs(handle features) {
         return specs;
     }
     object empty = str_of("");
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(features.ptr()); ++i) {
-        object entry = borrow(PyList_GET_ITEM(features.ptr(), i));
+    object it = steal(PyObject_GetIter(features.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object entry = steal(p);
         if (!is_dict(entry)) {
             log_info("random_weighted excluded feature entry: expected dict metadata");
             continue;
@@ -33,6 +35,7 @@ object feature_specs(handle features) {
         dict_set(spec, ID("feature_subfamily"), get(entry, ID("feature_subfamily"), empty));
         list_append(specs, spec);
     }
+    if (PyErr_Occurred()) throw_py();
     return specs;
 }
 
@@ -103,7 +106,10 @@ static bool object_row(handle row, Entry& e, const Limits& lim) {
     object group_key = get_attr_or_none(row, ID("group_key"));
     object windows = get_attr_or_none(row, ID("windows"));
     if (!truthy(group_key) || !truthy(windows)) return false;
-    if (!(is_list(group_key) || is_tuple(group_key)) || PySequence_Size(group_key.ptr()) != 2) return false;
+    if (!(is_list(group_key) || is_tuple(group_key))) return false;
+    Py_ssize_t key_len = PyObject_Size(group_key.ptr());
+    if (key_len < 0) throw_py();
+    if (key_len != 2) return false;
     object window;
     try {
         object zero_idx = int_of(0);
@@ -191,7 +197,7 @@ bool skip_analytics_name(handle name, handle allowed_names, handle seen_names, c
     Py_ssize_t n = PyObject_Size(seen_names.ptr());
     if (n < 0) throw_py();
     if (n >= lim.max_unique_names) return true;
-    if (PyAnySet_Check(seen_names.ptr()))
+    if (PySet_CheckExact(seen_names.ptr()))
         check_int(PySet_Add(seen_names.ptr(), name.ptr()));
     else
         call_method(seen_names, ID("add"), {name});
@@ -248,6 +254,18 @@ void finalize_stats(handle stats, const Limits& lim) {
     }
 }
 
+// A Python int of a 128-bit sum.
+static object int_of_i128(__int128 v) {
+    if (v >= LLONG_MIN && v <= LLONG_MAX) return int_of((long long)v);
+    bool negative = v < 0;
+    unsigned __int128 m = negative ? -(unsigned __int128)v : (unsigned __int128)v;
+    object hi = steal(PyLong_FromUnsignedLongLong((unsigned long long)(m >> 64)));
+    object lo = steal(PyLong_FromUnsignedLongLong((unsigned long long)m));
+    object shift = int_of(64);
+    object r = steal(PyNumber_Or(steal(PyNumber_Lshift(hi.ptr(), shift.ptr())).ptr(), lo.ptr()));
+    return negative ? steal(PyNumber_Negative(r.ptr())) : r;
+}
+
 // Per-kind accumulator: the index dict doubles as the set of names seen.
 struct KindStats {
     object allowed;
@@ -255,7 +273,7 @@ struct KindStats {
     std::vector<object> names;
     struct Acc {
         double yield_total = 0.0, weight_total = 0.0;
-        long long count = 0;
+        __int128 count = 0;  // a sum of int64 counts: no row count can carry it past 2**127
     };
     std::vector<Acc> acc;
 
@@ -286,7 +304,7 @@ struct KindStats {
             object item = new_dict();
             dict_set(item, ID("yield_total"), float_of(a.yield_total));
             dict_set(item, ID("weight_total"), float_of(a.weight_total));
-            dict_set(item, ID("evaluation_count"), int_of(a.count));
+            dict_set(item, ID("evaluation_count"), int_of_i128(a.count));
             dict_set(item, ID("yield_rate"), float_of(rate));
             dict_set(item, ID("failure_rate"), float_of(failure));
             dict_set(d, names[i], item);

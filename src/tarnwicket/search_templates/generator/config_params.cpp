@@ -5,8 +5,6 @@
 namespace tw::gen {
 
 static object fmt(handle o) { return steal(PyObject_Format(o.ptr(), nullptr)); }
-static std::string s_of(handle o) { return utf8(fmt(o)); }
-static std::string r_of(handle o) { return repr_std(o); }
 static object tuple5(bool a, handle b, bool c, handle d, bool e) {
     return tuple_of({bool_of(a), b, bool_of(c), d, bool_of(e)});
 }
@@ -33,9 +31,9 @@ object numeric_bounds(handle param) {
 }
 
 object numeric_range_label(handle has_min, handle min_value, handle has_max, handle max_value) {
-    std::string lower = truthy(has_min) ? s_of(min_value) : "-inf";
-    std::string upper = truthy(has_max) ? s_of(max_value) : "inf";
-    return str_of("[" + lower + ", " + upper + "]");
+    object lower = truthy(has_min) ? fmt(min_value) : str_of("-inf");
+    object upper = truthy(has_max) ? fmt(max_value) : str_of("inf");
+    return msg("[%U, %U]", lower.ptr(), upper.ptr());
 }
 
 object numeric_bounds_reason(handle param, handle value) {
@@ -47,7 +45,7 @@ object numeric_bounds_reason(handle param, handle value) {
     if (!truthy(item(4))) return str_of("has invalid numeric range metadata");
     auto outside = [&]() {
         object label = numeric_range_label(item(0), item(1), item(2), item(3));
-        return str_of("default " + r_of(value) + " outside declared range " + utf8(label));
+        return msg("default %R outside declared range %U", value.ptr(), label.ptr());
     };
     if (truthy(item(0)) && nv < PyFloat_AS_DOUBLE(item(1).ptr())) return outside();
     if (truthy(item(2)) && nv > PyFloat_AS_DOUBLE(item(3).ptr())) return outside();
@@ -55,16 +53,15 @@ object numeric_bounds_reason(handle param, handle value) {
 }
 
 object config_value_reason(handle param_name, handle value, bool integer) {
-    std::string pn = r_of(param_name);
     double nv;
-    if (!try_double(value, nv)) return str_of("config param " + pn + " has non-numeric emitted value");
-    if (!std::isfinite(nv)) return str_of("config param " + pn + " has non-finite emitted value");
+    if (!try_double(value, nv)) return msg("config param %R has non-numeric emitted value", param_name.ptr());
+    if (!std::isfinite(nv)) return msg("config param %R has non-finite emitted value", param_name.ptr());
     object limit = integer ? float_of(as_double(global(ID("_RANDOM_WEIGHTED_MAX_ABS_CONFIG_INT"))))
                            : global(ID("_RANDOM_WEIGHTED_MAX_ABS_CONFIG_FLOAT"));
     object magnitude = float_of(std::fabs(nv));
     if (cmp(magnitude, limit, Py_GT))
-        return str_of("config param " + pn + " emitted value " + r_of(value) + " exceeds hard config bound +/-" +
-                      r_of(limit));
+        return msg("config param %R emitted value %R exceeds hard config bound +/-%R", param_name.ptr(), value.ptr(),
+                   limit.ptr());
     return none();
 }
 
@@ -93,8 +90,8 @@ object window_bounded_param(handle param, handle window_limit) {
 object window_budget_reason(handle param_name, handle value, handle window_limit) {
     if (is_none(window_limit)) return none();
     if (cmp(value, window_limit, Py_GT))
-        return str_of("config param " + r_of(param_name) + " window " + r_of(value) +
-                      " exceeds per-node lookback budget " + r_of(window_limit));
+        return msg("config param %R window %R exceeds per-node lookback budget %R", param_name.ptr(), value.ptr(),
+                   window_limit.ptr());
     return none();
 }
 
@@ -135,7 +132,7 @@ object numeric_default(handle param, bool integer) {
 object first_choice(handle param) {
     for (handle key : {ID("choices"), ID("options"), ID("enum")}) {
         object v = get(param, key);
-        if ((is_list(v) || is_tuple(v)) && PySequence_Size(v.ptr()) > 0) return steal(PySequence_GetItem(v.ptr(), 0));
+        if ((is_list(v) || is_tuple(v)) && truthy(v)) return getitem(v, int_of(0));
     }
     return none();
 }
@@ -151,8 +148,13 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
     bool has_default = has_value(param, ID("default"));
     object empty = str_of("");
     object param_name = dict_get(param, ID("name"), empty);
-    std::string pn = r_of(param_name);
-    auto fail = [](const std::string& r) { return std::pair<object, object>{none(), str_of(r)}; };
+    handle pn = param_name;
+    auto fail = [](object reason) { return std::pair<object, object>{none(), reason}; };
+    // "config param {param_name!r} {reason}"
+    auto prefixed = [&](handle reason) { return fail(msg("config param %R %U", pn.ptr(), reason.ptr())); };
+    auto no_safe = [&](const char* type) {
+        return fail(msg("config param %R has no safe %s default/range", pn.ptr(), type));
+    };
     auto child = [](handle type, handle node) {
         object d = new_dict();
         dict_set(d, ID("type"), type);
@@ -161,20 +163,19 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
     };
 
     if (eq_str(param_type, "int")) {
-        const std::string no_safe = "config param " + pn + " has no safe int default/range";
         object bounded = is_none(window_limit) ? borrow(param.ptr()) : window_bounded_param(param, window_limit);
         object value;
         if (has_default) {
             value = get(param, ID("default"));
-            if (!positive_int(value)) return fail(no_safe);
+            if (!positive_int(value)) return no_safe("int");
             object br = numeric_bounds_reason(param, value);
-            if (!is_none(br)) return fail("config param " + pn + " " + utf8(br));
+            if (!is_none(br)) return prefixed(br);
             object wr = window_budget_reason(param_name, value, window_limit);
             if (!is_none(wr)) return {none(), wr};
         } else {
             value = numeric_default(bounded, true);
         }
-        if (!positive_int(value)) return fail(no_safe);
+        if (!positive_int(value)) return no_safe("int");
         object vr = config_value_reason(param_name, value, true);
         if (!is_none(vr)) return {none(), vr};
         object wr = window_budget_reason(param_name, value, window_limit);
@@ -182,18 +183,17 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
         return child(ID("int"), value);
     }
     if (eq_str(param_type, "float")) {
-        const std::string no_safe = "config param " + pn + " has no safe float default/range";
         auto numeric = [](handle v) { return !is_bool(v) && (is_int(v) || is_float(v)); };
         object value;
         if (has_default) {
             value = get(param, ID("default"));
-            if (!numeric(value)) return fail(no_safe);
+            if (!numeric(value)) return no_safe("float");
             object br = numeric_bounds_reason(param, value);
-            if (!is_none(br)) return fail("config param " + pn + " " + utf8(br));
+            if (!is_none(br)) return prefixed(br);
         } else {
             value = numeric_default(param, false);
         }
-        if (!numeric(value)) return fail(no_safe);
+        if (!numeric(value)) return no_safe("float");
         object vr = config_value_reason(param_name, value, false);
         if (!is_none(vr)) return {none(), vr};
         return child(ID("float"), float_of(as_double(value)));
@@ -204,10 +204,10 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
     }
     if (eq_str(param_type, "string")) {
         object value = has_default ? get(param, ID("default")) : first_choice(param);
-        if (!is_nonempty_str(value)) return fail("config param " + pn + " has no safe string default/range");
+        if (!is_nonempty_str(value)) return no_safe("string");
         return child(ID("string"), value);
     }
-    return fail("unsupported config param type " + r_of(param_type));
+    return fail(msg("unsupported config param type %R", param_type.ptr()));
 }
 
 }  // namespace tw::gen

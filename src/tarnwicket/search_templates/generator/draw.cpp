@@ -29,18 +29,21 @@ object random_module() { return borrow(g_module); }
 // Attributes of the module, re-read whenever its namespace changed.
 struct Cache {
     uint64_t version = 0;
-    PyObject* random = nullptr;
+    object random;  // held: a key's __eq__ in a later lookup may drop it from the module
     bool own_randint = false;
     bool own_choice = false;
 };
-static Cache g_cache;
+static Cache& g_cache = *new Cache;  // never destroyed: no release after the interpreter is gone
 
 static const Cache& cache() {
     PyObject* dict = PyModule_GetDict(g_module);
     uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
     if (version != g_cache.version) {
-        g_cache.random = PyDict_GetItemWithError(dict, ID("random").ptr());
-        if (!g_cache.random && PyErr_Occurred()) throw_py();
+        PyObject* fn = PyDict_GetItemWithError(dict, ID("random").ptr());
+        if (!fn && PyErr_Occurred()) throw_py();
+        // the old function is released last, once the cache is whole again
+        object old = std::move(g_cache.random);
+        g_cache.random = fn ? borrow(fn) : object();
         PyObject* ri = PyDict_GetItemWithError(dict, ID("randint").ptr());
         PyObject* ch = PyDict_GetItemWithError(dict, ID("choice").ptr());
         g_cache.own_randint = ri && ri == g_orig_randint;
@@ -54,11 +57,8 @@ double random01() {
     const Cache& c = cache();
     object r;
     if (c.random) {
-        PyObject* fn = c.random;
-        Py_INCREF(fn);  // another thread may rebind random.random while it runs
-        PyObject* res = PyObject_Vectorcall(fn, nullptr, 0, nullptr);
-        Py_DECREF(fn);
-        r = steal(res);
+        object fn = c.random;  // another thread may rebind random.random while it runs
+        r = steal(PyObject_Vectorcall(fn.ptr(), nullptr, 0, nullptr));
     } else {
         object fn = get_attr(handle(g_module), ID("random"));
         r = call(fn);
@@ -118,33 +118,38 @@ object choice(handle seq) {
 
 // ---------------------------------------------------------------- cumulative weights
 
+// Walks `names` as the host iterates it, so that a value's __float__ that
+// changes the names is seen as a `for` loop would see it.
 object cum_weights(handle names, handle yield_map) {
     double max_abs = Limits::read().max_abs_yield_rate;
-    object seq = list_from(names);
-    Py_ssize_t n = PyList_GET_SIZE(seq.ptr());
-    object out = new_list(n);
+    object out = new_list();
     double total = 0.0;
     object zero_f = float_of(0.0);
     bool exact = PyDict_CheckExact(yield_map.ptr());
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        handle name = PyList_GET_ITEM(seq.ptr(), i);
+    object it = steal(PyObject_GetIter(names.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object name = steal(p);
         double rate;
         if (exact) {
+            // held: the value's __float__ may drop it from the map
             PyObject* v = PyDict_GetItemWithError(yield_map.ptr(), name.ptr());
             if (!v && PyErr_Occurred()) throw_py();
-            rate = safe_yield_rate(v ? handle(v) : handle(zero_f), max_abs);
+            object value = v ? borrow(v) : zero_f;
+            rate = safe_yield_rate(value, max_abs);
         } else {
             rate = safe_yield_rate(dict_get(yield_map, name, zero_f), max_abs);
         }
         total += std::max(0.0, 1.0 + rate);
-        PyList_SET_ITEM(out.ptr(), i, float_of(total).release().ptr());
+        list_append(out, float_of(total));
     }
+    if (PyErr_Occurred()) throw_py();
     if (total > 0.0 && std::isfinite(total)) return out;
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        object v = float_of((double)(i + 1));
-        check_int(PyList_SetItem(out.ptr(), i, v.release().ptr()));
-    }
-    return out;
+    // the uniform fallback is as long as the names are now
+    Py_ssize_t n = PyObject_Size(names.ptr());
+    if (n < 0) throw_py();
+    object uniform = new_list(n);
+    for (Py_ssize_t i = 0; i < n; ++i) PyList_SET_ITEM(uniform.ptr(), i, float_of((double)(i + 1)).release().ptr());
+    return uniform;
 }
 
 // ---------------------------------------------------------------- weighted choice
@@ -164,11 +169,13 @@ static Py_ssize_t bisect_left_obj(handle seq, handle x) {
     return lo;
 }
 
-// The same over a list, reading exact floats directly.
+// The same over a list, reading exact floats directly. A comparison may shrink
+// the list: a probe past its end raises IndexError, as bisect_left does.
 static Py_ssize_t bisect_left_list(PyObject* list, double x, handle x_obj_or_null) {
     Py_ssize_t lo = 0, hi = PyList_GET_SIZE(list);
     while (lo < hi) {
         Py_ssize_t mid = ((size_t)lo + hi) / 2;
+        if (mid >= PyList_GET_SIZE(list)) raise(PyExc_IndexError, "list index out of range");
         PyObject* item = PyList_GET_ITEM(list, mid);
         bool less;
         if (PyFloat_CheckExact(item)) {
@@ -259,17 +266,45 @@ inline object copy_child(handle c) {
 
 Depth Depth::of(handle o) {
     Depth d;
-    if (PyFloat_Check(o.ptr())) {
+    if (PyFloat_CheckExact(o.ptr())) {
         d.is_float = true;
         d.f = PyFloat_AS_DOUBLE(o.ptr());
+        return d;
+    }
+    if (PyLong_CheckExact(o.ptr())) {
+        int overflow = 0;
+        d.i = PyLong_AsLongLongAndOverflow(o.ptr(), &overflow);
+        if (!overflow) return d;  // an int past int64 recurses until RecursionError, as generic
+    }
+    d.other = borrow(o.ptr());
+    return d;
+}
+
+bool Depth::le1() const {
+    if (other) {
+        object one = int_of(1);
+        return cmp(other, one, Py_LE);
+    }
+    return is_float ? f <= 1.0 : i <= 1;
+}
+
+Depth Depth::minus1() const {
+    Depth d = *this;
+    if (other) {
+        object one = int_of(1);
+        d.other = steal(PyNumber_Subtract(other.ptr(), one.ptr()));
+    } else if (is_float) {
+        d.f -= 1.0;
     } else {
-        object i = steal(PyNumber_Index(o.ptr()));
-        d.i = clamp_ll(i);
+        d.i -= 1;  // only called above 1
     }
     return d;
 }
 
-object Depth::obj() const { return is_float ? float_of(f) : int_of(i); }
+object Depth::obj() const {
+    if (other) return other;
+    return is_float ? float_of(f) : int_of(i);
+}
 
 object Builder::draw(handle items, handle cum, Py_ssize_t& index) const {
     if (hooks::is_own(hooks::weighted_choice)) return weighted_choice_at(items, cum, index);
@@ -297,13 +332,13 @@ object Builder::build(Depth d) const {
 }
 
 object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
-    Depth next = d.minus1();
+    // target_depth - 1 is taken for each data child, as the host would
     object children;
-    if (mirror && index >= 0 && (std::size_t)index < mirror->size()) {
+    if (mirror && index >= 0 && (std::size_t)index < mirror->size() && (*mirror)[index].name.ptr() == func.ptr()) {
         const FuncMirror& m = (*mirror)[index];
         Py_ssize_t n_cfg = (Py_ssize_t)m.configs.size();
         children = steal(PyList_New(m.n_data + n_cfg));
-        for (Py_ssize_t k = 0; k < m.n_data; ++k) PyList_SET_ITEM(children.ptr(), k, child(next).release().ptr());
+        for (Py_ssize_t k = 0; k < m.n_data; ++k) PyList_SET_ITEM(children.ptr(), k, child(d.minus1()).release().ptr());
         for (Py_ssize_t k = 0; k < n_cfg; ++k) {
             PyObject* c = PyDict_Copy(m.configs[k].ptr());
             if (!c) throw_py();
@@ -316,7 +351,7 @@ object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
         object it = steal(PyObject_GetIter(data_params.ptr()));
         while (PyObject* p = PyIter_Next(it.ptr())) {
             Py_DECREF(p);
-            list_append(children, child(next));
+            list_append(children, child(d.minus1()));
         }
         if (PyErr_Occurred()) throw_py();
         object configs = getitem(spec, ID("config_children"));
@@ -449,7 +484,7 @@ PyObject* FastTables::build(long long depth) const {
     bool own = false;
     try {
         own = hooks::is_own(hooks::weighted_choice) && hooks::is_own(hooks::build_expression);
-        if (!own || !g.mirror || depth > 256) return g.build(Depth{false, depth, 0.0}).release().ptr();
+        if (!own || !g.mirror || depth > 256) return g.build(Depth::of_ll(depth)).release().ptr();
     } catch (py::error_already_set& e) {
         e.restore();
         return nullptr;
@@ -464,11 +499,12 @@ PyObject* FastTables::build(long long depth) const {
     }
     PyObject* func = fast_draw(g.func_names.ptr(), g.func_weights.ptr(), func_cum, index);
     if (!func) return nullptr;
-    if (index < 0 || (std::size_t)index >= g.mirror->size()) {
-        // drawn by a replaced random.choice: look its spec up by name
+    if (index < 0 || (std::size_t)index >= g.mirror->size() || (*g.mirror)[index].name.ptr() != func) {
+        // drawn by a replaced random.choice, or from a name list changed since
+        // set-up: look its spec up by name
         object hold = steal(func);
         try {
-            return g.rotation_node(hold, -1, Depth{false, depth, 0.0}).release().ptr();
+            return g.rotation_node(hold, -1, Depth::of_ll(depth)).release().ptr();
         } catch (py::error_already_set& e) {
             e.restore();
             return nullptr;
@@ -511,27 +547,30 @@ bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>&
     if (!PyList_CheckExact(func_names.ptr()) || !PyDict_CheckExact(func_specs.ptr())) return false;
     Py_ssize_t n = PyList_GET_SIZE(func_names.ptr());
     out.reserve(n);
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* spec = PyDict_GetItemWithError(func_specs.ptr(), PyList_GET_ITEM(func_names.ptr(), i));
-        if (!spec) {
-            if (PyErr_Occurred()) throw_py();
-            return false;
-        }
-        if (!PyDict_CheckExact(spec)) return false;
-        PyObject* data = PyDict_GetItemWithError(spec, ID("data_params").ptr());
-        PyObject* cfg = PyDict_GetItemWithError(spec, ID("config_children").ptr());
-        if (PyErr_Occurred()) throw_py();
-        if (!data || !cfg || !PyList_CheckExact(data) || !PyList_CheckExact(cfg)) return false;
+    // Lookups may call a key's __eq__, which may change the specs: every value
+    // read is held before the next lookup, and the list is re-measured.
+    auto lookup = [](handle d, handle key, object& out) {
+        PyObject* v = PyDict_GetItemWithError(d.ptr(), key.ptr());
+        if (!v && PyErr_Occurred()) throw_py();
+        out = v ? borrow(v) : object();
+        return (bool)out;
+    };
+    for (Py_ssize_t i = 0; i < n && i < PyList_GET_SIZE(func_names.ptr()); ++i) {
         FuncMirror m;
-        m.n_data = PyList_GET_SIZE(data);
-        for (Py_ssize_t k = 0; k < PyList_GET_SIZE(cfg); ++k) {
-            PyObject* c = PyList_GET_ITEM(cfg, k);
+        m.name = borrow(PyList_GET_ITEM(func_names.ptr(), i));
+        object spec, data, cfg;
+        if (!lookup(func_specs, m.name, spec) || !PyDict_CheckExact(spec.ptr())) return false;
+        if (!lookup(spec, ID("data_params"), data) || !lookup(spec, ID("config_children"), cfg)) return false;
+        if (!PyList_CheckExact(data.ptr()) || !PyList_CheckExact(cfg.ptr())) return false;
+        m.n_data = PyList_GET_SIZE(data.ptr());
+        for (Py_ssize_t k = 0; k < PyList_GET_SIZE(cfg.ptr()); ++k) {
+            PyObject* c = PyList_GET_ITEM(cfg.ptr(), k);
             if (!PyDict_Check(c)) return false;
             m.configs.push_back(borrow(c));
         }
         out.push_back(std::move(m));
     }
-    return true;
+    return out.size() == (std::size_t)PyList_GET_SIZE(func_names.ptr());
 }
 
 }  // namespace tw::gen

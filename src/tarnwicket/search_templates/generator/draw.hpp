@@ -12,25 +12,28 @@ object choice_at(handle seq, Py_ssize_t& index);
 
 object weighted_choice_at(handle items, handle cum, Py_ssize_t& index);
 
-// A target depth: an int, or a float as a host might pass one.
+// A target depth: an int, a float, or any other object a host passes, which
+// is then compared and decremented with the host's own operators.
 struct Depth {
     bool is_float = false;
     long long i = 0;
     double f = 0.0;
+    object other;  // set for a depth that is neither an exact int nor an exact float
     static Depth of(handle o);
-    bool le1() const { return is_float ? f <= 1.0 : i <= 1; }
-    Depth minus1() const {
-        Depth d = *this;
-        if (is_float) d.f -= 1.0;
-        else d.i -= 1;
+    static Depth of_ll(long long v) {
+        Depth d;
+        d.i = v;
         return d;
     }
+    bool le1() const;
+    Depth minus1() const;
     object obj() const;
 };
 
 // What a drawn function contributes: its number of data inputs and the config
 // child maps copied into each node.
 struct FuncMirror {
+    object name;  // the entry of func_names it was built for
     Py_ssize_t n_data = 0;
     std::vector<object> configs;
 };

@@ -42,6 +42,13 @@ inline bool eq_str(handle a, const char* s) {
 }
 inline object get(handle m, handle key, handle dflt = Py_None) { return dict_get(m, key, dflt); }
 inline bool has_value(handle m, handle key) { return !is_none(get(m, key)); }
+// A message composed by the host's own formatting (%R, %S, %U take objects), so
+// that whatever a repr or str yields, lone surrogates included, passes unchanged
+// and a repr is only taken for the message that shows it.
+template <class... A>
+object msg(const char* fmt, A... args) {
+    return steal(PyUnicode_FromFormat(fmt, args...));
+}
 // The `name` of each spec, in order.
 object spec_names(handle specs);
 

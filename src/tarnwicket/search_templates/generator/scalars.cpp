@@ -145,7 +145,15 @@ static Py_ssize_t len_of_key(handle spec, handle key) {
 }
 
 object min_node_count(handle spec) {
-    return int_of(1 + (long long)len_of_key(spec, ID("data_params")) + (long long)len_of_key(spec, ID("config_children")));
+    Py_ssize_t data = len_of_key(spec, ID("data_params"));
+    Py_ssize_t config = len_of_key(spec, ID("config_children"));
+    long long n;
+    if (!__builtin_add_overflow((long long)data, (long long)config, &n) && !__builtin_add_overflow(n, 1LL, &n))
+        return int_of(n);
+    // lengths near sys.maxsize: the exact sum, as the host's ints give it
+    object one = int_of(1), od = int_of(data), oc = int_of(config);
+    object s = steal(PyNumber_Add(one.ptr(), od.ptr()));
+    return steal(PyNumber_Add(s.ptr(), oc.ptr()));
 }
 
 object rotations_within_node_budget(handle rotations, handle node_limit) {
@@ -181,26 +189,59 @@ static std::pair<long long, long long> max_children(handle rotations) {
     return {md, mc};
 }
 
-// Worst case with known maxima; node_limit within [INT_MIN, 2^31] keeps it in int64.
-static object worst_case_with(long long md, long long mc, long long depth, handle node_limit) {
+// Worst case with known maxima (both >= 0). The count never decreases from one
+// level to the next, so where it grows by a constant step (at most one data
+// child) the count at `depth` alone tells whether any level exceeded the limit.
+// `depth_obj`, when given, is `depth` as an int before clamping.
+static object worst_case_with(long long md, long long mc, long long depth, handle node_limit,
+                              handle depth_obj = handle()) {
     if (depth <= 1) return int_of(1);
+    object one = int_of(1);
+    // An exact int limit within [LLONG_MIN, 2**62] keeps every count compared in int64.
     int overflow = 0;
-    long long limit = PyLong_Check(node_limit.ptr()) ? PyLong_AsLongLongAndOverflow(node_limit.ptr(), &overflow) : 0;
-    if (PyLong_Check(node_limit.ptr()) && !overflow && limit <= (1LL << 31)) {
+    bool exact = PyLong_CheckExact(node_limit.ptr()) || PyBool_Check(node_limit.ptr());
+    long long limit = exact ? PyLong_AsLongLongAndOverflow(node_limit.ptr(), &overflow) : 0;
+    if (exact && !overflow && limit <= (1LL << 62)) {
         long long count = 1;
+        if (md <= 1) {
+            // 1 + (depth - 1) * (1 + mc) with one data child, 1 + mc with none
+            long long step;
+            bool over = __builtin_add_overflow(mc, 1LL, &step);
+            if (md == 1)
+                over = over || __builtin_mul_overflow(depth - 1, step, &count) || __builtin_add_overflow(count, 1LL, &count);
+            else
+                count = step;
+            if (over || count > limit)
+                return int_of(limit + 1);
+            return int_of(count);
+        }
         for (long long level = 2; level <= depth; ++level) {
-            count = 1 + mc + md * count;
-            if (count > limit) return int_of(limit + 1);
+            // past the limit as soon as any term leaves int64, since the limit is in it
+            if (__builtin_mul_overflow(md, count, &count) || __builtin_add_overflow(count, mc, &count) ||
+                __builtin_add_overflow(count, 1LL, &count) || count > limit)
+                return int_of(limit + 1);
         }
         return int_of(count);
     }
-    object count = int_of(1);
-    object one = int_of(1), omc = int_of(mc), omd = int_of(md);
+    object count = one;
+    object omc = int_of(mc), omd = int_of(md);
+    object step = steal(PyNumber_Add(one.ptr(), omc.ptr()));
+    if (md <= 1 && exact) {
+        if (md == 1) {
+            object levels = depth_obj ? steal(PyNumber_Subtract(depth_obj.ptr(), one.ptr())) : int_of(depth - 1);
+            object grown = steal(PyNumber_Multiply(levels.ptr(), step.ptr()));
+            count = steal(PyNumber_Add(one.ptr(), grown.ptr()));
+        } else {
+            count = step;
+        }
+        if (cmp(count, node_limit, Py_GT)) return steal(PyNumber_Add(node_limit.ptr(), one.ptr()));
+        return count;
+    }
     for (long long level = 2; level <= depth; ++level) {
         object prod = steal(PyNumber_Multiply(omd.ptr(), count.ptr()));
-        object s = steal(PyNumber_Add(one.ptr(), omc.ptr()));
-        count = steal(PyNumber_Add(s.ptr(), prod.ptr()));
+        count = steal(PyNumber_Add(step.ptr(), prod.ptr()));
         if (cmp(count, node_limit, Py_GT)) return steal(PyNumber_Add(node_limit.ptr(), one.ptr()));
+        if (level == depth) break;  // depth may be LLONG_MAX
     }
     return count;
 }
@@ -214,7 +255,8 @@ object worst_case_node_count(handle rotations, handle depth, handle node_limit) 
     object one = int_of(1);
     if (cmp(depth, one, Py_LE)) return one;
     auto [md, mc] = max_children(rotations);
-    return worst_case_with(md, mc, depth_ll(depth), node_limit);
+    object index = steal(PyNumber_Index(depth.ptr()));
+    return worst_case_with(md, mc, clamp_ll(index), node_limit, index);
 }
 
 object max_depth_within_node_budget(handle rotations, handle requested_depth, handle node_limit) {
@@ -232,6 +274,7 @@ object max_depth_within_node_budget(handle rotations, handle requested_depth, ha
         object count = worst_case_with(md, mc, depth, node_limit);
         if (cmp(count, node_limit, Py_GT)) break;
         max_depth = depth;
+        if (depth == max_candidate) break;  // max_candidate may be LLONG_MAX
     }
     return int_of(max_depth);
 }

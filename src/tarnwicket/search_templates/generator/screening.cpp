@@ -37,40 +37,42 @@ std::pair<object, object> schema_params(handle schema, handle node_limit) {
         object less = steal(PyNumber_Subtract(node_limit.ptr(), one.ptr()));
         child_limit = cmp(less, one, Py_GT) ? less : one;  // max(1, node_limit - 1)
     }
-    auto fail = [](const std::string& r) { return std::pair<object, object>{new_list(), str_of(r)}; };
-    if (is_none(schema)) return fail("rotation metadata missing param_schema");
+    auto fail = [](object reason) { return std::pair<object, object>{new_list(), reason}; };
+    if (is_none(schema)) return fail(str_of("rotation metadata missing param_schema"));
     bool is_map = is_dict(schema);
-    if (!is_map && !is_list(schema) && !is_tuple(schema))
-        return fail("unsupported param_schema container " +
-                    utf8(get_attr(handle(reinterpret_cast<PyObject*>(Py_TYPE(schema.ptr()))), ID("__name__"))));
+    if (!is_map && !is_list(schema) && !is_tuple(schema)) {
+        object type_name = get_attr(handle(reinterpret_cast<PyObject*>(Py_TYPE(schema.ptr()))), ID("__name__"));
+        return fail(msg("unsupported param_schema container %S", type_name.ptr()));
+    }
     Py_ssize_t size = PyObject_Size(schema.ptr());
     if (size < 0) throw_py();
-    if (size == 0) return fail("rotation metadata param_schema is empty");
+    if (size == 0) return fail(str_of("rotation metadata param_schema is empty"));
     if (!is_none(child_limit)) {
         object osize = int_of(size);
         if (cmp(osize, child_limit, Py_GT))
-            return fail("param_schema size " + std::to_string(size) + " exceeds node budget child limit " +
-                        repr_std(child_limit));
+            return fail(msg("param_schema size %zd exceeds node budget child limit %R", size, child_limit.ptr()));
     }
+    // Walked as the host iterates it: a schema changed by a callback of an entry
+    // ends early (a list) or raises (a map), never reads a stale entry.
     object params = new_list();
-    if (is_map) {
-        object items = list_from(steal(PyDict_Items(schema.ptr())));
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
-            handle pair = PyList_GET_ITEM(items.ptr(), i);
-            handle param_name = PyTuple_GET_ITEM(pair.ptr(), 0);
-            object param = param_dict(PyTuple_GET_ITEM(pair.ptr(), 1), param_name);
-            if (is_none(param)) return fail("unsupported param_schema entry for " + repr_std(param_name));
-            list_append(params, param);
+    object it = steal(PyObject_GetIter(is_map ? call_method(schema, ID("items")).ptr() : schema.ptr()));
+    for (Py_ssize_t idx = 0;; ++idx) {
+        PyObject* p = PyIter_Next(it.ptr());
+        if (!p) break;
+        object raw = steal(p);
+        object param;
+        if (is_map) {
+            auto kv = unpack(raw, 2);
+            param = param_dict(kv[1], kv[0]);
+            if (is_none(param)) return fail(msg("unsupported param_schema entry for %R", kv[0].ptr()));
+        } else {
+            object default_name = msg("param_%zd", idx);
+            param = param_dict(raw, default_name);
+            if (is_none(param)) return fail(msg("unsupported param_schema entry at index %zd", idx));
         }
-    } else {
-        object seq = list_from(schema);
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(seq.ptr()); ++i) {
-            object default_name = str_of("param_" + std::to_string(i));
-            object param = param_dict(PyList_GET_ITEM(seq.ptr(), i), default_name);
-            if (is_none(param)) return fail("unsupported param_schema entry at index " + std::to_string(i));
-            list_append(params, param);
-        }
+        list_append(params, param);
     }
+    if (PyErr_Occurred()) throw_py();
     return {params, none()};
 }
 
@@ -80,16 +82,10 @@ std::pair<object, object> declared_arity(handle fn) {
     if (is_none(value)) return {none(), none()};
     object arity = rw_int(value, Py_None);
     object one = int_of(1);
-    if (is_none(arity) || cmp(arity, one, Py_LT)) return {none(), str_of("invalid arity metadata " + repr_std(value))};
+    if (is_none(arity) || cmp(arity, one, Py_LT)) return {none(), msg("invalid arity metadata %R", value.ptr())};
     return {arity, none()};
 }
 
-static object unsafe_result(const std::string& reason) {
-    object d = new_dict();
-    dict_set(d, ID("safe"), Py_False);
-    dict_set(d, ID("reason"), str_of(reason));
-    return d;
-}
 static object unsafe_result(handle reason) {
     object d = new_dict();
     dict_set(d, ID("safe"), Py_False);
@@ -112,13 +108,13 @@ object rotation_schema(handle fn, handle window_limit, handle node_limit) {
         if (!is_none(node_limit)) {
             object count = int_of(1 + PyList_GET_SIZE(data_params.ptr()) + PyList_GET_SIZE(config_children.ptr()));
             if (cmp(count, node_limit, Py_GE))
-                return unsafe_result("param_schema minimum node count exceeds node budget " + repr_std(node_limit));
+                return unsafe_result(msg("param_schema minimum node count exceeds node budget %R", node_limit.ptr()));
         }
         object param_type = get(param, ID("type"));
         if (eq_str(param_type, "data")) {
             list_append(data_params, param);
         } else if (eq_str(param_type, "filtration")) {
-            return unsafe_result("rotation requires filtration input, which is not SIGNAL-safe");
+            return unsafe_result(str_of("rotation requires filtration input, which is not SIGNAL-safe"));
         } else if (eq_str(param_type, "int") || eq_str(param_type, "float") || eq_str(param_type, "string") ||
                    eq_str(param_type, "bool")) {
             handle pwl = (stateful && eq_str(param_type, "int")) ? window_limit : handle(Py_None);
@@ -126,16 +122,16 @@ object rotation_schema(handle fn, handle window_limit, handle node_limit) {
             if (!is_none(config_reason)) return unsafe_result(config_reason);
             list_append(config_children, child);
         } else {
-            return unsafe_result("unsupported param_schema type " + repr_std(param_type));
+            return unsafe_result(msg("unsupported param_schema type %R", param_type.ptr()));
         }
     }
     Py_ssize_t n_data = PyList_GET_SIZE(data_params.ptr());
-    if (n_data == 0) return unsafe_result("rotation metadata declares no data input");
+    if (n_data == 0) return unsafe_result(str_of("rotation metadata declares no data input"));
     if (!is_none(arity)) {
         object count = int_of(n_data);
         if (cmp(arity, count, Py_NE))
-            return unsafe_result("arity metadata " + repr_std(arity) + " does not match param_schema data inputs " +
-                                 std::to_string(n_data));
+            return unsafe_result(
+                msg("arity metadata %R does not match param_schema data inputs %zd", arity.ptr(), n_data));
     }
     object d = new_dict();
     dict_set(d, ID("safe"), Py_True);
@@ -146,9 +142,9 @@ object rotation_schema(handle fn, handle window_limit, handle node_limit) {
 
 object unsafe_function_reason(handle function_type, handle schema_reason) {
     if (!eq_str(function_type, "rotation"))
-        return str_of("function_type=" + repr_std(function_type) +
-                      " is not a SIGNAL-safe rotation; random_weighted can only synthesize SIGNAL expression graphs "
-                      "from rotations");
+        return msg("function_type=%R is not a SIGNAL-safe rotation; random_weighted can only synthesize SIGNAL "
+                   "expression graphs from rotations",
+                   function_type.ptr());
     if (is_nonempty_str(schema_reason)) return borrow(schema_reason.ptr());
     return str_of("unsupported rotation metadata for SIGNAL-safe random_weighted generation");
 }
@@ -160,8 +156,9 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
         return {safe, unsafe};
     }
     object rotation = str_of("rotation"), empty = str_of("");
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(functions.ptr()); ++i) {
-        object fn = borrow(PyList_GET_ITEM(functions.ptr(), i));
+    object it = steal(PyObject_GetIter(functions.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object fn = steal(p);
         if (!is_dict(fn)) {
             if (log_reasons) log_info("random_weighted excluded function entry: expected dict metadata");
             continue;
@@ -202,6 +199,7 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
         dict_set(spec, ID("config_children"), getitem(result, ID("config_children")));
         list_append(safe, spec);
     }
+    if (PyErr_Occurred()) throw_py();
     return {safe, unsafe};
 }
 

@@ -20,13 +20,16 @@ struct GenState {
     bool mirror_ok = false;
     // Contiguous copies of the cumulative weights, refreshed with the weights
     // and whenever the namespace changed (a replaced hook saw the lists).
+    // Only lists this module computed are mirrored: a list from a replaced
+    // `_random_weighted_cum_weights` may be changed later by its maker.
     CumIndex func_cum, feat_cum;
     bool func_cum_ok = false, feat_cum_ok = false;
+    bool func_cum_own = false, feat_cum_own = false;
     uint64_t cum_version = 0;
 
     void mirror_cum() {
-        func_cum_ok = func_cum.assign(func_weights);
-        feat_cum_ok = feat_cum.assign(feat_weights);
+        func_cum_ok = func_cum_own && func_cum.assign(func_weights);
+        feat_cum_ok = feat_cum_own && feat_cum.assign(feat_weights);
         cum_version = hooks::namespace_version();
     }
 
@@ -36,11 +39,15 @@ struct GenState {
         for (object* o : {&ctx, &func_names, &func_specs, &feat_names, &func_weights, &feat_weights,
                           &effective_max_depth, &cached_analytics})
             Py_VISIT(o->ptr());
-        for (auto& m : mirror)
+        for (auto& m : mirror) {
+            Py_VISIT(m.name.ptr());
             for (auto& c : m.configs) Py_VISIT(c.ptr());
+        }
         return 0;
     }
     void clear() {
+        // finished first: a finaliser run by a release below finds nothing to resume
+        phase = done;
         mirror.clear();
         func_cum = CumIndex();
         feat_cum = CumIndex();
@@ -136,7 +143,9 @@ object GenState::pass() {
             return tuple_of({f, t});
         });
         auto pair = unpack(maps, 2);
+        func_cum_own = !hooks::replaced(hooks::cum_weights);
         func_weights = via(hooks::cum_weights, {func_names, pair[0]}, [&] { return cum_weights(func_names, pair[0]); });
+        feat_cum_own = !hooks::replaced(hooks::cum_weights);
         feat_weights = via(hooks::cum_weights, {feat_names, pair[1]}, [&] { return cum_weights(feat_names, pair[1]); });
         mirror_cum();
     }
@@ -145,7 +154,7 @@ object GenState::pass() {
         if (depth) return b.build(Depth::of(depth));
         if (cum_version != hooks::namespace_version()) mirror_cum();
         bool lists = PyList_CheckExact(func_names.ptr()) && PyList_CheckExact(feat_names.ptr());
-        if (!lists) return b.build(Depth{false, depth_ll, 0.0});
+        if (!lists) return b.build(Depth::of_ll(depth_ll));
         FastTables fast{&b, func_cum_ok ? &func_cum : nullptr, feat_cum_ok ? &feat_cum : nullptr};
         PyObject* graph = fast.build(depth_ll);
         if (!graph) throw_py();
@@ -310,8 +319,9 @@ void init_generator_type() {
         {Py_tp_doc, (void*)"Graphs drawn by random_weighted; iterate it as a generator."},
         {0, nullptr},
     };
+    // Made only by random_weighted(ctx): an instance from the type itself would have no state.
     static PyType_Spec spec = {"tarnwicket.search_templates.random_weighted_generator", sizeof(GenObject), 0,
-                               Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
+                               Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
     g_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&spec)));
 }
 
