@@ -25,12 +25,12 @@ object resolve_thresholds(handle thresholds, handle era_config) {
 
 object require_threshold(handle thresholds, handle name) {
     if (check_int(PySequence_Contains(thresholds.ptr(), name.ptr())) == 0)
-        late::raise_text(PyExc_ValueError,
-                         late::fstring({str_of("SearchContext thresholds missing required threshold '"), name, str_of("'")}));
+        raise_text(PyExc_ValueError,
+                         ftext({str_of("SearchContext thresholds missing required threshold '"), name, str_of("'")}));
     object value = getitem(thresholds, name);
     if (is_bool(value) || !(is_int(value) || is_float(value)))
-        late::raise_text(PyExc_ValueError,
-                         late::fstring({str_of("SearchContext threshold '"), name, str_of("' must be numeric")}));
+        raise_text(PyExc_ValueError,
+                         ftext({str_of("SearchContext threshold '"), name, str_of("' must be numeric")}));
     return value;
 }
 
@@ -250,7 +250,7 @@ static object safe_record(Args& a) {
         if (truthy(callback))
             call(callback, {str_of("DATABASE_ERROR"),
                             str_of("Run get_db_info() to check database state. Consider restarting the search."),
-                            late::fstring({str_of("Database write failed after retry: "), exc_value(e)})});
+                            ftext({str_of("Database write failed after retry: "), exc_value(e)})});
         return none();
     }
 }

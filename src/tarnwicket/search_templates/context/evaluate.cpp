@@ -144,7 +144,7 @@ static object evaluate(Args& a) {
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         log_warning("Backtest failed: %s", {exc_value(e)});
-        failure_reason = late::fstring({str_of("backtest_failed: "), exc_value(e)});
+        failure_reason = ftext({str_of("backtest_failed: "), exc_value(e)});
     }
     if (is_none(bt_stats))
         return reject(self, graph, is_nonempty_str(failure_reason) ? handle(failure_reason) : handle(str_of("backtester_unavailable")));
@@ -257,7 +257,7 @@ object limit_reason(const char* prefix, handle name, handle entry) {
         suffix = "_below_min";
     else if (!is_none(mx) && greater(value, mx))
         suffix = "_above_max";
-    return late::fstring({str_of(prefix), name, str_of(suffix)});
+    return ftext({str_of(prefix), name, str_of(suffix)});
 }
 
 }  // namespace
@@ -282,7 +282,7 @@ static object derive_rejection_reason(Args& a) {
     auto [wq_name, wq_entry] = first_failed(get_attr_or(stats, ID("weight_quality_metrics"), empty));
     if (wq_entry) {
         if (is_none(entry_get(wq_entry, "value", Py_None))) return str_of("invalid_weights");
-        return late::fstring({str_of("weight_quality_"), wq_name, str_of("_exceeded")});
+        return ftext({str_of("weight_quality_"), wq_name, str_of("_exceeded")});
     }
     auto [liq_name, liq_entry] = first_failed(get_attr_or(stats, ID("liquidity_metrics"), empty));
     if (liq_entry) return limit_reason("liquidity_", liq_name, liq_entry);
@@ -303,7 +303,7 @@ static object derive_rejection_reason(Args& a) {
                 object rule = getitem(rules, int_of(0));
                 object column = mapping_get(rule, ID("column"), str_of("gross_returns"));
                 object stat = mapping_get(rule, ID("stat"), str_of("sharpe"));
-                return late::fstring({column, str_of("_"), stat, str_of("_below_min")});
+                return ftext({column, str_of("_"), stat, str_of("_below_min")});
             }
         }
         return str_of("gross_returns_sharpe_below_min");

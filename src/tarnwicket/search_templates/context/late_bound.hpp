@@ -31,40 +31,6 @@ inline object replacement(handle name, const Original& orig) {
 // `from <module> import <name>`, through the import system at each call.
 inline object from_import(const char* module, handle name) { return import_attr(module, name); }
 
-// f"{a}{b}..." — each piece through format(piece, ""), joined as a str. Text
-// stays a Python str throughout, so lone surrogates and NULs survive as they
-// would in the Python code.
-inline object fstring(std::initializer_list<handle> pieces) {
-    object parts = new_list();
-    object empty = steal(PyUnicode_FromStringAndSize("", 0));
-    for (handle piece : pieces) {
-        if (PyUnicode_CheckExact(piece.ptr()))
-            list_append(parts, piece);
-        else
-            list_append(parts, steal(PyObject_Format(piece.ptr(), empty.ptr())));
-    }
-    return steal(PyUnicode_Join(empty.ptr(), parts.ptr()));
-}
-
-// One level of a recursive walk of nested data, counted against the
-// interpreter's recursion limit, so that deep or cyclic nesting ends in
-// RecursionError as the same walk written in Python does.
-class RecursionGuard {
-public:
-    explicit RecursionGuard(const char* where) {
-        if (Py_EnterRecursiveCall(where)) throw_py();
-    }
-    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
-    RecursionGuard(const RecursionGuard&) = delete;
-    RecursionGuard& operator=(const RecursionGuard&) = delete;
-};
-
-// `raise exc_type(text)` with a text built as a Python str.
-[[noreturn]] inline void raise_text(handle exc_type, handle text) {
-    PyErr_SetObject(exc_type.ptr(), text.ptr());
-    throw_py();
-}
-
 // `close = getattr(client, "close", None); if callable(close): close()`.
 inline void close_client(handle client) {
     object close = get_attr_or_none(client, ID("close"));

@@ -9,7 +9,7 @@ static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdow
 
 static object missing_sentinel() { return global(ID("_MISSING_BACKTEST_METRIC")); }
 
-object invalid_reason(handle attr) { return late::fstring({str_of("invalid_backtest_metric_"), attr}); }
+object invalid_reason(handle attr) { return ftext({str_of("invalid_backtest_metric_"), attr}); }
 
 static bool is_count_metric(handle attr) {
     object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
@@ -135,7 +135,7 @@ bool has_non_finite_number(handle value) {
     PyTypeObject* t = Py_TYPE(value.ptr());
     if (t == &PyLong_Type || t == &PyFloat_Type) return !is_finite_number(value);
     if (!is_dict(value) && !is_list(value) && !is_tuple(value)) return false;
-    late::RecursionGuard guard(" while checking numbers for finiteness");
+    RecursionGuard guard(" while checking numbers for finiteness");
     object items = is_dict(value) ? steal(PyDict_Values(value.ptr())) : borrow(value.ptr());
     return any_of(items, [](handle v) { return has_non_finite_number(v); });
 }
@@ -150,7 +150,7 @@ static bool is_disallowed_mi_key(handle key) {
 
 bool has_disallowed_mi_field(handle value) {
     if (!is_dict(value) && !is_list(value) && !is_tuple(value)) return false;
-    late::RecursionGuard guard(" while looking for MI contract fields");
+    RecursionGuard guard(" while looking for MI contract fields");
     if (is_list(value) || is_tuple(value))
         return any_of(value, [](handle v) { return has_disallowed_mi_field(v); });
     object items = steal(PyDict_Items(value.ptr()));

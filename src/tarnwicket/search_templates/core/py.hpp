@@ -91,6 +91,25 @@ inline object bool_of(bool v) { return borrow(v ? Py_True : Py_False); }
 // surrogates and NULs pass through, as in Python.
 object ftext(std::initializer_list<handle> parts);
 
+// `raise exc_type(text)` with a text that is already a Python str.
+[[noreturn]] inline void raise_text(handle exc_type, handle text) {
+    PyErr_SetObject(exc_type.ptr(), text.ptr());
+    throw_py();
+}
+
+// The interpreter's recursion guard around one level of a walker of nested
+// data, so that deep or cyclic nesting ends in RecursionError. `where` follows
+// "maximum recursion depth exceeded" in the message.
+class RecursionGuard {
+public:
+    explicit RecursionGuard(const char* where) {
+        if (Py_EnterRecursiveCall(where)) throw_py();
+    }
+    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
+    RecursionGuard(const RecursionGuard&) = delete;
+    RecursionGuard& operator=(const RecursionGuard&) = delete;
+};
+
 std::string to_std(handle o);          // str(o) as UTF-8
 std::string repr_std(handle o);        // repr(o) as UTF-8
 std::string utf8(handle str_obj);      // contents of an exact str

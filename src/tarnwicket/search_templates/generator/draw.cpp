@@ -241,12 +241,6 @@ object weighted_choice(handle items, handle cum) {
 
 namespace {
 
-struct RecursionGuard {
-    RecursionGuard() {
-        if (Py_EnterRecursiveCall(" while building a random expression")) throw_py();
-    }
-    ~RecursionGuard() { Py_LeaveRecursiveCall(); }
-};
 
 inline object new_node2(PyObject* type_value, PyObject* node_value) {
     PyObject* d = _PyDict_NewPresized(2);
@@ -321,7 +315,7 @@ object Builder::child(Depth d) const {
 }
 
 object Builder::build(Depth d) const {
-    RecursionGuard guard;
+    RecursionGuard guard(" while building a random expression");
     Py_ssize_t index;
     if (d.le1()) {
         object feat = draw(feat_names, feat_weights, index);

@@ -189,7 +189,7 @@ static void check_status(handle result, handle rejected_error, handle transport_
         raise_obj(exc);
     }
     if (code_is(code, 500, Py_GE))
-        late::raise_text(PyExc_ConnectionError, late::fstring({str_of("Server error "), code, str_of(" "), during}));
+        raise_text(PyExc_ConnectionError, ftext({str_of("Server error "), code, str_of(" "), during}));
     if (!(code_is(code, 200, Py_GE) && code_is(code, 300, Py_LT))) {
         object error = get_attr(result, ID("error"));
         if (!truthy(error)) error = str_of("unknown");
@@ -200,14 +200,14 @@ static void check_status(handle result, handle rejected_error, handle transport_
 }
 
 static object result_to_receipt(handle result, handle submission_type, handle receipt_cls, handle rejected_error) {
-    object kind = late::fstring({submission_type});
-    check_status(result, rejected_error, late::fstring({str_of("transport error during "), kind, str_of(" submission")}),
-                 late::fstring({str_of("during "), kind, str_of(" submission")}));
+    object kind = ftext({submission_type});
+    check_status(result, rejected_error, ftext({str_of("transport error during "), kind, str_of(" submission")}),
+                 ftext({str_of("during "), kind, str_of(" submission")}));
     object sid = get_attr(result, ID("submission_id"));
     if (!truthy(sid)) {
         object protocol_error = global(ID("SubmissionProtocolError"));
         raise_obj(call(protocol_error,
-                       {late::fstring({kind, str_of(" submission response missing required submission_id")})}));
+                       {ftext({kind, str_of(" submission response missing required submission_id")})}));
     }
     return call(receipt_cls, {sid});
 }
@@ -246,9 +246,9 @@ static object poll_status_internal(handle submission_id) {
     object rejected_error = late::from_import("tarnwicket.submit", ID("SubmissionRejectedError"));
     object client = default_client();
     object result = late::with_client(client, [&] { return call_method(client, ID("get_signal_status"), {submission_id}); });
-    object sid = late::fstring({submission_id});
-    check_status(result, rejected_error, late::fstring({str_of("transport error while polling "), sid}),
-                 late::fstring({str_of("while polling "), sid}));
+    object sid = ftext({submission_id});
+    check_status(result, rejected_error, ftext({str_of("transport error while polling "), sid}),
+                 ftext({str_of("while polling "), sid}));
     object body = get_attr(result, ID("body"));
     if (!is_dict(body)) body = new_dict();
     auto key = [&](handle name, handle dflt) { return mapping_get(body, name, dflt); };

@@ -162,7 +162,7 @@ object submit_kwargs(handle payload, handle allowed) {
         object key = steal(raw);
         object value = lookup(source, key);
         if (!value) value = lookup(defaults, key);
-        if (!value) late::raise_text(PyExc_ValueError, late::fstring({key, str_of(" is required")}));
+        if (!value) raise_text(PyExc_ValueError, ftext({key, str_of(" is required")}));
         dict_set(out, key, value);
     }
     if (PyErr_Occurred()) throw_py();

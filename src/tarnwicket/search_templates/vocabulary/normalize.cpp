@@ -33,11 +33,11 @@ static object vse_init(Args& a) {
     object message = borrow(a[4].ptr());
     if (is_none(message)) {
         object parts = new_list();
-        list_append(parts, late::fstring({str_of("vocabulary "), source_kind, str_of(" entry violates canonical contract")}));
+        list_append(parts, ftext({str_of("vocabulary "), source_kind, str_of(" entry violates canonical contract")}));
         if (PySet_GET_SIZE(missing.ptr()) > 0)
-            list_append(parts, late::fstring({str_of("missing fields: "), sorted_joined(missing)}));
+            list_append(parts, ftext({str_of("missing fields: "), sorted_joined(missing)}));
         if (PySet_GET_SIZE(unexpected.ptr()) > 0)
-            list_append(parts, late::fstring({str_of("unexpected fields: "), sorted_joined(unexpected)}));
+            list_append(parts, ftext({str_of("unexpected fields: "), sorted_joined(unexpected)}));
         object sep = str_of("; ");
         message = steal(PyUnicode_Join(sep.ptr(), parts.ptr()));
     }
@@ -66,7 +66,7 @@ object flatten_entries(handle node) {
         return out;
     }
     if (is_dict(node)) {
-        late::RecursionGuard guard(" while flattening vocabulary entries");
+        RecursionGuard guard(" while flattening vocabulary entries");
         object values = steal(PyDict_Values(node.ptr()));
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(values.ptr()); ++i) {
             object value = borrow(PyList_GET_ITEM(values.ptr(), i));
@@ -103,7 +103,7 @@ void validate_function_entry(handle entry, handle source_kind) {
         required = global(ID("_REDUCTION_REQUIRED_FIELDS"));
         forbidden = steal(PyFrozenSet_New(nullptr));
     } else {
-        late::raise_text(PyExc_ValueError, late::fstring({str_of("unknown function source_kind "), py_repr(source_kind)}));
+        raise_text(PyExc_ValueError, ftext({str_of("unknown function source_kind "), py_repr(source_kind)}));
     }
     if (!is_dict(entry)) raise_schema_error(source_kind, required, steal(PyFrozenSet_New(nullptr)), entry);
     object missing = missing_from(required, entry);
@@ -148,7 +148,7 @@ void validate_feature_entry(handle entry) {
         while (PyObject* k = PyIter_Next(it.ptr())) {
             object key = steal(k);
             if (!is_record || check_int(PyDict_Contains(stats, key.ptr())) == 0) {
-                object name = late::fstring({str_of("stats."), key});
+                object name = ftext({str_of("stats."), key});
                 check_int(PySet_Add(missing.ptr(), name.ptr()));
             }
         }
