@@ -23,6 +23,8 @@ OUTSIDE_THE_PROCESS = {
     "_SearchHandleImpl", "SearchHandle",
 }
 
+ARGUMENT = hd.nested(max_leaves=8)
+
 
 def module_functions():
     names = []
@@ -53,7 +55,7 @@ def test_any_arguments_end_in_a_return_or_an_ordinary_exception(name, data):
     fn = getattr(st, name)
     low, high = arity(fn)
     n = data.draw(hs.integers(max(0, low - 1), max(low, min(high + 1, 4))), label="count")
-    args = [data.draw(hd.nested(max_leaves=8)) for _ in range(n)]
+    args = [data.draw(ARGUMENT) for _ in range(n)]
     for arg in args:
         hd.arm(data, arg)
     outcome, result = hd.ordinary_outcome(fn, *args)
