@@ -103,9 +103,8 @@ auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
     } catch (py::error_already_set& e) {
         host_lock_release_during(lock, e);
         throw;
-    } catch (const forced_unwind&) {
-        throw;
     } catch (...) {
+        if (!may_touch_objects()) throw;  // a thread unwound at exit
         PyObject *t, *v, *tb;
         PyErr_Fetch(&t, &v, &tb);
         PyObject* r = host_lock_release_raw(lock.ptr());

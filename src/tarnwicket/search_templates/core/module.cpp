@@ -185,7 +185,9 @@ void Signature::bind(PyObject* self, PyObject* const* args, Py_ssize_t nargs, Py
 
 namespace detail {
 
-void translate_current_cpp_exception() {
+// The host's forced unwinding is a foreign exception: the handler that lets it
+// through binds its reference to no object, which is how the runtime passes it.
+__attribute__((no_sanitize("null"))) void translate_current_cpp_exception() {
     try {
         throw;
     } catch (const forced_unwind&) {

@@ -34,8 +34,9 @@ inline void drop_xref(PyObject* op) {
     if (op) drop_ref(op);
 }
 
-// The forced unwinding of a thread ended by the host. Every catch-all lets it
-// through first:   catch (const forced_unwind&) { throw; }
+// The forced unwinding of a thread ended by the host. A catch-all either
+// rethrows, skipping its clean-up when !may_touch_objects(), or goes through
+// detail::translate_current_cpp_exception, the one handler that lets it through.
 using forced_unwind = abi::__forced_unwind;
 
 }  // namespace tw

@@ -169,9 +169,8 @@ static object do_per_era_init(Args& a) {
         object shuffle_blob;
         try {
             shuffle_blob = call_method(fh, ID("read"));
-        } catch (const forced_unwind&) {
-            throw;
         } catch (...) {
+            if (!may_touch_objects()) throw;  // a thread unwound at exit
             PyObject* r = PyObject_CallMethodNoArgs(fh.ptr(), ID("close").ptr());
             Py_XDECREF(r);
             PyErr_Clear();
