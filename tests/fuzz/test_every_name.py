@@ -21,6 +21,9 @@ OUTSIDE_THE_PROCESS = {
     "_install_template_sandbox_hooks", "_spawn_worker", "_restart_worker", "_submission_backoff_sleep",
     "_safe_update_nudge", "notify_submission_status", "_build_signal_service_client",
     "_SearchHandleImpl", "SearchHandle",
+    # forward to the host's own open(), sqlite3.connect() and urlopen(): open(3)
+    # would adopt and then close a descriptor that the host owns
+    "_sandboxed_open", "_sandboxed_sqlite_connect", "_sandboxed_urllib_urlopen",
 }
 
 ARGUMENT = hd.nested(max_leaves=8)
