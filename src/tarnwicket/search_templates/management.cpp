@@ -5,7 +5,6 @@
 // directory and closes it on every way out. The commands are refused while a
 // search is active.
 #include "core/module.hpp"
-#include "lock_scope.hpp"
 
 namespace tw {
 
@@ -16,7 +15,7 @@ constexpr const char* kNoActiveSearchMessage = "No active search. Call tarnwicke
 
 object f_status(Args&) {
     object lock = global(ID("_search_active_lock"));
-    object active = with_host_lock(lock, [&] { return global(ID("_active_search_handle")); });
+    object active = with_lock(lock, [&] { return global(ID("_active_search_handle")); });
     if (!is_none(active)) return call_method(active, ID("status"));
     object code = str_of("NO_ACTIVE_SEARCH");
     object advice = str_of(kNoActiveSearchAdvice);
@@ -36,7 +35,7 @@ object f_agent_onboarding_data_dir(Args& a) {
     handle dflt = a[0];
     object config;
     try {
-        config = from_import("tarnwicket.agent_onboarding", ID("_config"));
+        config = import_attr("tarnwicket.agent_onboarding", ID("_config"));
     } catch (py::error_already_set& e) {
         if (!matches(e, PyExc_ModuleNotFoundError)) throw;
         // Only the onboarding module itself being absent means "no configuration";
@@ -58,7 +57,7 @@ object f_configured_tracking_data_dir(Args&) {
 
 object f_new_management_tracker(Args&) {
     object tracker_cls = st_attr_or_none(ID("SearchTracker"));
-    if (is_none(tracker_cls)) tracker_cls = from_import("tarnwicket.search_tracking", ID("SearchTracker"));
+    if (is_none(tracker_cls)) tracker_cls = import_attr("tarnwicket.search_tracking", ID("SearchTracker"));
     object data_dir = call(global(ID("_configured_tracking_data_dir")));
     return call(tracker_cls, {data_dir});
 }
@@ -115,7 +114,7 @@ object f_inject_heartbeat(Args&) { return none(); }
 
 object f_safe_update_nudge(Args& a) {
     try {
-        object update_nudge = from_import("tarnwicket.agent_onboarding", ID("update_nudge"));
+        object update_nudge = import_attr("tarnwicket.agent_onboarding", ID("update_nudge"));
         object args = tuple_of({a[0]});
         call_star(update_nudge, args, a.varkw);
     } catch (py::error_already_set& e) {

@@ -4,11 +4,7 @@
 
 PYBIND11_MODULE(search_templates, m) {
     using namespace tw;
-    // Held for the life of the process: code that runs late in finalisation
-    // (a finaliser, a dealloc) finds an emptied namespace, never freed memory.
-    g_module = m.inc_ref().ptr();
-    g_globals = PyModule_GetDict(m.ptr());
-    Py_INCREF(g_globals);
+    init_module_state(m);
     m.doc() = "Search templates subcomponent -- search orchestration, templates, submission pipeline.";
     object logging = import_module("logging");
     set_global("logger", call(get_attr(logging, ID("getLogger")), {str_of("tarnwicket.search_templates")}));

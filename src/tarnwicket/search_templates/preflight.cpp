@@ -1,7 +1,6 @@
 // Probes that search() runs before it touches anything (auth, memory, disk),
 // and the lock-out of the management commands while a search is active.
 #include "core/module.hpp"
-#include "lock_scope.hpp"
 
 namespace tw {
 
@@ -76,7 +75,7 @@ object f_check_disk(Args&) {
 
 object f_raise_if_management_blocked(Args&) {
     object lock = global(ID("_search_active_lock"));
-    with_host_lock(lock, [&] {
+    with_lock(lock, [&] {
         if (truthy(global(ID("_search_active"))))
             raise_obj(call(handle(PyExc_RuntimeError), {global(ID("_MANAGEMENT_ACTIVE_ERROR"))}));
     });

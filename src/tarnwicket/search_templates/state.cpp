@@ -28,6 +28,7 @@ object stop_searches_at_exit(Args&) {
         }
     }
     g_interpreter_exiting.store(true);
+    release_module_state();
     return none();
 }
 

@@ -28,36 +28,4 @@ inline object replacement(handle name, const Original& orig) {
     return f;
 }
 
-// `from <module> import <name>`, through the import system at each call.
-inline object from_import(const char* module, handle name) { return import_attr(module, name); }
-
-// `close = getattr(client, "close", None); if callable(close): close()`.
-inline void close_client(handle client) {
-    object close = get_attr_or_none(client, ID("close"));
-    if (PyCallable_Check(close.ptr())) call(close);
-}
-
-// Runs `body` and then closes `client` on every way out, as try/finally does:
-// an error raised by close() replaces the one in flight, chained to it.
-template <class F>
-object with_client(handle client, F&& body) {
-    object result;
-    try {
-        result = body();
-    } catch (py::error_already_set& e) {
-        try {
-            close_client(client);
-        } catch (py::error_already_set& e2) {
-            object first = e.value();
-            object second = e2.value();
-            Py_INCREF(first.ptr());
-            PyException_SetContext(second.ptr(), first.ptr());
-            throw;
-        }
-        throw;
-    }
-    close_client(client);
-    return result;
-}
-
 }  // namespace tw::late

@@ -42,14 +42,14 @@ object replaced(Id id) {
 static uint64_t g_seen_version = 0;
 static bool g_own[count];
 
-uint64_t namespace_version() { return reinterpret_cast<PyDictObject*>(g_globals)->ma_version_tag; }
+uint64_t namespace_version() { return reinterpret_cast<PyDictObject*>(module_state().globals)->ma_version_tag; }
 
 bool is_own(Id id) {
-    uint64_t version = reinterpret_cast<PyDictObject*>(g_globals)->ma_version_tag;
+    uint64_t version = reinterpret_cast<PyDictObject*>(module_state().globals)->ma_version_tag;
     if (version != g_seen_version || version == 0) {
         PyObject* const* n = names();
         for (int i = 0; i < count; ++i) {
-            PyObject* v = PyDict_GetItemWithError(g_globals, n[i]);
+            PyObject* v = PyDict_GetItemWithError(module_state().globals, n[i]);
             if (!v && PyErr_Occurred()) throw_py();
             g_own[i] = v && v == original[i];
         }

@@ -114,7 +114,7 @@ static object submission_auth_obj() {
 }
 
 static object get_submission_token() {
-    object auth_error = late::from_import("tarnwicket.auth", ID("AuthError"));
+    object auth_error = import_attr("tarnwicket.auth", ID("AuthError"));
     object auth_obj;
     if (object f = late::replacement(ID("_submission_auth_obj"), o_auth_obj))
         auth_obj = call(f);
@@ -140,7 +140,7 @@ static object get_submission_token() {
 }
 
 static object build_client(handle timeout) {
-    object client_cls = late::from_import("tarnwicket.submit", ID("SignalServiceClient"));
+    object client_cls = import_attr("tarnwicket.submit", ID("SignalServiceClient"));
     object url;
     if (object f = late::replacement(ID("_resolve_signal_service_url"), o_url))
         url = call(f);
@@ -226,10 +226,10 @@ static object keyword_dict(handle kwargs) {
 }
 
 static object submit_signal_payload(handle payload) {
-    object receipt_cls = late::from_import("tarnwicket.submit", ID("SubmissionReceipt"));
-    object rejected_error = late::from_import("tarnwicket.submit", ID("SubmissionRejectedError"));
+    object receipt_cls = import_attr("tarnwicket.submit", ID("SubmissionReceipt"));
+    object rejected_error = import_attr("tarnwicket.submit", ID("SubmissionRejectedError"));
     object client = default_client();
-    return late::with_client(client, [&] {
+    return closing(client, [&] {
         object kwargs = payload::call_submit_kwargs(payload, global(ID("_SIGNAL_SUBMIT_KWARGS")));
         object submit = get_attr(client, ID("submit_signal"));
         object empty = steal(PyTuple_New(0));
@@ -242,10 +242,10 @@ static object submit_signal_payload(handle payload) {
 }
 
 static object poll_status_internal(handle submission_id) {
-    object status_cls = late::from_import("tarnwicket.submit", ID("SubmissionStatus"));
-    object rejected_error = late::from_import("tarnwicket.submit", ID("SubmissionRejectedError"));
+    object status_cls = import_attr("tarnwicket.submit", ID("SubmissionStatus"));
+    object rejected_error = import_attr("tarnwicket.submit", ID("SubmissionRejectedError"));
     object client = default_client();
-    object result = late::with_client(client, [&] { return call_method(client, ID("get_signal_status"), {submission_id}); });
+    object result = closing(client, [&] { return call_method(client, ID("get_signal_status"), {submission_id}); });
     object sid = ftext({submission_id});
     check_status(result, rejected_error, ftext({str_of("transport error while polling "), sid}),
                  ftext({str_of("while polling "), sid}));

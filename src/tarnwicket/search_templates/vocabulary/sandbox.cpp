@@ -9,7 +9,6 @@
 // costs one thread-id read, one round trip on `_template_sandbox_lock` and one
 // set lookup.
 #include "core/module.hpp"
-#include "lock_scope.hpp"
 
 #include <pythread.h>
 
@@ -26,7 +25,7 @@ PyTypeObject* g_guard_type = nullptr;
 
 // Module global as a borrowed reference, or null with NameError set.
 PyObject* global_ref(handle name) {
-    PyObject* v = PyDict_GetItemWithError(g_globals, name.ptr());
+    PyObject* v = PyDict_GetItemWithError(module_state().globals, name.ptr());
     if (!v && !PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", name.ptr());
     return v;
 }
@@ -116,7 +115,7 @@ bool sandbox_active_impl() { return check_int(sandbox_active_raw()) == 1; }
 
 void install_hooks_impl() {
     object lock = sandbox_lock();
-    with_host_lock(lock, [&] {
+    with_lock(lock, [&] {
         object urllib_request = import_module("urllib.request");
         object builtins = import_module("builtins");
         object sqlite3 = import_module("sqlite3");
@@ -239,7 +238,7 @@ PyObject* guard_enter(PyObject* self, PyObject*) {
         install_hooks();
         object ident = borrow(current_thread_ident());
         object lock = sandbox_lock();
-        with_host_lock(lock, [&] { thread_set_add(ident.ptr()); });
+        with_lock(lock, [&] { thread_set_add(ident.ptr()); });
         Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident.release().ptr());
         Py_RETURN_NONE;
     } catch (py::error_already_set& e) {
@@ -260,7 +259,7 @@ PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
         object ident = borrow(reinterpret_cast<GuardObject*>(self)->ident);
         if (ident) {
             object lock = sandbox_lock();
-            with_host_lock(lock, [&] { thread_set_discard(ident.ptr()); });
+            with_lock(lock, [&] { thread_set_discard(ident.ptr()); });
         }
         Py_RETURN_FALSE;
     } catch (py::error_already_set& e) {

@@ -1,10 +1,14 @@
-// `with lock:` over a host threading.Lock, and `from module import name`.
+// `with lock:` over a host lock: the one lock guard of the module.
 //
-// The lock is the host's own object; acquire and release go through its
-// methods by vectorcall. A blocked acquire releases the GIL inside the host.
+//     with_lock(global(ID("_search_active_lock")), [&] { set_global(...); });
+//
+// The lock is the host's own object (Lock or RLock); acquire and release go
+// through its methods, and a blocked acquire releases the GIL inside the host.
+// The lock is released on every way out; a failing release wins, with the
+// body's error as its context, as in a `with` block.
 #pragma once
 
-#include "core/module.hpp"
+#include "core/errors.hpp"
 
 #include <type_traits>
 #include <utility>
@@ -75,21 +79,9 @@ inline void host_lock_release(handle lock) {
     Py_DECREF(r);
 }
 
-// Release while an error from the guarded body is on its way out. A failing
-// release wins, with the body's error as its context, as in a `with` block.
-inline void host_lock_release_during(handle lock, py::error_already_set& pending) {
-    try {
-        host_lock_release(lock);
-    } catch (py::error_already_set& e2) {
-        object ctx = pending.value();
-        PyException_SetContext(e2.value().ptr(), ctx.release().ptr());
-        throw;
-    }
-}
-
-// Runs `body` with `lock` held; the lock is released on every way out.
+// Runs `body` with `lock` held.
 template <class F>
-auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
+auto with_lock(handle lock, F&& body) -> decltype(body()) {
     using R = decltype(body());
     host_lock_acquire(lock);
     try {
@@ -101,7 +93,13 @@ auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
             return r;
         }
     } catch (py::error_already_set& e) {
-        host_lock_release_during(lock, e);
+        if (!may_touch_objects()) throw;  // a thread unwound at exit: the lock dies with the process
+        try {
+            host_lock_release(lock);
+        } catch (py::error_already_set& release_error) {
+            set_context(release_error.value(), e.value());
+            throw;
+        }
         throw;
     } catch (...) {
         if (!may_touch_objects()) throw;  // a thread unwound at exit
@@ -116,7 +114,22 @@ auto with_host_lock(handle lock, F&& body) -> decltype(body()) {
     if constexpr (std::is_void_v<R>) host_lock_release(lock);
 }
 
-// `from <module> import <name>`.
-inline object from_import(const char* module, handle name) { return import_attr(module, name); }
+// Transitional: the older guard, which reports a failed release as unraisable.
+// Gone once every subsystem uses with_lock.
+class Locked {
+public:
+    explicit Locked(handle lock) : lock_(borrow(lock.ptr())) { host_lock_acquire(lock_); }
+    ~Locked() {
+        if (!may_touch_objects()) return;
+        PyObject* r = host_lock_release_raw(lock_.ptr());
+        if (!r) PyErr_WriteUnraisable(lock_.ptr());
+        Py_XDECREF(r);
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+
+private:
+    object lock_;
+};
 
 }  // namespace tw

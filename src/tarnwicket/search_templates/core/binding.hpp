@@ -1,0 +1,198 @@
+// Registration of the module's names: a binding line names a typed C++
+// function and the Python signature it is called with.
+//
+//     object search(handle template_, handle n_jobs);
+//     def_function<search>(m, "search(template, n_jobs=1)");
+//
+//     object stop(handle self, handle join_timeout);
+//     def_method<stop>(cls, "stop($self, join_timeout=2.0)");
+//
+//     object safe_update_nudge(handle trigger, handle context);   // context: the **kwargs dict
+//     def_function<safe_update_nudge>(m, "_safe_update_nudge(trigger, **context)");
+//
+// The signature text drives argument binding (positional or keyword, defaults,
+// *args, **kwargs, keyword-only after `*`) with the host's own error texts, and
+// becomes `__text_signature__`, so `inspect.signature` sees it. The C++
+// function takes one `handle` per name in it, in order: `$self` first, then
+// the parameters, then the *args tuple, then the **kwargs dict. It returns
+// `object`, `bool` or nothing (None). Registration checks that the two agree.
+//
+// Module-level functions are recorded as the originals of their names, so
+// every one of them can be bound late (core/late.hpp).
+#pragma once
+
+#include "core/state.hpp"
+
+#include <array>
+#include <stdexcept>
+#include <type_traits>
+#include <utility>
+
+namespace tw {
+
+struct Param {
+    std::string name;
+    object dflt;           // null when required
+    bool kwonly = false;
+};
+
+struct Signature {
+    static constexpr std::size_t max_params = 16;
+    std::string name;      // function name for error texts
+    std::vector<Param> params;
+    bool has_self = false;
+    bool has_varargs = false;
+    bool has_varkw = false;
+    std::size_t n_positional = 0;   // params that may be given by position
+    std::vector<PyObject*> interned_names;
+
+    void parse(const std::string& text);
+    // The C++ arguments the signature binds: $self, parameters, *args, **kwargs.
+    std::size_t arity() const { return (has_self ? 1 : 0) + params.size() + (has_varargs ? 1 : 0) + (has_varkw ? 1 : 0); }
+
+    // The bound arguments, borrowed, in the order the C++ function takes them.
+    struct Bound {
+        std::array<PyObject*, max_params + 3> argv{};
+        object varargs;   // owners of the *args tuple and the **kwargs dict
+        object varkw;
+    };
+    void bind(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, Bound& out) const;
+};
+
+namespace detail {
+
+void translate_current_cpp_exception();
+PyMethodDef* make_def(const char* text_sig, PyCFunction fn, const char* doc, Signature*& sig_out, std::size_t arity);
+object new_function(PyMethodDef* def, const char* module);
+object new_method(handle cls, PyMethodDef* def);
+
+template <auto F>
+struct Typed;
+
+template <class R, class... Ps, R (*F)(Ps...)>
+struct Typed<F> {
+    static_assert((std::is_same_v<Ps, handle> && ...), "a bound function takes handles");
+    static_assert(std::is_same_v<R, object> || std::is_same_v<R, bool> || std::is_void_v<R>,
+                  "a bound function returns object, bool or nothing");
+    static inline Signature* sig = nullptr;
+
+    template <std::size_t... I>
+    static PyObject* invoke(const Signature::Bound& b, std::index_sequence<I...>) {
+        if constexpr (std::is_void_v<R>) {
+            F(handle(b.argv[I])...);
+            return Py_NewRef(Py_None);
+        } else if constexpr (std::is_same_v<R, bool>) {
+            return Py_NewRef(F(handle(b.argv[I])...) ? Py_True : Py_False);
+        } else {
+            return F(handle(b.argv[I])...).release().ptr();
+        }
+    }
+
+    static PyObject* tramp(PyObject* self, PyObject* const* args, Py_ssize_t nargsf, PyObject* kwnames) {
+        try {
+            Signature::Bound b;
+            sig->bind(self, args, PyVectorcall_NARGS(nargsf), kwnames, b);
+            return invoke(b, std::index_sequence_for<Ps...>{});
+        } catch (py::error_already_set& e) {
+            e.restore();
+            return nullptr;
+        } catch (...) {
+            translate_current_cpp_exception();
+            return nullptr;
+        }
+    }
+
+    static PyMethodDef* def(const char* text_sig, const char* doc) {
+        if (sig) throw std::logic_error(std::string("bound twice: ") + text_sig);
+        return make_def(text_sig, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&tramp)), doc, sig,
+                        sizeof...(Ps));
+    }
+};
+
+// ---------------------------------------------------------------- transitional
+
+// The older form `object f(Args&)`, unpacking by position. Kept only while the
+// subsystems move to typed functions.
+struct Args {
+    PyObject* self = nullptr;
+    std::array<PyObject*, Signature::max_params> slot{};
+    object varargs;
+    object varkw;
+    handle operator[](std::size_t i) const { return handle(slot[i]); }
+    handle me() const { return handle(self); }
+};
+using Impl = object (*)(Args&);
+
+template <object (*F)(Args&)>
+struct Typed<F> {
+    static inline Signature* sig = nullptr;
+    static PyObject* tramp(PyObject* self, PyObject* const* args, Py_ssize_t nargsf, PyObject* kwnames) {
+        try {
+            Signature::Bound b;
+            sig->bind(self, args, PyVectorcall_NARGS(nargsf), kwnames, b);
+            Args a;
+            std::size_t k = 0;
+            if (sig->has_self) a.self = b.argv[k++];
+            for (std::size_t i = 0; i < sig->params.size(); ++i) a.slot[i] = b.argv[k++];
+            a.varargs = b.varargs;
+            a.varkw = b.varkw;
+            return F(a).release().ptr();
+        } catch (py::error_already_set& e) {
+            e.restore();
+            return nullptr;
+        } catch (...) {
+            translate_current_cpp_exception();
+            return nullptr;
+        }
+    }
+    static PyMethodDef* def(const char* text_sig, const char* doc) {
+        return make_def(text_sig, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&tramp)), doc, sig, static_cast<std::size_t>(-1));
+    }
+};
+
+}  // namespace detail
+
+using detail::Args;
+using detail::Impl;
+
+// A free function object (not placed anywhere), e.g. for properties, hooks or staticmethods.
+template <auto F>
+object make_function(const char* text_sig, const char* doc = nullptr, const char* module = "tarnwicket.search_templates") {
+    return detail::new_function(detail::Typed<F>::def(text_sig, doc), module);
+}
+// A module-level function, recorded as the original of its name. `text_sig` like "name(a, b=None)".
+template <auto F>
+object def_function(handle module, const char* text_sig, const char* doc = nullptr) {
+    object fn = make_function<F>(text_sig, doc);
+    object name = get_attr(fn, ID("__name__"));
+    set_attr(module, name, fn);
+    keep_original(name, fn);
+    return fn;
+}
+// A method added to `cls`; `text_sig` like "name($self, a)". Returns the descriptor.
+template <auto F>
+object def_method(handle cls, const char* text_sig, const char* doc = nullptr) {
+    object d = detail::new_method(cls, detail::Typed<F>::def(text_sig, doc));
+    set_attr(cls, get_attr(d, ID("__name__")), d);
+    return d;
+}
+// A staticmethod on cls; `text_sig` without $self.
+template <auto F>
+object def_static(handle cls, const char* text_sig, const char* doc = nullptr) {
+    object fn = make_function<F>(text_sig, doc);
+    object sm = steal(PyStaticMethod_New(fn.ptr()));
+    set_attr(cls, get_attr(fn, ID("__name__")), sm);
+    return fn;
+}
+// property(fget, fset) on cls; the accessors take the instance as their first argument.
+void add_property(handle cls, const char* name, handle fget, handle fset, const char* doc = nullptr);
+template <auto Get>
+void def_property(handle cls, const char* name, const char* get_sig, const char* doc = nullptr) {
+    add_property(cls, name, make_function<Get>(get_sig), handle(), doc);
+}
+template <auto Get, auto Set>
+void def_property(handle cls, const char* name, const char* get_sig, const char* set_sig, const char* doc = nullptr) {
+    add_property(cls, name, make_function<Get>(get_sig), make_function<Set>(set_sig), doc);
+}
+
+}  // namespace tw

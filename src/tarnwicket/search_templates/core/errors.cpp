@@ -1,0 +1,24 @@
+#include "core/errors.hpp"
+
+namespace tw {
+
+object search_error(handle code, handle advice, handle message, handle status) {
+    return call(global(ID("SearchError")), {code, advice, message, status});
+}
+
+object startup_error(const char* code, const char* advice, handle message) {
+    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), handle(Py_False)}});
+    return search_error(str_of(code), str_of(advice), message, status);
+}
+
+void set_context(handle newer, handle older) {
+    if (newer.ptr() == older.ptr()) return;
+    PyException_SetContext(newer.ptr(), older.inc_ref().ptr());
+}
+
+void close_resource(handle resource) {
+    object close = get_attr_or_none(resource, ID("close"));
+    if (PyCallable_Check(close.ptr())) call(close);
+}
+
+}  // namespace tw

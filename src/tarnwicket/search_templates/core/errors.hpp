@@ -1,0 +1,48 @@
+// Building the module's exceptions, and the two ways an error meets another
+// on its way out (a failing clean-up, a failing close).
+#pragma once
+
+#include "core/state.hpp"
+
+namespace tw {
+
+// SearchError(error_code, recovery_advice, message, status), the class read
+// from the namespace at the moment of use.
+object search_error(handle code, handle advice, handle message, handle status);
+// A SearchError raised at the caller before a search runs: its status is
+// SearchStatus(running=False).
+object startup_error(const char* code, const char* advice, handle message);
+
+// `newer.__context__ = older`, as the interpreter sets it when `newer` is
+// raised while `older` is being handled; an exception is never its own context.
+void set_context(handle newer, handle older);
+
+// `close = getattr(resource, "close", None); if callable(close): close()`.
+void close_resource(handle resource);
+
+// Runs `body`, then closes `resource` on every way out, as try/finally does:
+// an error raised by close() replaces the one in flight, which becomes its context.
+template <class F>
+auto closing(handle resource, F&& body) -> decltype(body()) {
+    try {
+        if constexpr (std::is_void_v<decltype(body())>) {
+            body();
+        } else {
+            auto result = body();
+            close_resource(resource);
+            return result;
+        }
+    } catch (py::error_already_set& e) {
+        if (!may_touch_objects()) throw;  // a thread unwound at exit
+        try {
+            close_resource(resource);
+        } catch (py::error_already_set& close_error) {
+            set_context(close_error.value(), e.value());
+            throw;
+        }
+        throw;
+    }
+    if constexpr (std::is_void_v<decltype(body())>) close_resource(resource);
+}
+
+}  // namespace tw

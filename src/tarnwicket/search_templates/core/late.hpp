@@ -1,0 +1,41 @@
+// Late binding: a module-level name that the code calls or reads is looked up
+// in the module's namespace at each use, as a Python global is, so a host that
+// replaces it is obeyed at the next use. While the name still holds the
+// module's own object, the C++ function runs directly.
+//
+// The one pattern, for a name registered with def_function:
+//
+//     static const LateFn k_weighted_choice("_weighted_choice");
+//     if (object f = k_weighted_choice.replaced()) return call(f, {items, cum});
+//     return weighted_choice(items, cum);
+//
+// The module's own objects are held in module state (core/state.hpp), so an
+// identity test can never be fooled by a new object at a freed address.
+#pragma once
+
+#include "core/state.hpp"
+
+namespace tw {
+
+class LateFn {
+public:
+    explicit LateFn(const char* name) : name_(PyUnicode_InternFromString(name)) {}
+
+    handle name() const { return handle(name_); }
+    // What the namespace holds now; NameError when the name was deleted.
+    object current() const { return global(handle(name_)); }
+    // True when `obj` is the module's own object behind this name.
+    bool own(handle obj) const;
+    // A null object while the name holds the module's own object, else what it holds.
+    object replaced() const {
+        object f = current();
+        if (own(f)) return object();
+        return f;
+    }
+
+private:
+    PyObject* name_;          // interned, immortal for our purposes
+    mutable int slot_ = -1;   // index into module_state().originals, found at first use
+};
+
+}  // namespace tw
