@@ -1,6 +1,8 @@
 // The three ways a handle ends: stop, the replacement abort and the finaliser.
 #include "handle/handle.hpp"
 
+#include "collaborators/store.hpp"
+
 namespace tw::hnd {
 
 // ---------------------------------------------------------------- abort primitives
@@ -135,18 +137,14 @@ static void delete_owned_rows(handle self) {
         object owner = field(self, ID("_submission_owner"));
         object pattern = ftext({str_of("%\"_submission_owner\": \""), owner, str_of("\"%")});
         object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
-        auto purge = [&](const char* table, handle ensure) {
-            bool claims = truthy(call_method(self, ensure));
-            std::string sql = std::string("DELETE FROM ") + table + " WHERE payload_json LIKE ?";
-            if (claims) {
-                sql += " OR in_flight_owner = ?";
-                call_method(conn, ID("execute"), {str_of(sql), tuple_of({pattern, owner})});
-            } else {
-                call_method(conn, ID("execute"), {str_of(sql), tuple_of({pattern})});
-            }
+        auto purge = [&](store::Table table, handle ensure) {
+            if (truthy(call_method(self, ensure)))
+                store::execute(conn, store::Stmt::delete_owned_payloads_or_claims, table, {pattern, owner});
+            else
+                store::execute(conn, store::Stmt::delete_owned_payloads, table, {pattern});
         };
-        purge("submission_queue", ID("_ensure_submission_claim_columns"));
-        purge("submission_retry", ID("_ensure_retry_claim_columns"));
+        purge(store::Table::submission_queue, ID("_ensure_submission_claim_columns"));
+        purge(store::Table::submission_retry, ID("_ensure_retry_claim_columns"));
         call_method(conn, ID("commit"));
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;

@@ -2,6 +2,8 @@
 // discovery-rate nudge that a status read may fire.
 #include "handle/handle.hpp"
 
+#include "collaborators/store.hpp"
+
 namespace tw::hnd {
 
 static object copy_list(handle l) { return list_from(l); }
@@ -92,8 +94,8 @@ static object update_submission_counts(Args& a) {
     return none();
 }
 
-static double count_query(handle conn, const char* sql, handle lo, handle hi) {
-    object cur = call_method(conn, ID("execute"), {str_of(sql), tuple_of({lo, hi})});
+static double count_query(handle conn, store::Stmt sql, handle lo, handle hi) {
+    object cur = store::execute(conn, sql, {lo, hi});
     object row = call_method(cur, ID("fetchone"));
     return as_double(getitem(row, int_of(0)));
 }
@@ -109,10 +111,10 @@ static object discovery_rate_nudge(Args& a) {
         {
             Locked guard(field(self, ID("_tracker_write_lock")));
             prior_count = count_query(
-                conn, "SELECT COUNT(*) FROM submission_status WHERE submitted_at >= ? AND submitted_at < ?",
+                conn, store::Stmt::count_status_from_to_open,
                 prior_start, current_start);
             current_count = count_query(
-                conn, "SELECT COUNT(*) FROM submission_status WHERE submitted_at >= ? AND submitted_at <= ?",
+                conn, store::Stmt::count_status_from_to_closed,
                 current_start, now_o);
         }
         double prior_window = prior_count / 6.0;

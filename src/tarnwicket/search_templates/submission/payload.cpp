@@ -5,6 +5,7 @@
 
 #include "context/late_bound.hpp"
 #include "context/metric_contract.hpp"
+#include "collaborators/store.hpp"
 
 namespace tw::payload {
 
@@ -88,9 +89,7 @@ object resolve_pool_ids(handle conn, handle payload) {
     object submission_type = dict_get(payload, ID("submission_type"));
     object eval_id = dict_get(payload, ID("eval_id"));
     if (is_str(submission_type) && PyUnicode_CompareWithASCIIString(submission_type.ptr(), "strategy") == 0) {
-        object cur = call_method(conn, ID("execute"),
-                                 {str_of("SELECT strategy_pool_id, signal_pool_id FROM strategy_evaluations WHERE eval_id=?"),
-                                  tuple_of({eval_id})});
+        object cur = store::execute(conn, store::Stmt::strategy_pools_of_eval, {eval_id});
         object row = call_method(cur, ID("fetchone"));
         object row_pool = is_none(row) ? none() : getitem(row, int_of(0));
         object row_signal = is_none(row) ? none() : getitem(row, int_of(1));
@@ -100,8 +99,7 @@ object resolve_pool_ids(handle conn, handle payload) {
         if (!truthy(signal_pool_id)) raise(PyExc_ValueError, "signal_pool_id must be a non-empty string");
         return tuple_of({pool_id, signal_pool_id});
     }
-    object cur = call_method(conn, ID("execute"),
-                             {str_of("SELECT pool_id FROM signal_evaluations WHERE eval_id=?"), tuple_of({eval_id})});
+    object cur = store::execute(conn, store::Stmt::signal_pool_of_eval, {eval_id});
     object row = call_method(cur, ID("fetchone"));
     object row_pool = is_none(row) ? none() : getitem(row, int_of(0));
     object pool_id = first_truthy({dict_get(payload, ID("pool_id")), dict_get(payload, ID("signal_pool_id")), row_pool});

@@ -1,0 +1,44 @@
+// Every statement the module runs on the tracker's store, in one place, in
+// both dialects the store speaks: SQLite, and PostgreSQL for a store shared by
+// several machines. A store connection says which through its `dialect`
+// attribute ("sqlite" when absent); both take `?` placeholders.
+//
+//     object cur = store::execute(conn, store::Stmt::signal_pool_of_eval, {eval_id});
+#pragma once
+
+#include "core/module.hpp"
+
+namespace tw::store {
+
+enum class Dialect { sqlite, postgres };
+Dialect dialect_of(handle conn);
+
+enum class Table { submission_queue, submission_retry };
+const char* table_name(Table t);
+
+enum class Stmt {
+    // claim columns of the queue and retry tables
+    add_in_flight_owner,          // table
+    add_in_flight_at,             // table
+    // rows of a search stopped for its replacement
+    delete_owned_payloads,        // table; (payload pattern)
+    delete_owned_payloads_or_claims,  // table; (payload pattern, owner)
+    // the discovery-rate windows
+    count_status_from_to_open,    // (from, to): from <= submitted_at < to
+    count_status_from_to_closed,  // (from, to): from <= submitted_at <= to
+    // pool ids of an evaluation
+    strategy_pools_of_eval,       // (eval_id) -> strategy_pool_id, signal_pool_id
+    signal_pool_of_eval,          // (eval_id) -> pool_id
+};
+
+// The text of a statement in the connection's dialect.
+std::string text(Stmt s, Dialect d, Table t = Table::submission_queue);
+
+// conn.execute(text, params); returns the cursor.
+object execute(handle conn, Stmt s, std::initializer_list<handle> params = {});
+object execute(handle conn, Stmt s, Table t, std::initializer_list<handle> params = {});
+
+// The names of a table's columns, as a set.
+object table_columns(handle conn, handle table);
+
+}  // namespace tw::store
