@@ -36,7 +36,7 @@ bool truthy(handle o) { return check_int(PyObject_IsTrue(o.ptr())) == 1; }
 
 object get_attr_or(handle o, handle name, handle dflt) {
     PyObject* r = nullptr;
-    int rc = _PyObject_LookupAttr(o.ptr(), name.ptr(), &r);
+    int rc = lookup_attr(o, name, &r);
     if (rc < 0) throw_py();
     if (rc == 0) return borrow(dflt.ptr());
     return steal(r);
@@ -115,7 +115,7 @@ object call_star(handle f, handle args_tuple, handle kwargs_dict) {
 object import_attr(const char* module, handle attr) {
     object m = import_module(module);
     PyObject* r = nullptr;
-    if (check_int(_PyObject_LookupAttr(m.ptr(), attr.ptr(), &r)) == 1) return steal(r);
+    if (check_int(lookup_attr(m, attr, &r)) == 1) return steal(r);
     // A missing name is an ImportError, as the `from` statement raises it.
     object modname = str_of(module);
     object path = get_attr_or_none(m, ID("__file__"));

@@ -131,6 +131,16 @@ inline bool is_instance(handle o, handle cls) { return check_int(PyObject_IsInst
 
 // ---------------------------------------------------------------- attributes and items
 
+// getattr(o, name) that does not raise AttributeError: 1 found (*r a new
+// reference), 0 absent, -1 error. The one place the interpreter's name for it is spelt.
+inline int lookup_attr(handle o, handle name, PyObject** r) {
+#if PY_VERSION_HEX >= 0x030D0000
+    return PyObject_GetOptionalAttr(o.ptr(), name.ptr(), r);
+#else
+    return _PyObject_LookupAttr(o.ptr(), name.ptr(), r);
+#endif
+}
+
 inline object get_attr(handle o, handle name) { return steal(PyObject_GetAttr(o.ptr(), name.ptr())); }
 // get_attr(o, name, default): only AttributeError falls back to the default.
 object get_attr_or(handle o, handle name, handle dflt);
@@ -138,7 +148,7 @@ inline object get_attr_or_none(handle o, handle name) { return get_attr_or(o, na
 inline void set_attr(handle o, handle name, handle v) { check_int(PyObject_SetAttr(o.ptr(), name.ptr(), v.ptr())); }
 inline bool has_attr(handle o, handle name) {
     PyObject* r = nullptr;
-    int rc = _PyObject_LookupAttr(o.ptr(), name.ptr(), &r);
+    int rc = lookup_attr(o, name, &r);
     Py_XDECREF(r);
     return check_int(rc) == 1;
 }
