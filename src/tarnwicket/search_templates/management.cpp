@@ -31,8 +31,8 @@ object f_status(Args&) {
 
 // ---------------------------------------------------------------- data directory and tracker
 
-object f_agent_onboarding_data_dir(Args& a) {
-    handle dflt = a[0];
+object f_agent_onboarding_data_dir(handle default_) {
+    handle dflt = default_;
     object config;
     try {
         config = import_attr("tarnwicket.agent_onboarding", ID("_config"));
@@ -67,12 +67,12 @@ void close_management_tracker(handle tracker) {
     if (PyCallable_Check(close.ptr())) call(close);
 }
 
-object f_call_management_tracker(Args& a) {
+object f_call_management_tracker(handle method_name, handle args, handle kwargs) {
     object tracker = call(global(ID("_new_management_tracker")));
     object result;
     try {
-        object method = steal(PyObject_GetAttr(tracker.ptr(), a[0].ptr()));
-        result = call_star(method, a.varargs, a.varkw);
+        object method = steal(PyObject_GetAttr(tracker.ptr(), method_name.ptr()));
+        result = call_star(method, args, kwargs);
     } catch (py::error_already_set& e) {
         // As a `finally`: a failing close replaces the command's error, which
         // becomes its context.
@@ -93,16 +93,16 @@ object f_call_management_tracker(Args& a) {
 
 // ---------------------------------------------------------------- commands
 
-object f_delete_evaluations(Args& a) {
+object f_delete_evaluations(handle eval_type, handle keep_last) {
     call(global(ID("_raise_if_management_blocked")));
     return call_kw(global(ID("_call_management_tracker")), {str_of("delete_evaluations")},
-                   {{ID("eval_type"), a[0]}, {ID("keep_last"), a[1]}});
+                   {{ID("eval_type"), eval_type}, {ID("keep_last"), keep_last}});
 }
 
-object f_delete_failed_evaluations(Args& a) {
+object f_delete_failed_evaluations(handle eval_type) {
     call(global(ID("_raise_if_management_blocked")));
     return call_kw(global(ID("_call_management_tracker")), {str_of("delete_failed_evaluations")},
-                   {{ID("eval_type"), a[0]}});
+                   {{ID("eval_type"), eval_type}});
 }
 
 object f_get_db_info(Args&) {
@@ -112,11 +112,11 @@ object f_get_db_info(Args&) {
 
 object f_inject_heartbeat(Args&) { return none(); }
 
-object f_safe_update_nudge(Args& a) {
+object f_safe_update_nudge(handle trigger, handle context) {
     try {
         object update_nudge = import_attr("tarnwicket.agent_onboarding", ID("update_nudge"));
-        object args = tuple_of({a[0]});
-        call_star(update_nudge, args, a.varkw);
+        object args = tuple_of({trigger});
+        call_star(update_nudge, args, context);
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         log_warning("update_nudge call failed: %s", {exc_value(e)});

@@ -7,8 +7,8 @@ namespace tw {
 namespace {
 
 
-object f_is_authed(Args& a) {
-    object runtime = get_attr_or_none(a[0], ID("_library_runtime"));
+object f_is_authed(handle mod) {
+    object runtime = get_attr_or_none(mod, ID("_library_runtime"));
     if (is_none(runtime)) return bool_of(false);
     object auth_proxy = get_attr_or_none(runtime, ID("auth_proxy"));
     if (is_none(auth_proxy)) return bool_of(false);

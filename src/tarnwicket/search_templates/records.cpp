@@ -4,26 +4,24 @@
 
 namespace tw {
 
-static object search_error_init(Args& a) {
-    handle self = a.me();
-    set_attr(self, ID("error_code"), a[0]);
-    set_attr(self, ID("recovery_advice"), a[1]);
-    set_attr(self, ID("message"), a[2]);
-    set_attr(self, ID("status"), a[3]);
-    call(get_attr(handle(PyExc_Exception), ID("__init__")), {self, a[2]});
+static object search_error_init(handle self, handle error_code, handle recovery_advice, handle message, handle status) {
+    set_attr(self, ID("error_code"), error_code);
+    set_attr(self, ID("recovery_advice"), recovery_advice);
+    set_attr(self, ID("message"), message);
+    set_attr(self, ID("status"), status);
+    call(get_attr(handle(PyExc_Exception), ID("__init__")), {self, message});
     return none();
 }
 
-static object row_schema_error_init(Args& a) {
-    handle self = a.me();
-    object source_kind = py_str(a[0]);
-    object missing = steal(PyFrozenSet_New(a[1].ptr()));
+static object row_schema_error_init(handle self, handle source_kind_arg, handle missing_arg, handle row_id, handle message_arg) {
+    object source_kind = py_str(source_kind_arg);
+    object missing = steal(PyFrozenSet_New(missing_arg.ptr()));
     set_attr(self, ID("source_kind"), source_kind);
     set_attr(self, ID("missing"), missing);
-    set_attr(self, ID("row_id"), a[2]);
-    object message = borrow(a[3].ptr());
+    set_attr(self, ID("row_id"), row_id);
+    object message = borrow(message_arg.ptr());
     if (is_none(message)) {
-        message = ftext({source_kind, str_of(" row "), py_repr(a[2]), str_of(" payload_json schema violation")});
+        message = ftext({source_kind, str_of(" row "), py_repr(row_id), str_of(" payload_json schema violation")});
         if (PySet_GET_SIZE(missing.ptr()) > 0) {
             object l = list_from(missing);
             check_int(PyList_Sort(l.ptr()));
@@ -36,8 +34,8 @@ static object row_schema_error_init(Args& a) {
     return none();
 }
 
-static object receipt_record_init(Args& a) {
-    set_attr(a.me(), ID("submission_id"), a[0]);
+static object receipt_record_init(handle self, handle submission_id) {
+    set_attr(self, ID("submission_id"), submission_id);
     return none();
 }
 

@@ -102,9 +102,8 @@ object lookup_vocabulary(handle runtime, handle data_dir, handle universe_id) {
     return call(import_attr("json", ID("dumps")), {vocab_data});
 }
 
-object search(Args& a) {
-    handle template_ = a[0];
-    object n_jobs = borrow(a[1].ptr());
+object search(handle template_, handle n_jobs_arg) {
+    object n_jobs = borrow(n_jobs_arg.ptr());
     // Threads started now would never be stopped: the host has already shut
     // its threads down and is about to finalise.
     if (g_interpreter_exiting.load()) raise(PyExc_RuntimeError, "cannot start a search after interpreter shutdown");

@@ -99,12 +99,7 @@ static object snapshot_from(handle raw) {
 
 // ---------------------------------------------------------------- construction
 
-static object context_init(Args& a) {
-    handle self = a.me();
-    handle vocab = a[0], universe = a[1], metaparams = a[2], depth = a[3], tracker = a[4], sync_mgr = a[5], bt = a[6],
-           thresholds = a[7], era_config = a[8], fatal_callback = a[9], submission_queue = a[10],
-           tracker_write_lock = a[11], submission_wakeup = a[12], stop_event = a[13], submission_owner = a[14],
-           replacement_abort_event = a[15];
+static object context_init(handle self, handle vocab, handle universe, handle metaparams, handle depth, handle tracker, handle sync_mgr, handle bt, handle thresholds, handle era_config, handle fatal_callback, handle submission_queue, handle tracker_write_lock, handle submission_wakeup, handle stop_event, handle submission_owner, handle replacement_abort_event) {
     set_attr(self, ID("_vocabulary"), vocab);
     set_attr(self, ID("_universe_id"), universe);
     set_attr(self, ID("_metaparameters"), metaparams);
@@ -186,20 +181,19 @@ static object context_init(Args& a) {
 
 // ---------------------------------------------------------------- views
 
-static object get_vocabulary(Args& a) {
-    return call(import_attr("copy", ID("deepcopy")), {get_attr(a[0], ID("_vocabulary"))});
+static object get_vocabulary(handle self) {
+    return call(import_attr("copy", ID("deepcopy")), {get_attr(self, ID("_vocabulary"))});
 }
-static object get_universe_id(Args& a) { return get_attr(a[0], ID("_universe_id")); }
-static object get_metaparameters(Args& a) { return get_attr(a[0], ID("_metaparameters")); }
-static object get_max_depth(Args& a) { return get_attr(a[0], ID("_max_depth")); }
-static object get_analytics(Args& a) { return get_attr(a[0], ID("_analytics")); }
+static object get_universe_id(handle self) { return get_attr(self, ID("_universe_id")); }
+static object get_metaparameters(handle self) { return get_attr(self, ID("_metaparameters")); }
+static object get_max_depth(handle self) { return get_attr(self, ID("_max_depth")); }
+static object get_analytics(handle self) { return get_attr(self, ID("_analytics")); }
 static object set_vocabulary(Args&) { raise(PyExc_AttributeError, "vocabulary is read-only"); }
 static object set_universe_id(Args&) { raise(PyExc_AttributeError, "universe_id is read-only"); }
 static object set_metaparameters(Args&) { raise(PyExc_AttributeError, "metaparameters is read-only"); }
 static object set_max_depth(Args&) { raise(PyExc_AttributeError, "max_depth is read-only"); }
 
-static object refresh_analytics(Args& a) {
-    handle self = a.me();
+static object refresh_analytics(handle self) {
     object tracker = get_attr(self, ID("_tracker"));
     object getter = get_attr_or_none(tracker, ID("get_search_stats"));
     object result;
@@ -229,12 +223,11 @@ bool submission_cancelled(handle self) {
     return truthy(call_method(abort, ID("is_set")));
 }
 
-static object f_submission_cancelled(Args& a) { return bool_of(submission_cancelled(a.me())); }
+static object f_submission_cancelled(handle self) { return bool_of(submission_cancelled(self)); }
 
-static object safe_record(Args& a) {
-    handle self = a.me();
-    handle graph = a[0], passed = a[1], rejection_reason = a[2], per_column_stats = a[4];
-    object stats = borrow(a[3].ptr());
+static object safe_record(handle self, handle graph, handle passed_thresholds, handle rejection_reason, handle stats_arg, handle per_column_stats) {
+    handle passed = passed_thresholds;
+    object stats = borrow(stats_arg.ptr());
     try {
         if (is_none(stats)) stats = call(global(ID("_BacktestStats")));
         Locked guard(get_attr(self, ID("_tracker_write_lock")));
@@ -257,19 +250,19 @@ static object safe_record(Args& a) {
 
 // ---------------------------------------------------------------- bindings
 
-static object f_build_analytics(Args& a) { return build_search_analytics(a[0], a[1]); }
-static object f_resolve_thresholds(Args& a) { return resolve_thresholds(a[0], a[1]); }
-static object f_require_threshold(Args& a) { return require_threshold(a[0], a[1]); }
+static object f_build_analytics(handle tracker, handle era_config) { return build_search_analytics(tracker, era_config); }
+static object f_resolve_thresholds(handle thresholds, handle era_config) { return resolve_thresholds(thresholds, era_config); }
+static object f_require_threshold(handle thresholds, handle name) { return require_threshold(thresholds, name); }
 
 // Static methods of the class: they forward to the module functions of the same name.
-static object c_build_analytics(Args& a) {
-    return call(global(ID("_build_search_analytics_from_era_config")), {a[0], a[1]});
+static object c_build_analytics(handle tracker, handle era_config) {
+    return call(global(ID("_build_search_analytics_from_era_config")), {tracker, era_config});
 }
-static object c_resolve_thresholds(Args& a) { return call(global(ID("_resolve_search_thresholds")), {a[0], a[1]}); }
-static object c_require_threshold(Args& a) {
+static object c_resolve_thresholds(handle thresholds, handle era_config) { return call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}); }
+static object c_require_threshold(handle thresholds, handle name) {
     object fn = global(ID("_require_search_threshold"));
-    if (fn.ptr() == g_require_threshold_fn) return require_threshold(a[0], a[1]);
-    return call(fn, {a[0], a[1]});
+    if (fn.ptr() == g_require_threshold_fn) return require_threshold(thresholds, name);
+    return call(fn, {thresholds, name});
 }
 
 }  // namespace tw::ctx

@@ -96,9 +96,8 @@ object collect_direct(handle s) {
 
 }  // namespace
 
-static object evaluate(Args& a) {
-    handle self = a.me();
-    handle graph = a[0];
+static object evaluate(handle self, handle expr_graph) {
+    handle graph = expr_graph;
     if (!well_shaped(graph)) return reject(self, graph, "invalid_input");
     object vocabulary = get_attr(self, ID("_vocabulary"));
     object empty = str_of("");
@@ -262,9 +261,7 @@ object limit_reason(const char* prefix, handle name, handle entry) {
 
 }  // namespace
 
-static object derive_rejection_reason(Args& a) {
-    handle self = a.me();
-    handle stats = a[0];
+static object derive_rejection_reason(handle self, handle stats) {
     object thresholds = get_attr(self, ID("_thresholds"));
     bool passed = truthy(get_attr_or(stats, ID("passed"), Py_True));
 

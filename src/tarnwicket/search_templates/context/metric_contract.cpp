@@ -164,21 +164,21 @@ bool has_disallowed_mi_field(handle value) {
 
 static object pair(object a, object b) { return tuple_of({a, b}); }
 
-static object f_invalid_reason(Args& a) { return invalid_reason(a[0]); }
-static object f_required_value(Args& a) {
-    auto [v, r] = required_value(a[0], a[1]);
+static object f_invalid_reason(handle attr) { return invalid_reason(attr); }
+static object f_required_value(handle bt_stats, handle attr) {
+    auto [v, r] = required_value(bt_stats, attr);
     return pair(v, r);
 }
-static object f_collect(Args& a) {
-    auto [v, r] = collect_required(a[0]);
+static object f_collect(handle bt_stats) {
+    auto [v, r] = collect_required(bt_stats);
     return pair(v, r);
 }
-static object f_factor_pnl(Args& a) { return normalize_factor_pnl(a[0]); }
-static object f_per_column(Args& a) { return normalize_per_column_stats(a[0]); }
-static object f_is_pnl_mi(Args& a) { return is_pnl_mi_from_stats(a[0]); }
-static object f_is_finite(Args& a) { return bool_of(is_finite_number(a[0])); }
-static object f_non_finite(Args& a) { return bool_of(has_non_finite_number(a[0])); }
-static object f_disallowed(Args& a) { return bool_of(has_disallowed_mi_field(a[0])); }
+static object f_factor_pnl(handle value) { return normalize_factor_pnl(value); }
+static object f_per_column(handle value) { return normalize_per_column_stats(value); }
+static object f_is_pnl_mi(handle bt_stats) { return is_pnl_mi_from_stats(bt_stats); }
+static object f_is_finite(handle value) { return bool_of(is_finite_number(value)); }
+static object f_non_finite(handle value) { return bool_of(has_non_finite_number(value)); }
+static object f_disallowed(handle value) { return bool_of(has_disallowed_mi_field(value)); }
 
 }  // namespace tw::metrics
 

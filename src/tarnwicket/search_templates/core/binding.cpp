@@ -148,6 +148,9 @@ void Signature::bind(PyObject* self, PyObject* const* args, Py_ssize_t nargs, Py
                      params[i].kwonly ? "keyword-only" : "positional", params[i].name.c_str());
         throw_py();
     }
+    std::size_t k = np;
+    if (has_varargs) slot[k++] = b.varargs.ptr();
+    if (has_varkw) slot[k++] = b.varkw.ptr();
 }
 
 // ---------------------------------------------------------------- registration

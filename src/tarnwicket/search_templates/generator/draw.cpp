@@ -301,15 +301,15 @@ object Depth::obj() const {
 }
 
 object Builder::draw(handle items, handle cum, Py_ssize_t& index) const {
-    if (hooks::is_own(hooks::weighted_choice)) return weighted_choice_at(items, cum, index);
+    object fn = hooks::replaced(hooks::weighted_choice);
+    if (!fn) return weighted_choice_at(items, cum, index);
     index = -1;
-    object fn = global(handle(hooks::names()[hooks::weighted_choice]));
     return call(fn, {items, cum});
 }
 
 object Builder::child(Depth d) const {
-    if (hooks::is_own(hooks::build_expression)) return build(d);
-    object fn = global(handle(hooks::names()[hooks::build_expression]));
+    object fn = hooks::replaced(hooks::build_expression);
+    if (!fn) return build(d);
     object depth = d.obj();
     return call(fn, {func_names, func_specs, func_weights, feat_names, feat_weights, depth});
 }

@@ -161,14 +161,11 @@ enum Id {
     feature_weight_report,
     count
 };
-extern PyObject* original[count];
-extern PyObject* const* names();
+// The late binding of each name above.
+const LateFn& late(Id id);
 // Null object while the global is still our own function, else the replacement.
-object replaced(Id id);
-// Fast variant for the draw: cached against the namespace dict's version.
-bool is_own(Id id);
-// Version tag of the module namespace: changes with every write to it.
-uint64_t namespace_version();
+inline object replaced(Id id) { return late(id).replaced(); }
+inline bool is_own(Id id) { return !late(id).replaced(); }
 }  // namespace hooks
 
 // a, b = value  (the host's unpacking rules and messages)

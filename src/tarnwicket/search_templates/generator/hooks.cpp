@@ -1,4 +1,4 @@
-// Late binding of the module functions the generator calls, and the host's
+// The module functions the generator calls, bound late, and the host's
 // unpacking rules for the pairs and triples those functions return.
 #include "generator/gen.hpp"
 
@@ -6,56 +6,27 @@ namespace tw::gen {
 
 namespace hooks {
 
-PyObject* original[count] = {};
-
-PyObject* const* names() {
-    static PyObject* table[count] = {
-        PyUnicode_InternFromString("_normalize_template_vocabulary"),
-        PyUnicode_InternFromString("_random_weighted_window_limit"),
-        PyUnicode_InternFromString("_random_weighted_node_limit"),
-        PyUnicode_InternFromString("_random_weighted_safe_rotations"),
-        PyUnicode_InternFromString("_random_weighted_feature_names"),
-        PyUnicode_InternFromString("_random_weighted_rotations_within_node_budget"),
-        PyUnicode_InternFromString("_random_weighted_max_depth_within_node_budget"),
-        PyUnicode_InternFromString("_random_weighted_yield_maps"),
-        PyUnicode_InternFromString("_random_weighted_cum_weights"),
-        PyUnicode_InternFromString("_build_random_signal_expression"),
-        PyUnicode_InternFromString("_weighted_choice"),
-        PyUnicode_InternFromString("_random_weighted_function_safety"),
-        PyUnicode_InternFromString("_random_weighted_feature_specs"),
-        PyUnicode_InternFromString("_random_weighted_analytics_stats"),
-        PyUnicode_InternFromString("_random_weighted_normalized_weights"),
-        PyUnicode_InternFromString("_random_weighted_function_weight_report"),
-        PyUnicode_InternFromString("_random_weighted_feature_weight_report"),
+const LateFn& late(Id id) {
+    static const LateFn table[count] = {
+        LateFn("_normalize_template_vocabulary"),
+        LateFn("_random_weighted_window_limit"),
+        LateFn("_random_weighted_node_limit"),
+        LateFn("_random_weighted_safe_rotations"),
+        LateFn("_random_weighted_feature_names"),
+        LateFn("_random_weighted_rotations_within_node_budget"),
+        LateFn("_random_weighted_max_depth_within_node_budget"),
+        LateFn("_random_weighted_yield_maps"),
+        LateFn("_random_weighted_cum_weights"),
+        LateFn("_build_random_signal_expression"),
+        LateFn("_weighted_choice"),
+        LateFn("_random_weighted_function_safety"),
+        LateFn("_random_weighted_feature_specs"),
+        LateFn("_random_weighted_analytics_stats"),
+        LateFn("_random_weighted_normalized_weights"),
+        LateFn("_random_weighted_function_weight_report"),
+        LateFn("_random_weighted_feature_weight_report"),
     };
-    return table;
-}
-
-object replaced(Id id) {
-    object current = global(handle(names()[id]));
-    if (current.ptr() == original[id]) return object();
-    return current;
-}
-
-// The namespace dict's version tag changes on every write to it, so an
-// unchanged tag means every answer below still holds.
-static uint64_t g_seen_version = 0;
-static bool g_own[count];
-
-uint64_t namespace_version() { return reinterpret_cast<PyDictObject*>(module_state().globals)->ma_version_tag; }
-
-bool is_own(Id id) {
-    uint64_t version = reinterpret_cast<PyDictObject*>(module_state().globals)->ma_version_tag;
-    if (version != g_seen_version || version == 0) {
-        PyObject* const* n = names();
-        for (int i = 0; i < count; ++i) {
-            PyObject* v = PyDict_GetItemWithError(module_state().globals, n[i]);
-            if (!v && PyErr_Occurred()) throw_py();
-            g_own[i] = v && v == original[i];
-        }
-        g_seen_version = version;
-    }
-    return g_own[id];
+    return table[id];
 }
 
 }  // namespace hooks

@@ -18,19 +18,17 @@ struct GenState {
     object cached_analytics;  // the snapshot the weights were computed from
     std::vector<FuncMirror> mirror;
     bool mirror_ok = false;
-    // Contiguous copies of the cumulative weights, refreshed with the weights
-    // and whenever the namespace changed (a replaced hook saw the lists).
+    // Contiguous copies of the cumulative weights, refreshed before every
+    // draw (anyone holding the lists may have changed them since).
     // Only lists this module computed are mirrored: a list from a replaced
     // `_random_weighted_cum_weights` may be changed later by its maker.
     CumIndex func_cum, feat_cum;
     bool func_cum_ok = false, feat_cum_ok = false;
     bool func_cum_own = false, feat_cum_own = false;
-    uint64_t cum_version = 0;
 
     void mirror_cum() {
         func_cum_ok = func_cum_own && func_cum.assign(func_weights);
         feat_cum_ok = feat_cum_own && feat_cum.assign(feat_weights);
-        cum_version = hooks::namespace_version();
     }
 
     bool setup();
@@ -152,7 +150,7 @@ object GenState::pass() {
     if (hooks::is_own(hooks::build_expression)) {
         Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, mirror_ok ? &mirror : nullptr};
         if (depth) return b.build(Depth::of(depth));
-        if (cum_version != hooks::namespace_version()) mirror_cum();
+        mirror_cum();
         bool lists = PyList_CheckExact(func_names.ptr()) && PyList_CheckExact(feat_names.ptr());
         if (!lists) return b.build(Depth::of_ll(depth_ll));
         FastTables fast{&b, func_cum_ok ? &func_cum : nullptr, feat_cum_ok ? &feat_cum : nullptr};
@@ -161,7 +159,7 @@ object GenState::pass() {
         return steal(graph);
     }
     if (!depth) depth = int_of(depth_ll);
-    object fn = global(handle(hooks::names()[hooks::build_expression]));
+    object fn = hooks::late(hooks::build_expression).current();
     return call(fn, {func_names, func_specs, func_weights, feat_names, feat_weights, depth});
 }
 

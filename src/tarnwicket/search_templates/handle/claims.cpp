@@ -6,8 +6,8 @@
 
 namespace tw::hnd {
 
-static object persistent_table_columns(Args& a) {
-    return store::table_columns(get_attr(field(a.me(), ID("_tracker")), ID("_conn")), a[0]);
+static object persistent_table_columns(handle self, handle table_name) {
+    return store::table_columns(get_attr(field(self, ID("_tracker")), ID("_conn")), table_name);
 }
 
 static object ensure_claim_columns(handle self, handle ready_field, store::Table table, const char* failure_name) {
@@ -30,13 +30,13 @@ static object ensure_claim_columns(handle self, handle ready_field, store::Table
     return bool_of(true);
 }
 
-static object ensure_submission_claim_columns(Args& a) {
-    return ensure_claim_columns(a.me(), ID("_submission_claim_columns_ready"), store::Table::submission_queue,
+static object ensure_submission_claim_columns(handle self) {
+    return ensure_claim_columns(self, ID("_submission_claim_columns_ready"), store::Table::submission_queue,
                                 "submission_queue_claim_schema");
 }
 
-static object ensure_retry_claim_columns(Args& a) {
-    return ensure_claim_columns(a.me(), ID("_retry_claim_columns_ready"), store::Table::submission_retry,
+static object ensure_retry_claim_columns(handle self) {
+    return ensure_claim_columns(self, ID("_retry_claim_columns_ready"), store::Table::submission_retry,
                                 "submission_retry_claim_schema");
 }
 

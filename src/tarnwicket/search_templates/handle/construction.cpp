@@ -32,10 +32,7 @@ static object derive_metaparameters(handle era_cfg) {
     return params;
 }
 
-static object handle_init(Args& a) {
-    handle self = a.me();
-    handle template_ = a[0], n_jobs = a[1], tracker = a[2], sync_mgr = a[3], bt = a[4], obf = a[5], era_cfg = a[6],
-           auth_mock = a[7], data_dir = a[8];
+static object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir) {
     if (is_none(era_cfg)) raise_runtime_not_ready();
 
     set_field(self, ID("_template"), template_);
@@ -148,8 +145,7 @@ static bool permanent_failure(handle self, handle err_msg) {
     return true;
 }
 
-static object do_per_era_init(Args& a) {
-    handle self = a.me();
+static object do_per_era_init(handle self) {
     object era_config = get_attr_or_none(self, ID("_era_config"));
     object auth = get_attr_or_none(self, ID("_auth"));
     if (is_none(era_config) || is_none(auth)) raise_runtime_not_ready();

@@ -7,8 +7,7 @@ namespace tw::hnd {
 
 // ---------------------------------------------------------------- abort primitives
 
-static object ensure_primitives(Args& a) {
-    handle self = a.me();
+static object ensure_primitives(handle self) {
     static const char* names[] = {"_replacement_abort_event", "_submission_start_lock", "_poll_start_lock"};
     bool all = true;
     for (auto n : names)
@@ -25,23 +24,23 @@ static object ensure_primitives(Args& a) {
     return none();
 }
 
-static object abort_event_handle(Args& a) {
-    call_method(a.me(), ID("_ensure_replacement_abort_primitives"));
-    return field(a.me(), ID("_replacement_abort_event"));
+static object abort_event_handle(handle self) {
+    call_method(self, ID("_ensure_replacement_abort_primitives"));
+    return field(self, ID("_replacement_abort_event"));
 }
 
-static object submission_start_guard(Args& a) {
-    call_method(a.me(), ID("_ensure_replacement_abort_primitives"));
-    return field(a.me(), ID("_submission_start_lock"));
+static object submission_start_guard(handle self) {
+    call_method(self, ID("_ensure_replacement_abort_primitives"));
+    return field(self, ID("_submission_start_lock"));
 }
 
-static object poll_start_guard(Args& a) {
-    call_method(a.me(), ID("_ensure_replacement_abort_primitives"));
-    return field(a.me(), ID("_poll_start_lock"));
+static object poll_start_guard(handle self) {
+    call_method(self, ID("_ensure_replacement_abort_primitives"));
+    return field(self, ID("_poll_start_lock"));
 }
 
-static object abort_requested(Args& a) {
-    object ev = call_method(a.me(), ID("_replacement_abort_event_handle"));
+static object abort_requested(handle self) {
+    object ev = call_method(self, ID("_replacement_abort_event_handle"));
     return bool_of(event_is_set(ev));
 }
 
@@ -98,9 +97,7 @@ static const char* kBackgroundThreads[] = {"_supervisor_thread", "_era_thread", 
 
 // ---------------------------------------------------------------- stop
 
-static object stop(Args& a) {
-    handle self = a.me();
-    handle join_timeout = a[0];
+static object stop(handle self, handle join_timeout) {
     if (field_true(self, ID("_stopped"))) return none();
     object flush = get_attr_or_none(self, ID("_flush_pending_receipt_finalizations"));
     if (PyCallable_Check(flush.ptr())) call(flush);
@@ -152,8 +149,7 @@ static void delete_owned_rows(handle self) {
     }
 }
 
-static object abort_for_replacement(Args& a) {
-    handle self = a.me();
+static object abort_for_replacement(handle self) {
     if (field_true(self, ID("_stopped"))) return none();
     {
         Locked start_guard(call_method(self, ID("_submission_start_guard")));
@@ -204,8 +200,7 @@ static object abort_for_replacement(Args& a) {
 
 // ---------------------------------------------------------------- finaliser
 
-static object finalize(Args& a) {
-    handle self = a.me();
+static object finalize(handle self) {
     object quiet = tuple_of({handle(PyExc_AttributeError), handle(PyExc_RuntimeError), handle(PyExc_OSError),
                              handle(PyExc_ReferenceError)});
     object quiet_inner =

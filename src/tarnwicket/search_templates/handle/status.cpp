@@ -8,8 +8,7 @@ namespace tw::hnd {
 
 static object copy_list(handle l) { return list_from(l); }
 
-static object status(Args& a) {
-    handle self = a.me();
+static object status(handle self) {
     call_method(self, ID("_maybe_fire_discovery_rate_declining_nudge"));
     object snapshot;
     {
@@ -74,8 +73,7 @@ static object status(Args& a) {
     return snapshot;
 }
 
-static object update_submission_counts(Args& a) {
-    handle self = a.me();
+static object update_submission_counts(handle self) {
     object queued;
     try {
         queued = call_method(field(self, ID("_submission_queue")), ID("qsize"));
@@ -100,8 +98,7 @@ static double count_query(handle conn, store::Stmt sql, handle lo, handle hi) {
     return as_double(getitem(row, int_of(0)));
 }
 
-static object discovery_rate_nudge(Args& a) {
-    handle self = a.me();
+static object discovery_rate_nudge(handle self) {
     if (!field_true(self, ID("_tracker_uses_persistent_store"))) return none();
     try {
         object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));

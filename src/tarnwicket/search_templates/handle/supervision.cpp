@@ -39,8 +39,7 @@ static void watch_pipeline_thread(handle self, handle thread_field, handle degra
     }
 }
 
-static object supervisor_loop_inner(Args& a) {
-    handle self = a.me();
+static object supervisor_loop_inner(handle self) {
     long long consecutive_failures = 0;
     object interruptible_wait = get_attr(self, ID("_interruptible_wait"));
     while (true) {
@@ -123,9 +122,9 @@ static object supervisor_loop_inner(Args& a) {
     }
 }
 
-static object supervisor_loop(Args& a) {
+static object supervisor_loop(handle self) {
     try {
-        call_method(a.me(), ID("_supervisor_loop_inner"));
+        call_method(self, ID("_supervisor_loop_inner"));
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         log_error_exc("supervisor_loop_crashed", e);
@@ -133,9 +132,8 @@ static object supervisor_loop(Args& a) {
     return none();
 }
 
-static object set_fatal_error(Args& a) {
-    handle self = a.me();
-    handle code = a[0], advice = a[1], message = a[2];
+static object set_fatal_error(handle self, handle error_code, handle recovery_advice, handle message) {
+    handle code = error_code, advice = recovery_advice;
     {
         Locked guard(lock_of(self));
         set_field(self, ID("_running"), bool_of(false));
@@ -163,10 +161,9 @@ static object set_fatal_error(Args& a) {
     return none();
 }
 
-static object append_error(Args& a) {
-    handle self = a.me();
+static object append_error(handle self, handle message) {
     Locked guard(lock_of(self));
-    append_to(field(self, ID("_errors")), a[0]);
+    append_to(field(self, ID("_errors")), message);
     return none();
 }
 
@@ -188,10 +185,8 @@ static void account_component(handle self, handle failures, handle backoff_secon
     }
 }
 
-static object record_background_failure(Args& a) {
-    handle self = a.me();
-    handle component = a[0], operation = a[1], exc = a[2];
-    bool backoff = truthy(a[3]);
+static object record_background_failure(handle self, handle component, handle operation, handle exc, handle backoff_arg) {
+    bool backoff = truthy(backoff_arg);
     object cls_name = get_attr(borrow(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), ID("__name__"));
     object message = ftext({component, str_of(" "), operation, str_of(" failed ("), cls_name, str_of("): "), exc});
     log_warning("%s", {message});
@@ -213,9 +208,7 @@ static object record_background_failure(Args& a) {
     return none();
 }
 
-static object reset_background_failures(Args& a) {
-    handle self = a.me();
-    handle component = a[0];
+static object reset_background_failures(handle self, handle component) {
     Locked guard(lock_of(self));
     if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0)
         set_field(self, ID("_submission_failures"), int_of(0));

@@ -24,8 +24,7 @@ static object in_sandbox(F&& step) {
 
 // ---------------------------------------------------------------- start-up
 
-static object start_all_threads(Args& a) {
-    handle self = a.me();
+static object start_all_threads(handle self) {
     if (!is_none(field(self, ID("_fatal_error")))) return none();
     if (is_none(field(self, ID("_backtester")))) {
         log_warning("Backtester unavailable during search startup; handle will remain running without worker threads.");
@@ -69,8 +68,7 @@ static object start_all_threads(Args& a) {
 
 // ---------------------------------------------------------------- workers
 
-static object worker_loop(Args& a) {
-    handle self = a.me();
+static object worker_loop(handle self, handle worker_id) {
     {
         Locked guard(lock_of(self));
         add_int(self, ID("_worker_start_count"), 1);
@@ -80,7 +78,7 @@ static object worker_loop(Args& a) {
             event_set(field(self, ID("_worker_start_event")));
     }
     try {
-        call_method(self, ID("_worker_loop_inner"), {a[0]});
+        call_method(self, ID("_worker_loop_inner"), {worker_id});
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         log_error_exc("worker_loop_crashed", e);
@@ -109,9 +107,7 @@ static object build_context(handle self) {
                     {ID("replacement_abort_event"), field(self, ID("_replacement_abort_event"))}});
 }
 
-static object worker_loop_inner(Args& a) {
-    handle self = a.me();
-    handle worker_id = a[0];
+static object worker_loop_inner(handle self, handle worker_id) {
     int restart_count = 0;
     const int max_restarts = 20;
     while (true) {
@@ -166,8 +162,8 @@ static object worker_loop_inner(Args& a) {
     }
 }
 
-static object spawn_worker(Args& a) {
-    handle h = a[0], worker_id = a[1];
+static object spawn_worker(handle handle_, handle worker_id) {
+    handle h = handle_;
     object zero = int_of(0);
     if (check_int(PyObject_RichCompareBool(worker_id.ptr(), zero.ptr(), Py_LT))) return none();
     object t = new_thread(get_attr(h, ID("_worker_loop")), ftext({str_of("worker_"), worker_id}), {worker_id});
@@ -176,9 +172,9 @@ static object spawn_worker(Args& a) {
     return none();
 }
 
-static object restart_worker(Args& a) {
-    handle h = a[0];
-    long long count = PyLong_AsLongLong(a[1].ptr());
+static object restart_worker(handle handle_, handle count_arg) {
+    handle h = handle_;
+    long long count = PyLong_AsLongLong(count_arg.ptr());
     if (count == -1 && PyErr_Occurred()) throw_py();
     for (long long i = 0; i < count; ++i) {
         object threads = field(h, ID("_worker_threads"));
@@ -202,17 +198,15 @@ static bool interruptible_wait(handle stop_event, double timeout) {
     return event_is_set(stop_event);
 }
 
-static object f_interruptible_wait(Args& a) { return bool_of(interruptible_wait(a[0], as_double(a[1]))); }
+static object f_interruptible_wait(handle stop_event, handle timeout) { return bool_of(interruptible_wait(stop_event, as_double(timeout))); }
 
-static object build_era_thread(Args& a) {
-    handle self = a.me();
+static object build_era_thread(handle self) {
     object factory = st_attr_or_none(ID("_era_thread_factory"));
     if (PyCallable_Check(factory.ptr())) return call(factory);
     return new_thread(get_attr(self, ID("_era_loop")), "era_thread");
 }
 
-static object era_loop(Args& a) {
-    handle self = a.me();
+static object era_loop(handle self) {
     object era_config = field(self, ID("_era_config"));
     object era_id = is_none(era_config) ? int_of(1) : get_attr_or(era_config, ID("era_id"), int_of(1));
     object stop_event = field(self, ID("_stop_event"));
@@ -239,9 +233,7 @@ static object era_loop(Args& a) {
     return none();
 }
 
-static object on_era_change(Args& a) {
-    handle self = a.me();
-    handle event_type = a[0];
+static object on_era_change(handle self, handle event_type, handle era_id) {
     auto is_kind = [&](const char* kind) {
         return is_str(event_type) && PyUnicode_CompareWithASCIIString(event_type.ptr(), kind) == 0;
     };

@@ -278,31 +278,36 @@ static object poll_status_internal(handle submission_id) {
 
 // ---------------------------------------------------------------- bindings
 
-static object f_entry(Args& a) { return pool_id_from_config_entry(a[0]); }
-static object f_first_pool(Args& a) { return first_signal_pool_id_from_era_config(a[0]); }
+static object f_entry(handle pool) { return pool_id_from_config_entry(pool); }
+static object f_first_pool(handle era_config) { return first_signal_pool_id_from_era_config(era_config); }
 static object f_url(Args&) { return resolve_signal_service_url(); }
 static object f_auth_obj(Args&) { return submission_auth_obj(); }
 static object f_token(Args&) { return get_submission_token(); }
-static object f_client(Args& a) { return build_client(a[0]); }
+static object f_client(handle timeout) { return build_client(timeout); }
 
-static object f_submit_signal(Args& a) {
+static object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, handle is_stats, handle is_pnl_mi, handle expression_elapsed_seconds, handle metaparameters, handle search_state) {
     object payload = new_dict();
-    const char* names[] = {"graph", "universe_id", "signal_pool_id", "is_stats", "is_pnl_mi",
-                           "expression_elapsed_seconds", "metaparameters", "search_state"};
-    for (std::size_t i = 0; i < 8; ++i) dict_set(payload, str_of(names[i]), a[i]);
+    dict_set(payload, ID("graph"), graph);
+    dict_set(payload, ID("universe_id"), universe_id);
+    dict_set(payload, ID("signal_pool_id"), signal_pool_id);
+    dict_set(payload, ID("is_stats"), is_stats);
+    dict_set(payload, ID("is_pnl_mi"), is_pnl_mi);
+    dict_set(payload, ID("expression_elapsed_seconds"), expression_elapsed_seconds);
+    dict_set(payload, ID("metaparameters"), metaparameters);
+    dict_set(payload, ID("search_state"), search_state);
     if (object f = late::replacement(ID("_submit_signal_payload"), o_submit_payload)) return call(f, {payload});
     return submit_signal_payload(payload);
 }
 
-static object f_poll_status(Args& a) {
-    if (object f = late::replacement(ID("_poll_status_internal"), o_poll_internal)) return call(f, {a[0]});
-    return poll_status_internal(a[0]);
+static object f_poll_status(handle submission_id) {
+    if (object f = late::replacement(ID("_poll_status_internal"), o_poll_internal)) return call(f, {submission_id});
+    return poll_status_internal(submission_id);
 }
 
-static object f_submit_payload(Args& a) { return submit_signal_payload(a[0]); }
-static object f_details(Args& a) { return details_from_body(a[0]); }
-static object f_to_receipt(Args& a) { return result_to_receipt(a[0], a[1], a[2], a[3]); }
-static object f_poll_internal(Args& a) { return poll_status_internal(a[0]); }
+static object f_submit_payload(handle payload) { return submit_signal_payload(payload); }
+static object f_details(handle body) { return details_from_body(body); }
+static object f_to_receipt(handle result, handle submission_type, handle SubmissionReceipt, handle SubmissionRejectedError) { return result_to_receipt(result, submission_type, SubmissionReceipt, SubmissionRejectedError); }
+static object f_poll_internal(handle submission_id) { return poll_status_internal(submission_id); }
 
 }  // namespace tw::binding
 

@@ -183,25 +183,25 @@ void backoff_sleep(handle seconds) {
 
 // ---------------------------------------------------------------- bindings
 
-static object f_serialize(Args& a) { return serialize(a[0]); }
-static object f_for_storage(Args& a) {
-    if (!is_dict(a[0])) raise(PyExc_TypeError, "payload must be a dict");
-    return for_storage(a[0]);
+static object f_serialize(handle payload) { return serialize(payload); }
+static object f_for_storage(handle payload) {
+    if (!is_dict(payload)) raise(PyExc_TypeError, "payload must be a dict");
+    return for_storage(payload);
 }
-static object f_load(Args& a) { return load(a[0]); }
-static object f_require_keys(Args& a) {
-    require_typed_keys(a[0], a[1], a[2]);
+static object f_load(handle payload_json) { return load(payload_json); }
+static object f_require_keys(handle payload, handle source_kind, handle row_id) {
+    require_typed_keys(payload, source_kind, row_id);
     return none();
 }
-static object f_resolve_pools(Args& a) { return resolve_pool_ids(a[0], a[1]); }
-static object f_validate(Args& a) {
-    validate_submit_contract(a[0]);
+static object f_resolve_pools(handle conn, handle payload) { return resolve_pool_ids(conn, payload); }
+static object f_validate(handle kwargs) {
+    validate_submit_contract(kwargs);
     return none();
 }
-static object f_submit_kwargs(Args& a) { return submit_kwargs(a[0], a[1]); }
-static object f_persistent(Args& a) { return bool_of(uses_persistent_store(a[0])); }
-static object f_backoff_sleep(Args& a) {
-    backoff_sleep(a[0]);
+static object f_submit_kwargs(handle payload, handle allowed) { return submit_kwargs(payload, allowed); }
+static object f_persistent(handle tracker) { return bool_of(uses_persistent_store(tracker)); }
+static object f_backoff_sleep(handle seconds) {
+    backoff_sleep(seconds);
     return none();
 }
 

@@ -21,16 +21,15 @@ static object sorted_joined(handle names) {
     return steal(PyUnicode_Join(sep.ptr(), l.ptr()));
 }
 
-static object vse_init(Args& a) {
-    handle self = a.me();
-    object source_kind = py_str(a[0]);
-    object missing = steal(PyFrozenSet_New(a[1].ptr()));
-    object unexpected = steal(PyFrozenSet_New(a[2].ptr()));
+static object vse_init(handle self, handle source_kind_arg, handle missing_arg, handle unexpected_arg, handle entry, handle message_arg) {
+    object source_kind = py_str(source_kind_arg);
+    object missing = steal(PyFrozenSet_New(missing_arg.ptr()));
+    object unexpected = steal(PyFrozenSet_New(unexpected_arg.ptr()));
     set_attr(self, ID("source_kind"), source_kind);
     set_attr(self, ID("missing"), missing);
     set_attr(self, ID("unexpected"), unexpected);
-    set_attr(self, ID("entry"), a[3]);
-    object message = borrow(a[4].ptr());
+    set_attr(self, ID("entry"), entry);
+    object message = borrow(message_arg.ptr());
     if (is_none(message)) {
         object parts = new_list();
         list_append(parts, ftext({str_of("vocabulary "), source_kind, str_of(" entry violates canonical contract")}));
@@ -198,14 +197,14 @@ object normalize(handle vocab) {
 
 // ---------------------------------------------------------------- bindings
 
-static object f_flatten(Args& a) { return flatten_entries(a[0]); }
-static object f_normalize(Args& a) { return normalize(a[0]); }
-static object f_validate_function(Args& a) {
-    validate_function_entry(a[0], a[1]);
+static object f_flatten(handle node) { return flatten_entries(node); }
+static object f_normalize(handle vocab) { return normalize(vocab); }
+static object f_validate_function(handle entry, handle source_kind) {
+    validate_function_entry(entry, source_kind);
     return none();
 }
-static object f_validate_feature(Args& a) {
-    validate_feature_entry(a[0]);
+static object f_validate_feature(handle entry) {
+    validate_feature_entry(entry);
     return none();
 }
 

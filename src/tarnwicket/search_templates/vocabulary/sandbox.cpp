@@ -303,7 +303,7 @@ object f_template_sandbox(Args&) {
 
 object f_template_sandbox_active(Args&) { return bool_of(sandbox_active_impl()); }
 
-object f_raise_violation(Args& a) { raise_violation_impl(a[0]); }
+object f_raise_violation(handle operation) { raise_violation_impl(operation); }
 
 object f_install_hooks(Args&) {
     install_hooks_impl();
