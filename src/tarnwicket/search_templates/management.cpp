@@ -13,7 +13,7 @@ namespace {
 constexpr const char* kNoActiveSearchAdvice = "Call tarnwicket.search(template) first to start one.";
 constexpr const char* kNoActiveSearchMessage = "No active search. Call tarnwicket.search(template) first to start one.";
 
-object f_status(Args&) {
+object f_status() {
     object lock = global(ID("_search_active_lock"));
     object active = with_lock(lock, [&] { return global(ID("_active_search_handle")); });
     if (!is_none(active)) return call_method(active, ID("status"));
@@ -48,14 +48,14 @@ object f_agent_onboarding_data_dir(handle default_) {
     return call_method(config, ID("get"), {str_of("data_dir"), dflt});
 }
 
-object f_configured_tracking_data_dir(Args&) {
+object f_configured_tracking_data_dir() {
     object data_dir = call(global(ID("_agent_onboarding_data_dir")));
     if (is_none(data_dir))
         raise_obj(call(handle(PyExc_OSError), {str_of("data_dir is required for search tracking database management.")}));
     return call_method(import_module("os.path"), ID("expanduser"), {data_dir});
 }
 
-object f_new_management_tracker(Args&) {
+object f_new_management_tracker() {
     object tracker_cls = st_attr_or_none(ID("SearchTracker"));
     if (is_none(tracker_cls)) tracker_cls = import_attr("tarnwicket.search_tracking", ID("SearchTracker"));
     object data_dir = call(global(ID("_configured_tracking_data_dir")));
@@ -105,12 +105,12 @@ object f_delete_failed_evaluations(handle eval_type) {
                    {{ID("eval_type"), eval_type}});
 }
 
-object f_get_db_info(Args&) {
+object f_get_db_info() {
     call(global(ID("_raise_if_management_blocked")));
     return call(global(ID("_call_management_tracker")), {str_of("get_db_info")});
 }
 
-object f_inject_heartbeat(Args&) { return none(); }
+object f_inject_heartbeat() { return none(); }
 
 object f_safe_update_nudge(handle trigger, handle context) {
     try {

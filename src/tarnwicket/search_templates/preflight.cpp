@@ -27,7 +27,7 @@ object f_is_authed(handle mod) {
     return bool_of(true);
 }
 
-object f_check_memory(Args&) {
+object f_check_memory() {
     object psutil;
     try {
         psutil = import_module("psutil");
@@ -50,7 +50,7 @@ object f_check_memory(Args&) {
     return none();
 }
 
-object f_check_disk(Args&) {
+object f_check_disk() {
     try {
         object os_path = import_module("os.path");
         object home = call_method(os_path, ID("expanduser"), {str_of("~")});
@@ -73,7 +73,7 @@ object f_check_disk(Args&) {
     return none();
 }
 
-object f_raise_if_management_blocked(Args&) {
+object f_raise_if_management_blocked() {
     object lock = global(ID("_search_active_lock"));
     with_lock(lock, [&] {
         if (truthy(global(ID("_search_active"))))

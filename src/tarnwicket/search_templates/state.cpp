@@ -14,7 +14,7 @@ namespace {
 // is stopped as stop() does it: persisted work is kept, the threads are joined
 // and the active flags are cleared. From here on, threads that outlive their
 // join are left to the host, and nothing of theirs touches the module again.
-object stop_searches_at_exit(Args&) {
+object stop_searches_at_exit() {
     object handles = list_from(global(ID("_active_handles")));
     object latest = global_or_none(ID("_active_search_handle"));
     if (!is_none(latest)) list_append(handles, latest);

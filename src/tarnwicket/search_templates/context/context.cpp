@@ -188,10 +188,10 @@ static object get_universe_id(handle self) { return get_attr(self, ID("_universe
 static object get_metaparameters(handle self) { return get_attr(self, ID("_metaparameters")); }
 static object get_max_depth(handle self) { return get_attr(self, ID("_max_depth")); }
 static object get_analytics(handle self) { return get_attr(self, ID("_analytics")); }
-static object set_vocabulary(Args&) { raise(PyExc_AttributeError, "vocabulary is read-only"); }
-static object set_universe_id(Args&) { raise(PyExc_AttributeError, "universe_id is read-only"); }
-static object set_metaparameters(Args&) { raise(PyExc_AttributeError, "metaparameters is read-only"); }
-static object set_max_depth(Args&) { raise(PyExc_AttributeError, "max_depth is read-only"); }
+static object set_vocabulary(handle, handle) { raise(PyExc_AttributeError, "vocabulary is read-only"); }
+static object set_universe_id(handle, handle) { raise(PyExc_AttributeError, "universe_id is read-only"); }
+static object set_metaparameters(handle, handle) { raise(PyExc_AttributeError, "metaparameters is read-only"); }
+static object set_max_depth(handle, handle) { raise(PyExc_AttributeError, "max_depth is read-only"); }
 
 static object refresh_analytics(handle self) {
     object tracker = get_attr(self, ID("_tracker"));

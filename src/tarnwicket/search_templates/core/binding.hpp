@@ -109,51 +109,7 @@ struct Typed<F> {
     }
 };
 
-// ---------------------------------------------------------------- transitional
-
-// The older form `object f(Args&)`, unpacking by position. Kept only while the
-// subsystems move to typed functions.
-struct Args {
-    PyObject* self = nullptr;
-    std::array<PyObject*, Signature::max_params> slot{};
-    object varargs;
-    object varkw;
-    handle operator[](std::size_t i) const { return handle(slot[i]); }
-    handle me() const { return handle(self); }
-};
-using Impl = object (*)(Args&);
-
-template <object (*F)(Args&)>
-struct Typed<F> {
-    static inline Signature* sig = nullptr;
-    static PyObject* tramp(PyObject* self, PyObject* const* args, Py_ssize_t nargsf, PyObject* kwnames) {
-        try {
-            Signature::Bound b;
-            sig->bind(self, args, PyVectorcall_NARGS(nargsf), kwnames, b);
-            Args a;
-            std::size_t k = 0;
-            if (sig->has_self) a.self = b.argv[k++];
-            for (std::size_t i = 0; i < sig->params.size(); ++i) a.slot[i] = b.argv[k++];
-            a.varargs = b.varargs;
-            a.varkw = b.varkw;
-            return F(a).release().ptr();
-        } catch (py::error_already_set& e) {
-            e.restore();
-            return nullptr;
-        } catch (...) {
-            translate_current_cpp_exception();
-            return nullptr;
-        }
-    }
-    static PyMethodDef* def(const char* text_sig, const char* doc) {
-        return make_def(text_sig, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&tramp)), doc, sig, static_cast<std::size_t>(-1));
-    }
-};
-
 }  // namespace detail
-
-using detail::Args;
-using detail::Impl;
 
 // A free function object (not placed anywhere), e.g. for properties, hooks or staticmethods.
 template <auto F>

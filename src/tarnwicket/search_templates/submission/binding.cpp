@@ -280,9 +280,9 @@ static object poll_status_internal(handle submission_id) {
 
 static object f_entry(handle pool) { return pool_id_from_config_entry(pool); }
 static object f_first_pool(handle era_config) { return first_signal_pool_id_from_era_config(era_config); }
-static object f_url(Args&) { return resolve_signal_service_url(); }
-static object f_auth_obj(Args&) { return submission_auth_obj(); }
-static object f_token(Args&) { return get_submission_token(); }
+static object f_url() { return resolve_signal_service_url(); }
+static object f_auth_obj() { return submission_auth_obj(); }
+static object f_token() { return get_submission_token(); }
 static object f_client(handle timeout) { return build_client(timeout); }
 
 static object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, handle is_stats, handle is_pnl_mi, handle expression_elapsed_seconds, handle metaparameters, handle search_state) {

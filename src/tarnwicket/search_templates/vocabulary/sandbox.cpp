@@ -294,18 +294,18 @@ PyType_Spec g_guard_spec = {
 
 // ---------------------------------------------------------------- module functions
 
-object f_template_sandbox(Args&) {
+object f_template_sandbox() {
     PyObject* g = PyType_GenericAlloc(g_guard_type, 0);
     if (!g) throw_py();
     reinterpret_cast<GuardObject*>(g)->ident = nullptr;
     return steal(g);
 }
 
-object f_template_sandbox_active(Args&) { return bool_of(sandbox_active_impl()); }
+object f_template_sandbox_active() { return bool_of(sandbox_active_impl()); }
 
 object f_raise_violation(handle operation) { raise_violation_impl(operation); }
 
-object f_install_hooks(Args&) {
+object f_install_hooks() {
     install_hooks_impl();
     return none();
 }
