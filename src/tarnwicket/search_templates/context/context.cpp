@@ -3,11 +3,12 @@
 // evaluation recorder.
 #include "context/context.hpp"
 
-#include "context/late_bound.hpp"
 
 namespace tw::ctx {
 
-PyObject* g_require_threshold_fn = nullptr;
+static const LateFn k_require_threshold("_require_search_threshold");
+// The class's static of the same name: only its identity is tested.
+static const LateFn k_class_require_threshold("SearchContext._require_search_threshold");
 
 // ---------------------------------------------------------------- thresholds
 
@@ -34,16 +35,13 @@ object require_threshold(handle thresholds, handle name) {
     return value;
 }
 
-static PyObject* g_class_require_fn = nullptr;
-
 object require_threshold_late(handle self, handle thresholds, handle name) {
     // The class's own static forwards to the module function; a replacement of
     // either is obeyed.
     object via_instance = get_attr(self, ID("_require_search_threshold"));
-    if (via_instance.ptr() != g_class_require_fn) return call(via_instance, {thresholds, name});
-    object fn = global(ID("_require_search_threshold"));
-    if (fn.ptr() == g_require_threshold_fn) return require_threshold(thresholds, name);
-    return call(fn, {thresholds, name});
+    if (!k_class_require_threshold.own(via_instance)) return call(via_instance, {thresholds, name});
+    if (object f = k_require_threshold.replaced()) return call(f, {thresholds, name});
+    return require_threshold(thresholds, name);
 }
 
 // ---------------------------------------------------------------- analytics
@@ -260,9 +258,8 @@ static object c_build_analytics(handle tracker, handle era_config) {
 }
 static object c_resolve_thresholds(handle thresholds, handle era_config) { return call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}); }
 static object c_require_threshold(handle thresholds, handle name) {
-    object fn = global(ID("_require_search_threshold"));
-    if (fn.ptr() == g_require_threshold_fn) return require_threshold(thresholds, name);
-    return call(fn, {thresholds, name});
+    if (object f = k_require_threshold.replaced()) return call(f, {thresholds, name});
+    return require_threshold(thresholds, name);
 }
 
 }  // namespace tw::ctx
@@ -292,18 +289,13 @@ void register_context(handle m) {
     register_evaluate(cls);
 
     // Helpers that need no context: module functions, also reachable from the class.
-    object build = def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
-    object resolve = def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
-    object require = def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
-    // Kept for the life of the process, so that the identity tests never meet a
-    // new object at a freed address.
-    g_require_threshold_fn = require.inc_ref().ptr();
-    (void)build;
-    (void)resolve;
+    def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
+    def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
+    def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
     def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
     def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
-    g_class_require_fn =
-        def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)").release().ptr();
+    keep_original(k_class_require_threshold.name(),
+                  def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)"));
     set_global("SearchContext", cls);
 }
 

@@ -1,7 +1,6 @@
 // The path of one expression graph: shape checks, time budget, backtest,
 // rejection tiers, metric contract, record and durable enqueue.
 #include "context/context.hpp"
-#include "context/late_bound.hpp"
 #include "context/metric_contract.hpp"
 #include "submission/payload.hpp"
 
@@ -82,12 +81,15 @@ object budget_of(handle era_config) {
 }
 
 // A module function reached through the namespace; direct when unreplaced.
-object late_call(handle name, const late::Original& original, object (*direct)(handle), handle arg) {
-    if (object fn = late::replacement(name, original)) return call(fn, {arg});
+object late_call(const LateFn& late, object (*direct)(handle), handle arg) {
+    if (object fn = late.replaced()) return call(fn, {arg});
     return direct(arg);
 }
 
-late::Original g_collect_fn, g_factor_fn, g_per_column_fn, g_pnl_mi_fn;
+const LateFn k_collect("_collect_required_backtest_stats");
+const LateFn k_factor_pnl("_normalize_factor_pnl");
+const LateFn k_per_column("_normalize_per_column_stats");
+const LateFn k_pnl_mi("_is_pnl_mi_from_backtest_stats");
 
 object collect_direct(handle s) {
     auto [v, r] = metrics::collect_required(s);
@@ -166,13 +168,13 @@ static object evaluate(handle self, handle expr_graph) {
         }
     }
 
-    object collected = late_call(ID("_collect_required_backtest_stats"), g_collect_fn, collect_direct, bt_stats);
+    object collected = late_call(k_collect, collect_direct, bt_stats);
     object stats_dict = getitem(collected, int_of(0));
     object stats_reason = getitem(collected, int_of(1));
     if (!is_none(stats_reason)) return reject(self, graph, stats_reason);
-    object factor_pnl = late_call(ID("_normalize_factor_pnl"), g_factor_fn, metrics::normalize_factor_pnl,
+    object factor_pnl = late_call(k_factor_pnl, metrics::normalize_factor_pnl,
                              get_attr_or_none(bt_stats, ID("factor_pnl")));
-    object per_column = late_call(ID("_normalize_per_column_stats"), g_per_column_fn, metrics::normalize_per_column_stats,
+    object per_column = late_call(k_per_column, metrics::normalize_per_column_stats,
                              get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));
     object result = call_kw(global(ID("BacktestResult")), {},
                             {{ID("expression"), graph},
@@ -195,7 +197,7 @@ static object evaluate(handle self, handle expr_graph) {
     dict_set(payload, ID("universe_id"), get_attr(self, ID("_universe_id")));
     dict_set(payload, ID("signal_pool_id"), get_attr(self, ID("_signal_pool_id")));
     dict_set(payload, ID("is_stats"), stats_dict);
-    dict_set(payload, ID("is_pnl_mi"), late_call(ID("_is_pnl_mi_from_backtest_stats"), g_pnl_mi_fn,
+    dict_set(payload, ID("is_pnl_mi"), late_call(k_pnl_mi,
                                             metrics::is_pnl_mi_from_stats, bt_stats));
     dict_set(payload, ID("metaparameters"), get_attr(self, ID("_metaparams_for_db")));
     dict_set(payload, ID("search_state"), new_dict());
@@ -314,10 +316,6 @@ static object derive_rejection_reason(handle self, handle stats) {
 void register_evaluate(handle cls) {
     def_method<evaluate>(cls, "evaluate($self, expr_graph)");
     def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
-    g_collect_fn.keep(global(ID("_collect_required_backtest_stats")));
-    g_factor_fn.keep(global(ID("_normalize_factor_pnl")));
-    g_per_column_fn.keep(global(ID("_normalize_per_column_stats")));
-    g_pnl_mi_fn.keep(global(ID("_is_pnl_mi_from_backtest_stats")));
 }
 
 }  // namespace tw::ctx

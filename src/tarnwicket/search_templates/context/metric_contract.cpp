@@ -1,6 +1,6 @@
 #include "context/metric_contract.hpp"
 
-#include "context/late_bound.hpp"
+#include "core/module.hpp"
 
 namespace tw::metrics {
 

@@ -16,6 +16,23 @@ void set_context(handle newer, handle older) {
     PyException_SetContext(newer.ptr(), older.inc_ref().ptr());
 }
 
+void chain_fetched_error(PyObject* type, PyObject* value, PyObject* traceback) {
+    if (!type) return;
+    PyObject *t, *v, *tb;
+    PyErr_Fetch(&t, &v, &tb);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback) PyException_SetTraceback(value, traceback);
+    PyErr_NormalizeException(&t, &v, &tb);
+    if (v && v != value) {
+        PyException_SetContext(v, value);  // takes the reference to value
+        value = nullptr;
+    }
+    Py_XDECREF(type);
+    Py_XDECREF(value);
+    Py_XDECREF(traceback);
+    PyErr_Restore(t, v, tb);
+}
+
 void close_resource(handle resource) {
     object close = get_attr_or_none(resource, ID("close"));
     if (PyCallable_Check(close.ptr())) call(close);

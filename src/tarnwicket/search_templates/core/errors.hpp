@@ -17,6 +17,11 @@ object startup_error(const char* code, const char* advice, handle message);
 // raised while `older` is being handled; an exception is never its own context.
 void set_context(handle newer, handle older);
 
+// The raw form of set_context for code that runs without C++ exceptions: the
+// error now set gets the fetched error (type, value, traceback; references
+// taken over) as its context. Nothing is set when nothing was fetched.
+void chain_fetched_error(PyObject* type, PyObject* value, PyObject* traceback);
+
 // `close = getattr(resource, "close", None); if callable(close): close()`.
 void close_resource(handle resource);
 

@@ -4,8 +4,16 @@
 
 namespace tw::binding {
 
-static late::Original o_entry, o_first_pool, o_url, o_auth_obj, o_token, o_client, o_submit_payload, o_details,
-    o_to_receipt, o_poll_internal;
+static const LateFn k_build_signal_service_client("_build_signal_service_client");
+static const LateFn k_details_from_body("_details_from_body");
+static const LateFn k_first_signal_pool_id_from_era_config("_first_signal_pool_id_from_era_config");
+static const LateFn k_get_submission_token("_get_submission_token");
+static const LateFn k_poll_status_internal("_poll_status_internal");
+static const LateFn k_pool_id_from_config_entry("_pool_id_from_config_entry");
+static const LateFn k_resolve_signal_service_url("_resolve_signal_service_url");
+static const LateFn k_result_to_receipt("_result_to_receipt");
+static const LateFn k_submission_auth_obj("_submission_auth_obj");
+static const LateFn k_submit_signal_payload("_submit_signal_payload");
 
 static const char* kNotAuthenticated = "Not authenticated. Run register() or login(private_key) first.";
 
@@ -25,7 +33,7 @@ object pool_id_from_config_entry(handle pool) {
 }
 
 static object entry_pool_id(handle pool) {
-    if (object f = late::replacement(ID("_pool_id_from_config_entry"), o_entry)) return call(f, {pool});
+    if (object f = k_pool_id_from_config_entry.replaced()) return call(f, {pool});
     return pool_id_from_config_entry(pool);
 }
 
@@ -58,7 +66,7 @@ object first_signal_pool_id_from_era_config(handle era_config) {
 }
 
 object call_first_signal_pool_id(handle era_config) {
-    if (object f = late::replacement(ID("_first_signal_pool_id_from_era_config"), o_first_pool))
+    if (object f = k_first_signal_pool_id_from_era_config.replaced())
         return call(f, {era_config});
     return first_signal_pool_id_from_era_config(era_config);
 }
@@ -116,7 +124,7 @@ static object submission_auth_obj() {
 static object get_submission_token() {
     object auth_error = import_attr("tarnwicket.auth", ID("AuthError"));
     object auth_obj;
-    if (object f = late::replacement(ID("_submission_auth_obj"), o_auth_obj))
+    if (object f = k_submission_auth_obj.replaced())
         auth_obj = call(f);
     else
         auth_obj = submission_auth_obj();
@@ -142,13 +150,13 @@ static object get_submission_token() {
 static object build_client(handle timeout) {
     object client_cls = import_attr("tarnwicket.submit", ID("SignalServiceClient"));
     object url;
-    if (object f = late::replacement(ID("_resolve_signal_service_url"), o_url))
+    if (object f = k_resolve_signal_service_url.replaced())
         url = call(f);
     else
         url = resolve_signal_service_url();
     if (!truthy(url)) raise(PyExc_ConnectionError, "No submission server configured");
     object token;
-    if (object f = late::replacement(ID("_get_submission_token"), o_token))
+    if (object f = k_get_submission_token.replaced())
         token = call(f);
     else
         token = get_submission_token();
@@ -156,7 +164,7 @@ static object build_client(handle timeout) {
 }
 
 static object default_client() {
-    if (object f = late::replacement(ID("_build_signal_service_client"), o_client)) return call(f);
+    if (object f = k_build_signal_service_client.replaced()) return call(f);
     object timeout = float_of(30.0);
     return build_client(timeout);
 }
@@ -169,7 +177,7 @@ static object details_from_body(handle body) {
 }
 
 static object details_of(handle body) {
-    if (object f = late::replacement(ID("_details_from_body"), o_details)) return call(f, {body});
+    if (object f = k_details_from_body.replaced()) return call(f, {body});
     return details_from_body(body);
 }
 
@@ -235,7 +243,7 @@ static object submit_signal_payload(handle payload) {
         object empty = steal(PyTuple_New(0));
         object result = call_star(submit, empty, keyword_dict(kwargs));
         object kind = str_of("signal");
-        if (object f = late::replacement(ID("_result_to_receipt"), o_to_receipt))
+        if (object f = k_result_to_receipt.replaced())
             return call(f, {result, kind, receipt_cls, rejected_error});
         return result_to_receipt(result, kind, receipt_cls, rejected_error);
     });
@@ -295,12 +303,12 @@ static object f_submit_signal(handle graph, handle universe_id, handle signal_po
     dict_set(payload, ID("expression_elapsed_seconds"), expression_elapsed_seconds);
     dict_set(payload, ID("metaparameters"), metaparameters);
     dict_set(payload, ID("search_state"), search_state);
-    if (object f = late::replacement(ID("_submit_signal_payload"), o_submit_payload)) return call(f, {payload});
+    if (object f = k_submit_signal_payload.replaced()) return call(f, {payload});
     return submit_signal_payload(payload);
 }
 
 static object f_poll_status(handle submission_id) {
-    if (object f = late::replacement(ID("_poll_status_internal"), o_poll_internal)) return call(f, {submission_id});
+    if (object f = k_poll_status_internal.replaced()) return call(f, {submission_id});
     return poll_status_internal(submission_id);
 }
 
@@ -315,23 +323,23 @@ namespace tw {
 
 void register_binding(handle m) {
     using namespace binding;
-    o_entry.keep(def_function<f_entry>(m, "_pool_id_from_config_entry(pool)"));
-    o_first_pool.keep(def_function<f_first_pool>(m, "_first_signal_pool_id_from_era_config(era_config)"));
-    o_url.keep(def_function<f_url>(m, "_resolve_signal_service_url()"));
-    o_auth_obj.keep(def_function<f_auth_obj>(m, "_submission_auth_obj()"));
-    o_token.keep(def_function<f_token>(m, "_get_submission_token()"));
-    o_client.keep(def_function<f_client>(m, "_build_signal_service_client(timeout=30.0)"));
+    def_function<f_entry>(m, "_pool_id_from_config_entry(pool)");
+    def_function<f_first_pool>(m, "_first_signal_pool_id_from_era_config(era_config)");
+    def_function<f_url>(m, "_resolve_signal_service_url()");
+    def_function<f_auth_obj>(m, "_submission_auth_obj()");
+    def_function<f_token>(m, "_get_submission_token()");
+    def_function<f_client>(m, "_build_signal_service_client(timeout=30.0)");
     def_function<f_submit_signal>(m,
                                   "submit_signal(graph, universe_id, signal_pool_id, is_stats, is_pnl_mi, "
                                   "expression_elapsed_seconds, *, metaparameters=None, search_state=None)",
                                   "Submit one signal to the signal service; returns a SubmissionReceipt.");
     def_function<f_poll_status>(m, "poll_status(submission_id)",
                                 "Poll the signal service for a submission's status; returns a SubmissionStatus.");
-    o_submit_payload.keep(def_function<f_submit_payload>(m, "_submit_signal_payload(payload)"));
-    o_details.keep(def_function<f_details>(m, "_details_from_body(body)"));
-    o_to_receipt.keep(def_function<f_to_receipt>(
-        m, "_result_to_receipt(result, submission_type, SubmissionReceipt, SubmissionRejectedError)"));
-    o_poll_internal.keep(def_function<f_poll_internal>(m, "_poll_status_internal(submission_id)"));
+    def_function<f_submit_payload>(m, "_submit_signal_payload(payload)");
+    def_function<f_details>(m, "_details_from_body(body)");
+    def_function<f_to_receipt>(
+        m, "_result_to_receipt(result, submission_type, SubmissionReceipt, SubmissionRejectedError)");
+    def_function<f_poll_internal>(m, "_poll_status_internal(submission_id)");
 }
 
 }  // namespace tw

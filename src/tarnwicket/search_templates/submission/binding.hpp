@@ -3,7 +3,7 @@
 // client's plain results to receipts, statuses and errors.
 #pragma once
 
-#include "context/late_bound.hpp"
+#include "core/module.hpp"
 
 namespace tw::binding {
 

@@ -3,14 +3,14 @@
 // shares.
 #include "submission/payload.hpp"
 
-#include "context/late_bound.hpp"
 #include "context/metric_contract.hpp"
 #include "collaborators/store.hpp"
 
 namespace tw::payload {
 
-static PyObject* g_serialize_fn = nullptr;
-static PyObject* g_persistent_fn = nullptr;
+static const LateFn k_serialize("_serialize_submission_payload");
+static const LateFn k_uses_persistent_store("_tracker_uses_persistent_store");
+static const LateFn k_submit_kwargs("_submit_kwargs_from_payload");
 
 object serialize(handle payload) {
     object dumps = import_attr("json", ID("dumps"));
@@ -18,9 +18,8 @@ object serialize(handle payload) {
 }
 
 object serialize_late(handle payload) {
-    object fn = global(ID("_serialize_submission_payload"));
-    if (fn.ptr() == g_serialize_fn) return serialize(payload);
-    return call(fn, {payload});
+    if (object f = k_serialize.replaced()) return call(f, {payload});
+    return serialize(payload);
 }
 
 bool uses_persistent_store(handle tracker) {
@@ -29,9 +28,8 @@ bool uses_persistent_store(handle tracker) {
 }
 
 bool uses_persistent_store_late(handle tracker) {
-    object fn = global(ID("_tracker_uses_persistent_store"));
-    if (fn.ptr() == g_persistent_fn) return uses_persistent_store(tracker);
-    return truthy(call(fn, {tracker}));
+    if (object f = k_uses_persistent_store.replaced()) return truthy(call(f, {tracker}));
+    return uses_persistent_store(tracker);
 }
 
 static const char* kTransient[] = {"_queue_id",       "retry_id",           "retry_count",         "retry_after",
@@ -167,12 +165,9 @@ object submit_kwargs(handle payload, handle allowed) {
     return out;
 }
 
-static PyObject* g_submit_kwargs_fn = nullptr;
-
 object call_submit_kwargs(handle payload, handle allowed) {
-    object fn = global(ID("_submit_kwargs_from_payload"));
-    if (fn.ptr() == g_submit_kwargs_fn) return submit_kwargs(payload, allowed);
-    return call(fn, {payload, allowed});
+    if (object f = k_submit_kwargs.replaced()) return call(f, {payload, allowed});
+    return submit_kwargs(payload, allowed);
 }
 
 void backoff_sleep(handle seconds) {
@@ -211,14 +206,14 @@ namespace tw {
 
 void register_payload(handle m) {
     using namespace payload;
-    g_serialize_fn = def_function<f_serialize>(m, "_serialize_submission_payload(payload)").release().ptr();
+    def_function<f_serialize>(m, "_serialize_submission_payload(payload)");
     def_function<f_for_storage>(m, "_submission_payload_for_storage(payload)");
     def_function<f_load>(m, "_load_submission_payload(payload_json)");
     def_function<f_require_keys>(m, "_require_payload_typed_keys(payload, source_kind, row_id)");
     def_function<f_resolve_pools>(m, "_resolve_submission_pool_ids(conn, payload)");
     def_function<f_validate>(m, "_validate_submit_contract_kwargs(kwargs)");
-    g_submit_kwargs_fn = def_function<f_submit_kwargs>(m, "_submit_kwargs_from_payload(payload, allowed)").release().ptr();
-    g_persistent_fn = def_function<f_persistent>(m, "_tracker_uses_persistent_store(tracker)").release().ptr();
+    def_function<f_submit_kwargs>(m, "_submit_kwargs_from_payload(payload, allowed)");
+    def_function<f_persistent>(m, "_tracker_uses_persistent_store(tracker)");
     def_function<f_backoff_sleep>(m, "_submission_backoff_sleep(seconds)");
 }
 

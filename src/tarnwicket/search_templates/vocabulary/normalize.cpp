@@ -1,6 +1,6 @@
 #include "vocabulary/normalize.hpp"
 
-#include "context/late_bound.hpp"
+#include "core/module.hpp"
 
 #include <algorithm>
 

@@ -16,11 +16,11 @@ namespace tw {
 
 namespace {
 
-// Our own function objects, for the identity test on the hot path: a name
-// replaced in the module namespace is called instead.
-PyObject* g_active_fn = nullptr;
-PyObject* g_raise_fn = nullptr;
-PyObject* g_install_fn = nullptr;
+// The hooked entry points run without C++ exceptions: they read these names
+// with global_ref() and test them with own().
+const LateFn k_active("_template_sandbox_active");
+const LateFn k_raise_violation("_raise_template_sandbox_violation");
+const LateFn k_install_hooks("_install_template_sandbox_hooks");
 PyTypeObject* g_guard_type = nullptr;
 
 // Module global as a borrowed reference, or null with NameError set.
@@ -94,7 +94,7 @@ int sandbox_active_raw() {
     r = host_lock_release_raw(lock);
     Py_DECREF(lock);
     if (!r) {
-        if (found < 0) _PyErr_ChainExceptions(et, ev, etb);
+        if (found < 0) chain_fetched_error(et, ev, etb);
         return -1;
     }
     Py_DECREF(r);
@@ -137,11 +137,10 @@ void install_hooks_impl() {
 }
 
 void install_hooks() {
-    object fn = global(ID("_install_template_sandbox_hooks"));
-    if (fn.ptr() == g_install_fn)
-        install_hooks_impl();
+    if (object f = k_install_hooks.replaced())
+        call(f);
     else
-        call(fn);
+        install_hooks_impl();
 }
 
 // ---------------------------------------------------------------- hooked entry points
@@ -163,7 +162,7 @@ PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyOb
     PyObject* active_fn = global_ref(ID("_template_sandbox_active"));
     if (!active_fn) return nullptr;
     int active;
-    if (active_fn == g_active_fn) {
+    if (k_active.own(handle(active_fn))) {
         active = sandbox_active_raw();
     } else {
         Py_INCREF(active_fn);
@@ -177,7 +176,7 @@ PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyOb
     if (active) {
         PyObject* raise_fn = global_ref(ID("_raise_template_sandbox_violation"));
         if (!raise_fn) return nullptr;
-        if (raise_fn == g_raise_fn) {
+        if (k_raise_violation.own(handle(raise_fn))) {
             set_violation(operation);
             return nullptr;
         }
@@ -332,9 +331,9 @@ void register_sandbox(handle m) {
     }
 
     def_function<f_template_sandbox>(m, "_template_sandbox()");
-    g_active_fn = def_function<f_template_sandbox_active>(m, "_template_sandbox_active()").release().ptr();
-    g_raise_fn = def_function<f_raise_violation>(m, "_raise_template_sandbox_violation(operation)").release().ptr();
-    g_install_fn = def_function<f_install_hooks>(m, "_install_template_sandbox_hooks()").release().ptr();
+    def_function<f_template_sandbox_active>(m, "_template_sandbox_active()");
+    def_function<f_raise_violation>(m, "_raise_template_sandbox_violation(operation)");
+    def_function<f_install_hooks>(m, "_install_template_sandbox_hooks()");
 }
 
 }  // namespace tw
