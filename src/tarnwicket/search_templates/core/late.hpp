@@ -32,10 +32,38 @@ public:
         if (own(f)) return object();
         return f;
     }
+    // The module's own object behind this name (borrowed), null when none was kept.
+    PyObject* original() const;
 
 private:
+    int slot() const;
     PyObject* name_;          // interned, immortal for our purposes
     mutable int slot_ = -1;   // index into module_state().originals, found at first use
+};
+
+// An attribute of a host module, bound late in the same way: `random.randint`
+// is read from the `random` module at each use, and the C++ fast path runs only
+// while it is still the function that module had when ours was imported.
+class LateAttr {
+public:
+    LateAttr(const char* module, const char* attr);
+    // Keeps the module and its attribute as they are now; called at import.
+    void capture() const;
+    handle module() const { return handle(module_.original()); }
+    object current() const { return get_attr(module(), handle(attr_)); }
+    // The attribute as the module had it at import (borrowed).
+    handle original() const { return handle(original_.original()); }
+    bool own(handle obj) const { return original_.own(obj); }
+    object replaced() const {
+        object f = current();
+        if (own(f)) return object();
+        return f;
+    }
+
+private:
+    LateFn module_;     // "<module>" -> the module object
+    LateFn original_;   // "<module>.<attr>" -> its attribute at import
+    PyObject* attr_;
 };
 
 }  // namespace tw

@@ -184,6 +184,16 @@ object import_attr(const char* module, handle attr);
 
 // ---------------------------------------------------------------- containers
 
+// A new empty dict sized for `n` items: a new reference, or null with an error set.
+inline PyObject* new_presized_dict_raw(Py_ssize_t n) {
+#if PY_VERSION_HEX >= 0x030D0000
+    (void)n;
+    return PyDict_New();
+#else
+    return _PyDict_NewPresized(n);
+#endif
+}
+
 inline object new_dict() { return steal(PyDict_New()); }
 inline object new_list(Py_ssize_t n = 0) { return steal(PyList_New(n)); }
 inline void list_append(handle l, handle v) { check_int(PyList_Append(l.ptr(), v.ptr())); }

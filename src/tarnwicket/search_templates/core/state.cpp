@@ -1,5 +1,7 @@
 #include "core/late.hpp"
 
+#include <string>
+
 namespace tw {
 
 ModuleState& module_state() {
@@ -36,19 +38,38 @@ void release_module_state() {
     }
 }
 
-bool LateFn::own(handle obj) const {
-    auto& originals = module_state().originals;
+int LateFn::slot() const {
     if (slot_ < 0) {
+        auto& originals = module_state().originals;
         for (std::size_t i = 0; i < originals.size(); ++i) {
             if (originals[i].name == name_) {
                 slot_ = static_cast<int>(i);
                 break;
             }
         }
-        if (slot_ < 0) return false;
     }
-    PyObject* original = originals[static_cast<std::size_t>(slot_)].object;
-    return original && original == obj.ptr();
+    return slot_;
+}
+
+PyObject* LateFn::original() const {
+    int i = slot();
+    return i < 0 ? nullptr : module_state().originals[static_cast<std::size_t>(i)].object;
+}
+
+bool LateFn::own(handle obj) const {
+    PyObject* o = original();
+    return o && o == obj.ptr();
+}
+
+static std::string dotted(const char* module, const char* attr) { return std::string(module) + "." + attr; }
+
+LateAttr::LateAttr(const char* module, const char* attr)
+    : module_(module), original_(dotted(module, attr).c_str()), attr_(PyUnicode_InternFromString(attr)) {}
+
+void LateAttr::capture() const {
+    object m = steal(PyImport_Import(module_.name().ptr()));
+    keep_original(module_.name(), m);
+    keep_original(original_.name(), get_attr(m, handle(attr_)));
 }
 
 // ---------------------------------------------------------------- the namespace

@@ -11,58 +11,22 @@ namespace tw::gen {
 
 namespace rnd {
 
-static PyObject* g_module = nullptr;        // the `random` module
-static PyObject* g_inst = nullptr;          // random._inst
-static PyObject* g_orig_randint = nullptr;  // random.randint as imported
-static PyObject* g_orig_choice = nullptr;   // random.choice as imported
+// The host's functions, read from the module at each use; the C++ draws stand
+// in for randint and choice only while they are the module's own.
+static const LateAttr k_random("random", "random");
+static const LateAttr k_randint("random", "randint");
+static const LateAttr k_choice("random", "choice");
+static const LateAttr k_inst("random", "_inst");  // the Random instance behind them
 
 void init() {
-    object m = import_module("random");
-    g_module = m.release().ptr();
-    g_inst = get_attr(handle(g_module), ID("_inst")).release().ptr();
-    g_orig_randint = get_attr(handle(g_module), ID("randint")).release().ptr();
-    g_orig_choice = get_attr(handle(g_module), ID("choice")).release().ptr();
+    for (const LateAttr* a : {&k_random, &k_randint, &k_choice, &k_inst}) a->capture();
 }
 
-object random_module() { return borrow(g_module); }
-
-// Attributes of the module, re-read whenever its namespace changed.
-struct Cache {
-    uint64_t version = 0;
-    object random;  // held: a key's __eq__ in a later lookup may drop it from the module
-    bool own_randint = false;
-    bool own_choice = false;
-};
-static Cache& g_cache = *new Cache;  // never destroyed: no release after the interpreter is gone
-
-static const Cache& cache() {
-    PyObject* dict = PyModule_GetDict(g_module);
-    uint64_t version = reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
-    if (version != g_cache.version) {
-        PyObject* fn = PyDict_GetItemWithError(dict, ID("random").ptr());
-        if (!fn && PyErr_Occurred()) throw_py();
-        // the old function is released last, once the cache is whole again
-        object old = std::move(g_cache.random);
-        g_cache.random = fn ? borrow(fn) : object();
-        PyObject* ri = PyDict_GetItemWithError(dict, ID("randint").ptr());
-        PyObject* ch = PyDict_GetItemWithError(dict, ID("choice").ptr());
-        g_cache.own_randint = ri && ri == g_orig_randint;
-        g_cache.own_choice = ch && ch == g_orig_choice;
-        g_cache.version = version;
-    }
-    return g_cache;
-}
+object random_module() { return borrow(k_random.module().ptr()); }
 
 double random01() {
-    const Cache& c = cache();
-    object r;
-    if (c.random) {
-        object fn = c.random;  // another thread may rebind random.random while it runs
-        r = steal(PyObject_Vectorcall(fn.ptr(), nullptr, 0, nullptr));
-    } else {
-        object fn = get_attr(handle(g_module), ID("random"));
-        r = call(fn);
-    }
+    object fn = k_random.current();  // held: another thread may rebind random.random while it runs
+    object r = steal(PyObject_Vectorcall(fn.ptr(), nullptr, 0, nullptr));
     if (PyFloat_CheckExact(r.ptr())) return PyFloat_AS_DOUBLE(r.ptr());
     return as_double(r);
 }
@@ -71,7 +35,7 @@ double random01() {
 static unsigned long long randbelow(unsigned long long n) {
     int k = std::bit_width(n);
     object ok = int_of(k);
-    PyObject* argv[2] = {g_inst, ok.ptr()};
+    PyObject* argv[2] = {k_inst.original().ptr(), ok.ptr()};
     for (;;) {
         object r = steal(PyObject_VectorcallMethod(ID("getrandbits").ptr(), argv, 2 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
         unsigned long long v = PyLong_AsUnsignedLongLong(r.ptr());
@@ -81,21 +45,20 @@ static unsigned long long randbelow(unsigned long long n) {
 }
 
 long long randint_ll(long long a, long long b) {
-    if (cache().own_randint && b >= a && b - a < (1LL << 62)) return a + (long long)randbelow((unsigned long long)(b - a + 1));
+    if (!k_randint.replaced() && b >= a && b - a < (1LL << 62)) return a + (long long)randbelow((unsigned long long)(b - a + 1));
     object oa = int_of(a), ob = int_of(b);
     object r = randint(oa, ob);
     return clamp_ll(steal(PyNumber_Index(r.ptr())));
 }
 
 object randint(handle a, handle b) {
-    object fn = get_attr(handle(g_module), ID("randint"));
-    return call(fn, {a, b});
+    return call(k_randint.current(), {a, b});
 }
 
 // random.choice(seq); `index` receives the drawn position when known, else -1.
 object choice_at(handle seq, Py_ssize_t& index) {
     index = -1;
-    if (cache().own_choice && PyList_CheckExact(seq.ptr())) {
+    if (PyList_CheckExact(seq.ptr()) && !k_choice.replaced()) {
         Py_ssize_t n = PyList_GET_SIZE(seq.ptr());
         if (n == 0) raise(PyExc_IndexError, "Cannot choose from an empty sequence");
         Py_ssize_t i = (Py_ssize_t)randbelow((unsigned long long)n);
@@ -105,8 +68,7 @@ object choice_at(handle seq, Py_ssize_t& index) {
         }
         return getitem(seq, int_of(i));
     }
-    object fn = get_attr(handle(g_module), ID("choice"));
-    return call(fn, {seq});
+    return call(k_choice.current(), {seq});
 }
 
 object choice(handle seq) {
@@ -243,7 +205,7 @@ namespace {
 
 
 inline object new_node2(PyObject* type_value, PyObject* node_value) {
-    PyObject* d = _PyDict_NewPresized(2);
+    PyObject* d = new_presized_dict_raw(2);
     if (!d) throw_py();
     object o = steal(d);
     if (PyDict_SetItem(d, ID("type").ptr(), type_value) < 0 || PyDict_SetItem(d, ID("node").ptr(), node_value) < 0)
@@ -356,7 +318,7 @@ object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
         }
         if (PyErr_Occurred()) throw_py();
     }
-    PyObject* node = _PyDict_NewPresized(3);
+    PyObject* node = new_presized_dict_raw(3);
     if (!node) throw_py();
     object out = steal(node);
     if (PyDict_SetItem(node, ID("type").ptr(), ID("rotation").ptr()) < 0 ||

@@ -107,7 +107,7 @@ object era_value(handle ctx, handle name, handle dflt) {
     for (auto& c : candidates) {
         if (is_none(c)) continue;
         PyObject* r = nullptr;
-        int rc = _PyObject_LookupAttr(c.ptr(), name.ptr(), &r);
+        int rc = lookup_attr(c, name, &r);
         if (rc < 0) throw_py();
         if (rc == 1) return steal(r);
     }

@@ -18,7 +18,7 @@ object param_dict(handle raw_param, handle default_name) {
         for (handle key : {ID("name"), ID("type"), ID("min"), ID("max"), ID("default"), ID("variadic"), ID("choices"),
                            ID("options"), ID("enum")}) {
             PyObject* v = nullptr;
-            int rc = _PyObject_LookupAttr(raw_param.ptr(), key.ptr(), &v);
+            int rc = lookup_attr(raw_param, key, &v);
             if (rc < 0) throw_py();
             if (rc == 1) dict_set(param, key, steal(v));
         }
