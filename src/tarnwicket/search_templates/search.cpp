@@ -5,15 +5,12 @@ namespace tw {
 
 namespace {
 
-// The module's `_search_active_lock`, held for single assignments.
-struct ModuleLock : Locked {
-    ModuleLock() : Locked(global(ID("_search_active_lock"))) {}
-};
-
-void set_search_active(bool value) {
-    ModuleLock guard;
-    set_global("_search_active", bool_of(value));
+// A module global assigned under the module's `_search_active_lock`.
+void set_under_module_lock(const char* name, handle value) {
+    with_lock(global(ID("_search_active_lock")), [&] { set_global(name, value); });
 }
+
+void set_search_active(bool value) { set_under_module_lock("_search_active", bool_of(value)); }
 
 [[noreturn]] void raise_search_error(const char* code, const char* advice, const char* message) {
     raise_obj(startup_error(code, advice, str_of(message)));
@@ -217,10 +214,7 @@ object search(handle template_, handle n_jobs_arg) {
                                  {ID("auth_mock"), auth_obj},
                                  {ID("data_dir"), data_dir}});
     if (!is_none(sync_progress)) set_attr(handle_obj, ID("_sync_progress"), sync_progress);
-    {
-        ModuleLock guard;
-        set_global("_active_search_handle", handle_obj);
-    }
+    set_under_module_lock("_active_search_handle", handle_obj);
     call_method(global(ID("_active_handles")), ID("add"), {handle_obj});
     return handle_obj;
 }

@@ -228,13 +228,14 @@ static object safe_record(handle self, handle graph, handle passed_thresholds, h
     object stats = borrow(stats_arg.ptr());
     try {
         if (is_none(stats)) stats = call(global(ID("_BacktestStats")));
-        Locked guard(get_attr(self, ID("_tracker_write_lock")));
-        return call_method_kw(get_attr(self, ID("_tracker")), ID("record_signal_evaluation"),
-                                    {graph, stats, get_attr(self, ID("_era_id")), passed,
-                                     get_attr(self, ID("_universe_id")), get_attr(self, ID("_metaparams_for_db"))},
-                                    {{ID("pool_id"), get_attr(self, ID("_signal_pool_id"))},
-                                     {ID("rejection_reason"), rejection_reason},
-                                     {ID("per_column_stats"), per_column_stats}});
+        return with_lock(get_attr(self, ID("_tracker_write_lock")), [&] {
+            return call_method_kw(get_attr(self, ID("_tracker")), ID("record_signal_evaluation"),
+                                        {graph, stats, get_attr(self, ID("_era_id")), passed,
+                                         get_attr(self, ID("_universe_id")), get_attr(self, ID("_metaparams_for_db"))},
+                                        {{ID("pool_id"), get_attr(self, ID("_signal_pool_id"))},
+                                         {ID("rejection_reason"), rejection_reason},
+                                         {ID("per_column_stats"), per_column_stats}});
+        });
     } catch (py::error_already_set& e) {
         if (!matches(e, PyExc_OSError)) throw;
         object callback = get_attr(self, ID("_fatal_callback"));

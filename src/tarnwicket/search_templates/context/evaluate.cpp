@@ -207,23 +207,24 @@ static object evaluate(handle self, handle expr_graph) {
     if (!is_none(owner)) dict_set(payload, ID("_submission_owner"), owner);
 
     {
-        Locked guard(get_attr(self, ID("_tracker_write_lock")));
-        if (!cancelled(self)) {
-            object tracker = get_attr(self, ID("_tracker"));
-            if (!payload::uses_persistent_store_late(tracker))
-                call_method(tracker, ID("enqueue_submission"), {payload});
-            else
-                call_method(tracker, ID("enqueue_submission"),
-                            {eval_id, dict_get(payload, ID("submission_type")), payload::serialize_late(payload), era_id});
+        with_lock(get_attr(self, ID("_tracker_write_lock")), [&] {
             if (!cancelled(self)) {
-                object queue = get_attr(self, ID("_submission_queue"));
-                if (!is_none(queue)) {
-                    call_method(queue, ID("put"), {dict_copy(payload)});
-                    object wakeup = get_attr(self, ID("_submission_wakeup"));
-                    if (!is_none(wakeup)) call_method(wakeup, ID("set"));
+                object tracker = get_attr(self, ID("_tracker"));
+                if (!payload::uses_persistent_store_late(tracker))
+                    call_method(tracker, ID("enqueue_submission"), {payload});
+                else
+                    call_method(tracker, ID("enqueue_submission"),
+                                {eval_id, dict_get(payload, ID("submission_type")), payload::serialize_late(payload), era_id});
+                if (!cancelled(self)) {
+                    object queue = get_attr(self, ID("_submission_queue"));
+                    if (!is_none(queue)) {
+                        call_method(queue, ID("put"), {dict_copy(payload)});
+                        object wakeup = get_attr(self, ID("_submission_wakeup"));
+                        if (!is_none(wakeup)) call_method(wakeup, ID("set"));
+                    }
                 }
             }
-        }
+        });
     }
     return result;
 }

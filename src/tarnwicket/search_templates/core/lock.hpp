@@ -114,22 +114,4 @@ auto with_lock(handle lock, F&& body) -> decltype(body()) {
     if constexpr (std::is_void_v<R>) host_lock_release(lock);
 }
 
-// Transitional: the older guard, which reports a failed release as unraisable.
-// Gone once every subsystem uses with_lock.
-class Locked {
-public:
-    explicit Locked(handle lock) : lock_(borrow(lock.ptr())) { host_lock_acquire(lock_); }
-    ~Locked() {
-        if (!may_touch_objects()) return;
-        PyObject* r = host_lock_release_raw(lock_.ptr());
-        if (!r) PyErr_WriteUnraisable(lock_.ptr());
-        Py_XDECREF(r);
-    }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-
-private:
-    object lock_;
-};
-
 }  // namespace tw

@@ -14,13 +14,14 @@ static object ensure_claim_columns(handle self, handle ready_field, store::Table
     if (field_true(self, ready_field) || !field_true(self, ID("_tracker_uses_persistent_store")))
         return bool_of(true);
     try {
-        Locked guard(field(self, ID("_tracker_write_lock")));
-        object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
-        object cols = call_method(self, ID("_persistent_table_columns"), {str_of(store::table_name(table))});
-        if (!contains(cols, ID("in_flight_owner"))) store::execute(conn, store::Stmt::add_in_flight_owner, table);
-        if (!contains(cols, ID("in_flight_at"))) store::execute(conn, store::Stmt::add_in_flight_at, table);
-        call_method(conn, ID("commit"));
-        set_field(self, ready_field, bool_of(true));
+        with_lock(field(self, ID("_tracker_write_lock")), [&] {
+            object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
+            object cols = call_method(self, ID("_persistent_table_columns"), {str_of(store::table_name(table))});
+            if (!contains(cols, ID("in_flight_owner"))) store::execute(conn, store::Stmt::add_in_flight_owner, table);
+            if (!contains(cols, ID("in_flight_at"))) store::execute(conn, store::Stmt::add_in_flight_at, table);
+            call_method(conn, ID("commit"));
+            set_field(self, ready_field, bool_of(true));
+        });
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
         call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of(failure_name), exc_value(e)},

@@ -10,8 +10,6 @@ inline object field(handle self, handle name) { return get_attr(self, name); }
 inline void set_field(handle self, handle name, handle v) { set_attr(self, name, v); }
 inline bool field_true(handle self, handle name) { return truthy(get_attr(self, name)); }
 
-using tw::Locked;
-
 // The handle's `_lock`.
 inline object lock_of(handle self) { return field(self, ID("_lock")); }
 

@@ -13,15 +13,16 @@ static object ensure_primitives(handle self) {
     for (auto n : names)
         if (is_none(get_attr_or_none(self, str_of(n)))) all = false;
     if (all) return none();
-    Locked guard(global(ID("_REPLACEMENT_ABORT_BOOTSTRAP_LOCK")));
-    object threading = import_module("threading");
-    if (is_none(get_attr_or_none(self, ID("_replacement_abort_event"))))
-        set_field(self, ID("_replacement_abort_event"), call(get_attr(threading, ID("Event"))));
-    if (is_none(get_attr_or_none(self, ID("_submission_start_lock"))))
-        set_field(self, ID("_submission_start_lock"), call(get_attr(threading, ID("Lock"))));
-    if (is_none(get_attr_or_none(self, ID("_poll_start_lock"))))
-        set_field(self, ID("_poll_start_lock"), call(get_attr(threading, ID("Lock"))));
-    return none();
+    return with_lock(global(ID("_REPLACEMENT_ABORT_BOOTSTRAP_LOCK")), [&] {
+        object threading = import_module("threading");
+        if (is_none(get_attr_or_none(self, ID("_replacement_abort_event"))))
+            set_field(self, ID("_replacement_abort_event"), call(get_attr(threading, ID("Event"))));
+        if (is_none(get_attr_or_none(self, ID("_submission_start_lock"))))
+            set_field(self, ID("_submission_start_lock"), call(get_attr(threading, ID("Lock"))));
+        if (is_none(get_attr_or_none(self, ID("_poll_start_lock"))))
+            set_field(self, ID("_poll_start_lock"), call(get_attr(threading, ID("Lock"))));
+        return none();
+    });
 }
 
 static object abort_event_handle(handle self) {
@@ -87,9 +88,10 @@ static void clear_tracker_active(handle self, const char* failure_text) {
 
 // The module no longer has this handle as its active search.
 static void deactivate_module(handle self) {
-    Locked guard(global(ID("_search_active_lock")));
-    set_global("_search_active", bool_of(false));
-    if (global(ID("_active_search_handle")).ptr() == self.ptr()) set_global("_active_search_handle", none());
+    with_lock(global(ID("_search_active_lock")), [&] {
+        set_global("_search_active", bool_of(false));
+        if (global(ID("_active_search_handle")).ptr() == self.ptr()) set_global("_active_search_handle", none());
+    });
 }
 
 static const char* kBackgroundThreads[] = {"_supervisor_thread", "_era_thread", "_submission_thread",
@@ -115,11 +117,12 @@ static object stop(handle self, handle join_timeout) {
     drain_queue(self, "Failed to drain submission queue during stop: %s");
     call_method(self, ID("_update_submission_counts"));
     {
-        Locked guard(lock_of(self));
-        set_field(self, ID("_running"), bool_of(false));
-        set_field(self, ID("_submission_backoff"), bool_of(false));
-        set_field(self, ID("_submission_backoff_until"), float_of(0.0));
-        set_field(self, ID("_submission_queued"), int_of(0));
+        with_lock(lock_of(self), [&] {
+            set_field(self, ID("_running"), bool_of(false));
+            set_field(self, ID("_submission_backoff"), bool_of(false));
+            set_field(self, ID("_submission_backoff_until"), float_of(0.0));
+            set_field(self, ID("_submission_queued"), int_of(0));
+        });
     }
     clear_tracker_active(self, "Failed to set search inactive: %s");
     set_field(self, ID("_stopped"), bool_of(true));
@@ -152,12 +155,15 @@ static void delete_owned_rows(handle self) {
 static object abort_for_replacement(handle self) {
     if (field_true(self, ID("_stopped"))) return none();
     {
-        Locked start_guard(call_method(self, ID("_submission_start_guard")));
-        Locked poll_guard(call_method(self, ID("_poll_start_guard")));
-        Locked write_guard(field(self, ID("_tracker_write_lock")));
-        event_set(call_method(self, ID("_replacement_abort_event_handle")));
-        drain_queue(self, "Failed to drain replacement-aborted submission queue: %s");
-        if (field_true(self, ID("_tracker_uses_persistent_store"))) delete_owned_rows(self);
+        with_lock(call_method(self, ID("_submission_start_guard")), [&] {
+            with_lock(call_method(self, ID("_poll_start_guard")), [&] {
+                with_lock(field(self, ID("_tracker_write_lock")), [&] {
+                    event_set(call_method(self, ID("_replacement_abort_event_handle")));
+                    drain_queue(self, "Failed to drain replacement-aborted submission queue: %s");
+                    if (field_true(self, ID("_tracker_uses_persistent_store"))) delete_owned_rows(self);
+                });
+            });
+        });
     }
     event_set(field(self, ID("_stop_event")));
     try {
@@ -169,14 +175,15 @@ static object abort_for_replacement(handle self) {
         log_warning("Failed to wake replacement-aborted submission thread: %s", {exc_value(e)});
     }
     {
-        Locked guard(lock_of(self));
-        set_field(self, ID("_running"), bool_of(false));
-        set_field(self, ID("_submission_degraded"), bool_of(true));
-        set_field(self, ID("_polling_degraded"), bool_of(true));
-        set_field(self, ID("_submission_backoff"), bool_of(false));
-        set_field(self, ID("_submission_backoff_until"), float_of(0.0));
-        call_method(field(self, ID("_retry_queue")), ID("clear"));
-        call_method(field(self, ID("_pending_submissions")), ID("clear"));
+        with_lock(lock_of(self), [&] {
+            set_field(self, ID("_running"), bool_of(false));
+            set_field(self, ID("_submission_degraded"), bool_of(true));
+            set_field(self, ID("_polling_degraded"), bool_of(true));
+            set_field(self, ID("_submission_backoff"), bool_of(false));
+            set_field(self, ID("_submission_backoff_until"), float_of(0.0));
+            call_method(field(self, ID("_retry_queue")), ID("clear"));
+            call_method(field(self, ID("_pending_submissions")), ID("clear"));
+        });
     }
     object threads = list_from(field(self, ID("_worker_threads")));
     for (auto name : kBackgroundThreads) list_append(threads, field(self, str_of(name)));

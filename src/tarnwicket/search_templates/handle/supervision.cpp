@@ -135,13 +135,14 @@ static object supervisor_loop(handle self) {
 static object set_fatal_error(handle self, handle error_code, handle recovery_advice, handle message) {
     handle code = error_code, advice = recovery_advice;
     {
-        Locked guard(lock_of(self));
-        set_field(self, ID("_running"), bool_of(false));
-        object status = call_kw(global(ID("SearchStatus")), {},
-                                {{ID("running"), handle(Py_False)},
-                                 {ID("error_code"), code},
-                                 {ID("recovery_advice"), advice}});
-        set_field(self, ID("_fatal_error"), call(global(ID("SearchError")), {code, advice, message, status}));
+        with_lock(lock_of(self), [&] {
+            set_field(self, ID("_running"), bool_of(false));
+            object status = call_kw(global(ID("SearchStatus")), {},
+                                    {{ID("running"), handle(Py_False)},
+                                     {ID("error_code"), code},
+                                     {ID("recovery_advice"), advice}});
+            set_field(self, ID("_fatal_error"), call(global(ID("SearchError")), {code, advice, message, status}));
+        });
     }
     try {
         object callbacks = import_module("tarnwicket.callbacks");
@@ -162,9 +163,10 @@ static object set_fatal_error(handle self, handle error_code, handle recovery_ad
 }
 
 static object append_error(handle self, handle message) {
-    Locked guard(lock_of(self));
-    append_to(field(self, ID("_errors")), message);
-    return none();
+    return with_lock(lock_of(self), [&] {
+        append_to(field(self, ID("_errors")), message);
+        return none();
+    });
 }
 
 // Backoff and degradation of one component, with _lock held.
@@ -190,31 +192,33 @@ static object record_background_failure(handle self, handle component, handle op
     object cls_name = get_attr(borrow(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), ID("__name__"));
     object message = ftext({component, str_of(" "), operation, str_of(" failed ("), cls_name, str_of("): "), exc});
     log_warning("%s", {message});
-    Locked guard(lock_of(self));
-    add_int(self, ID("_crash_count"), 1);
-    append_to(field(self, ID("_errors")), message);
-    if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0) {
-        account_component(self, ID("_submission_failures"), ID("_submission_backoff_seconds"),
-                          ID("_submission_backoff_until"), ID("_submission_degraded"),
-                          "submission capability degraded after 10 consecutive failures; search continues without "
-                          "submissions",
-                          backoff, true);
-    } else if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "polling") == 0) {
-        account_component(self, ID("_polling_failures"), ID("_polling_backoff_seconds"), ID("_polling_backoff_until"),
-                          ID("_polling_degraded"),
-                          "polling capability degraded after 10 consecutive failures; search continues without polling",
-                          backoff, false);
-    }
-    return none();
+    return with_lock(lock_of(self), [&] {
+        add_int(self, ID("_crash_count"), 1);
+        append_to(field(self, ID("_errors")), message);
+        if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0) {
+            account_component(self, ID("_submission_failures"), ID("_submission_backoff_seconds"),
+                              ID("_submission_backoff_until"), ID("_submission_degraded"),
+                              "submission capability degraded after 10 consecutive failures; search continues without "
+                              "submissions",
+                              backoff, true);
+        } else if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "polling") == 0) {
+            account_component(self, ID("_polling_failures"), ID("_polling_backoff_seconds"), ID("_polling_backoff_until"),
+                              ID("_polling_degraded"),
+                              "polling capability degraded after 10 consecutive failures; search continues without polling",
+                              backoff, false);
+        }
+        return none();
+    });
 }
 
 static object reset_background_failures(handle self, handle component) {
-    Locked guard(lock_of(self));
-    if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0)
-        set_field(self, ID("_submission_failures"), int_of(0));
-    else if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "polling") == 0)
-        set_field(self, ID("_polling_failures"), int_of(0));
-    return none();
+    return with_lock(lock_of(self), [&] {
+        if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0)
+            set_field(self, ID("_submission_failures"), int_of(0));
+        else if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "polling") == 0)
+            set_field(self, ID("_polling_failures"), int_of(0));
+        return none();
+    });
 }
 
 void register_supervision(handle cls) {

@@ -70,12 +70,13 @@ static object start_all_threads(handle self) {
 
 static object worker_loop(handle self, handle worker_id) {
     {
-        Locked guard(lock_of(self));
-        add_int(self, ID("_worker_start_count"), 1);
-        object count = field(self, ID("_worker_start_count"));
-        object n_jobs = field(self, ID("_n_jobs"));
-        if (check_int(PyObject_RichCompareBool(count.ptr(), n_jobs.ptr(), Py_GE)))
-            event_set(field(self, ID("_worker_start_event")));
+        with_lock(lock_of(self), [&] {
+            add_int(self, ID("_worker_start_count"), 1);
+            object count = field(self, ID("_worker_start_count"));
+            object n_jobs = field(self, ID("_n_jobs"));
+            if (check_int(PyObject_RichCompareBool(count.ptr(), n_jobs.ptr(), Py_GE)))
+                event_set(field(self, ID("_worker_start_event")));
+        });
     }
     try {
         call_method(self, ID("_worker_loop_inner"), {worker_id});
@@ -140,8 +141,9 @@ static object worker_loop_inner(handle self, handle worker_id) {
                     if (!ordinary(e)) throw;
                     log_warning("Expression evaluation failed: %s", {exc_value(e)});
                 }
-                Locked guard(lock);
-                add_int(self, ID("_total_evaluated"), 1);
+                with_lock(lock, [&] {
+                    add_int(self, ID("_total_evaluated"), 1);
+                });
             }
             if (event_is_set(stop_event)) return none();
             log_info("%s", {ftext({str_of("Template exhausted in worker "), worker_id, str_of(" \xE2\x80\x94 restarting")})});
@@ -150,8 +152,9 @@ static object worker_loop_inner(handle self, handle worker_id) {
         } catch (py::error_already_set& e) {
             if (!ordinary(e)) throw;
             {
-                Locked guard(lock_of(self));
-                add_int(self, ID("_crash_count"), 1);
+                with_lock(lock_of(self), [&] {
+                    add_int(self, ID("_crash_count"), 1);
+                });
             }
             log_warning("%s", {ftext({str_of("Template sandbox violation in worker "), worker_id, str_of(": "),
                                       exc_value(e)})});
