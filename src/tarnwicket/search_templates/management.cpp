@@ -21,12 +21,7 @@ object f_status() {
     object advice = str_of(kNoActiveSearchAdvice);
     object status = call_kw(global(ID("SearchStatus")), {},
                             {{ID("running"), bool_of(false)}, {ID("error_code"), code}, {ID("recovery_advice"), advice}});
-    object msg = str_of(kNoActiveSearchMessage);
-    raise_obj(call_kw(global(ID("SearchError")), {},
-                      {{ID("error_code"), code},
-                       {ID("recovery_advice"), advice},
-                       {ID("message"), msg},
-                       {ID("status"), status}}));
+    raise_obj(search_error(code, advice, str_of(kNoActiveSearchMessage), status));
 }
 
 // ---------------------------------------------------------------- data directory and tracker
@@ -62,33 +57,13 @@ object f_new_management_tracker() {
     return call(tracker_cls, {data_dir});
 }
 
-void close_management_tracker(handle tracker) {
-    object close = get_attr_or_none(tracker, ID("close"));
-    if (PyCallable_Check(close.ptr())) call(close);
-}
-
 object f_call_management_tracker(handle method_name, handle args, handle kwargs) {
     object tracker = call(global(ID("_new_management_tracker")));
-    object result;
-    try {
+    // As a `finally`: a failing close replaces the command's error, which becomes its context.
+    return closing(tracker, [&] {
         object method = steal(PyObject_GetAttr(tracker.ptr(), method_name.ptr()));
-        result = call_star(method, args, kwargs);
-    } catch (py::error_already_set& e) {
-        // As a `finally`: a failing close replaces the command's error, which
-        // becomes its context.
-        try {
-            close_management_tracker(tracker);
-        } catch (py::error_already_set& close_error) {
-            // As the interpreter does, an exception is never made its own context.
-            object ctx = e.value();
-            object raised = close_error.value();
-            if (raised.ptr() != ctx.ptr()) PyException_SetContext(raised.ptr(), ctx.release().ptr());
-            throw;
-        }
-        throw;
-    }
-    close_management_tracker(tracker);
-    return result;
+        return call_star(method, args, kwargs);
+    });
 }
 
 // ---------------------------------------------------------------- commands

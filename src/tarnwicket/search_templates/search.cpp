@@ -108,8 +108,8 @@ object search(handle template_, handle n_jobs_arg) {
     object st_mod = import_module("tarnwicket");
     st_mod = get_attr(st_mod, ID("search_templates"));
     if (!truthy(call(global(ID("_is_authed")), {st_mod})))
-        raise_search_error("AUTH_ERROR", "Run register() or login(private_key) first.",
-                           "Not authenticated. Run register() or login(private_key) first.");
+        raise_obj(startup_error("AUTH_ERROR", "Run register() or login(private_key) first.",
+                                global(ID("_NOT_AUTHENTICATED_MESSAGE"))));
     call(get_attr(st_mod, ID("_check_memory")));
     call(get_attr(st_mod, ID("_check_disk")));
     if (!PyCallable_Check(template_.ptr())) raise(PyExc_TypeError, "Template must be callable accepting SearchContext");

@@ -162,17 +162,7 @@ static object do_per_era_init(handle self) {
             raise_obj(call(handle(PyExc_ValueError), {ftext({str_of("Shuffle seed file not found: "), seed_path})}));
         object builtins_open = import_attr("builtins", ID("open"));
         object fh = call(builtins_open, {seed_path, str_of("rb")});
-        object shuffle_blob;
-        try {
-            shuffle_blob = call_method(fh, ID("read"));
-        } catch (...) {
-            if (!may_touch_objects()) throw;  // a thread unwound at exit
-            PyObject* r = PyObject_CallMethodNoArgs(fh.ptr(), ID("close").ptr());
-            Py_XDECREF(r);
-            PyErr_Clear();
-            throw;
-        }
-        call_method(fh, ID("close"));
+        object shuffle_blob = closing(fh, [&] { return call_method(fh, ID("read")); });
         Py_ssize_t blob_len = PyObject_Length(shuffle_blob.ptr());
         if (blob_len < 0) throw_py();
         if (blob_len != 60) raise(PyExc_ValueError, "Shuffle seed must be 60 bytes, got " + std::to_string(blob_len));

@@ -26,7 +26,7 @@ static object status(handle self) {
                                      {ID("recovery_advice"), advice},
                                      {ID("errors"), copy_list(field(self, ID("_errors")))},
                                      {ID("crash_count"), field(self, ID("_crash_count"))}});
-                raise_obj(call(global(ID("SearchError")), {code, advice, message, st}));
+                raise_obj(search_error(code, advice, message, st));
             }
             double elapsed = monotonic() - as_double(field(self, ID("_start_time")));
             object total_evaluated = field(self, ID("_total_evaluated"));

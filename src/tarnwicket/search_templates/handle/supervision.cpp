@@ -141,7 +141,7 @@ static object set_fatal_error(handle self, handle error_code, handle recovery_ad
                                     {{ID("running"), handle(Py_False)},
                                      {ID("error_code"), code},
                                      {ID("recovery_advice"), advice}});
-            set_field(self, ID("_fatal_error"), call(global(ID("SearchError")), {code, advice, message, status}));
+            set_field(self, ID("_fatal_error"), search_error(code, advice, message, status));
         });
     }
     try {

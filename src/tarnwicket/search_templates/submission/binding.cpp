@@ -15,7 +15,6 @@ static const LateFn k_result_to_receipt("_result_to_receipt");
 static const LateFn k_submission_auth_obj("_submission_auth_obj");
 static const LateFn k_submit_signal_payload("_submit_signal_payload");
 
-static const char* kNotAuthenticated = "Not authenticated. Run register() or login(private_key) first.";
 
 // ---------------------------------------------------------------- pools
 
@@ -116,7 +115,7 @@ static object submission_auth_obj() {
 }
 
 [[noreturn]] static void raise_not_authenticated(handle auth_error, handle cause) {
-    object exc = call(auth_error, {str_of(kNotAuthenticated)});
+    object exc = call(auth_error, {global(ID("_NOT_AUTHENTICATED_MESSAGE"))});
     if (cause) raise_from(exc, cause);
     raise_obj(exc);
 }
