@@ -6,6 +6,8 @@
 // search is active.
 #include "core/module.hpp"
 
+#include "collaborators/onboarding.hpp"
+
 namespace tw {
 
 namespace {
@@ -32,12 +34,9 @@ object f_agent_onboarding_data_dir(handle default_) {
     try {
         config = import_attr("tarnwicket.agent_onboarding", ID("_config"));
     } catch (py::error_already_set& e) {
-        if (!matches(e, PyExc_ModuleNotFoundError)) throw;
         // Only the onboarding module itself being absent means "no configuration";
         // a failure among its own imports goes on.
-        object name = get_attr_or_none(exc_value(e), ID("name"));
-        object expected = str_of("tarnwicket.agent_onboarding");
-        if (is_str(name) && PyUnicode_Compare(name.ptr(), expected.ptr()) == 0) return borrow(dflt.ptr());
+        if (onboarding::is_absent(e)) return borrow(dflt.ptr());
         throw;
     }
     return call_method(config, ID("get"), {str_of("data_dir"), dflt});
