@@ -1,4 +1,4 @@
-"""Fakes of the collaborators of SearchContext and of the signal service binding."""
+"""The one fake of each collaborator: tracker, evaluation runtime, auth, analytics, signal service."""
 
 import sys
 import threading
@@ -23,12 +23,18 @@ def make_stats(**overrides):
 class MemoryTracker:
     """A tracker without a store connection, recording calls and whether `lock` was held."""
 
-    def __init__(self, eval_id="eval-1", record_error=None, stats=None, with_stats=True):
-        self.eval_id, self.record_error, self.stats = eval_id, record_error, stats
-        self.records, self.enqueued, self.lock_seen = [], [], []
+    def __init__(self, eval_id="eval-1", record_error=None, stats=None, with_stats=True, count=None):
+        self.eval_id, self.record_error, self.stats, self.count = eval_id, record_error, stats, count
+        self.records, self.enqueued, self.lock_seen, self.active = [], [], [], []
         self.enqueue_error = self.lock = None
         if with_stats:
             self.get_search_stats = self._get_search_stats
+
+    def set_search_active(self, flag):
+        self.active.append(flag)
+
+    def get_evaluation_count(self):
+        return self.count
 
     def _get_search_stats(self):
         if isinstance(self.stats, BaseException):
@@ -59,13 +65,17 @@ class PersistentTracker(MemoryTracker):
 
 
 class FakeBacktester:
-    """Evaluation runtime; each evaluation advances `clock` by `eval_seconds`."""
+    """Evaluation runtime; each evaluation advances `clock` by `eval_seconds`. With
+    `passes=False` every backtest yields nothing (the runtime is unavailable)."""
 
-    def __init__(self, stats=None, clock=None, eval_seconds=0.001, eval_error=None, backtest_error=None):
-        self.stats = make_stats() if stats is None else stats
+    def __init__(self, stats=None, clock=None, eval_seconds=0.001, eval_error=None, backtest_error=None, passes=True):
+        self.stats = (make_stats() if stats is None else stats) if passes else None
         self.clock, self.eval_seconds = clock, eval_seconds
         self.eval_error, self.backtest_error = eval_error, backtest_error
-        self.calls = []
+        self.calls, self.init_calls = [], []
+
+    def init_reconstruction(self, shuffle_blob=None, wallet_secret=None, era_id=None):
+        self.init_calls.append((shuffle_blob, wallet_secret, era_id))
 
     def evaluate_expression(self, graph):
         self.calls.append("evaluate_expression")
@@ -144,8 +154,8 @@ class AuthError(Exception):
 
 
 class FakeAuth:
-    def __init__(self, token="tok-1"):
-        self.token, self.error, self.calls = token, None, 0
+    def __init__(self, token="tok-1", wallet_secret=b"w" * 32):
+        self.token, self.wallet_secret, self.error, self.calls = token, wallet_secret, None, 0
 
     def get_token(self):
         self.calls += 1

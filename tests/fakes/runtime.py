@@ -4,13 +4,7 @@ import threading
 import time
 import types
 
-
-class FakeAuth:
-    def __init__(self, token="tok", wallet_secret=b"w" * 32):
-        self.token, self.wallet_secret = token, wallet_secret
-
-    def get_token(self):
-        return self.token
+from fakes.context_fakes import FakeAuth, FakeBacktester, MemoryTracker  # noqa: F401  (one fake each)
 
 
 class FakeSyncManager:
@@ -66,20 +60,6 @@ class FakeObfuscation:
         return self.vocab
 
 
-class FakeBacktester:
-    def __init__(self):
-        self.init_calls = []
-
-    def init_reconstruction(self, shuffle_blob=None, wallet_secret=None, era_id=None):
-        self.init_calls.append((shuffle_blob, wallet_secret, era_id))
-
-    def evaluate_expression(self, graph):
-        pass
-
-    def run_backtest(self, graph):
-        return None
-
-
 def era_config(**overrides):
     thresholds = {"demean": "Cross_Sectional", "normalise": None, "turnover_max": 1.0, "delta_exposure_max": 0.5,
                   "max_weight_max": 0.2, "correlation_max": 0.9}
@@ -87,29 +67,6 @@ def era_config(**overrides):
         era_id=3, transform_pipeline=["demean", "normalise"], thresholds=thresholds, max_depth=4,
         max_expression_generation_seconds=5.0, signal_pools=[{"signal_pool_id": "pool-a"}],
         column_threshold_rules=[]), **overrides})
-
-
-class MemoryTracker:
-    """A tracker without a store connection: everything stays in memory."""
-
-    def __init__(self, count=None):
-        self.count, self.active, self.records, self.enqueued = count, [], [], []
-        self.lock = threading.Lock()
-
-    def set_search_active(self, flag):
-        self.active.append(flag)
-
-    def get_evaluation_count(self):
-        return self.count
-
-    def record_signal_evaluation(self, graph, stats, era_id, passed, universe_id, metaparams, pool_id=None,
-                                 rejection_reason=None, per_column_stats=None):
-        with self.lock:
-            self.records.append((graph, passed, rejection_reason))
-            return f"e{len(self.records)}"
-
-    def enqueue_submission(self, payload):
-        self.enqueued.append(payload)
 
 
 def wait_until(predicate, timeout=5.0, interval=0.01):

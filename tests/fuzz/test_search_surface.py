@@ -86,7 +86,7 @@ class Cores(int):
        vocab=hs.one_of(hs.just({"functions": [], "features": []}), hostile()))
 def test_search(template, n_jobs, cores, universe, vocab):
     rt = NS(auth_proxy=FakeAuth(), sync_manager=None, valid_universe_id=universe, vocabulary_raw=vocab,
-            search_tracker=MemoryTracker(), search_era_config=era_config(), evaluator=FakeBacktester())
+            search_tracker=MemoryTracker(), search_era_config=era_config(), evaluator=FakeBacktester(passes=False))
     with pytest.MonkeyPatch.context() as mp:
         mp.setattr(st, "_library_runtime", rt, raising=False)
         mp.setattr(st, "ObfuscationManager", Obf)

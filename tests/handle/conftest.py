@@ -5,12 +5,6 @@ from fakes.runtime import FakeAuth, FakeBacktester, FakeObfuscation, MemoryTrack
 
 
 @pytest.fixture
-def seed_dir(tmp_path):
-    (tmp_path / "shuffle_seed.enc").write_bytes(b"s" * 60)
-    return tmp_path
-
-
-@pytest.fixture
 def make_handle(seed_dir):
     """Builds handles with fakes; every handle made is stopped afterwards."""
     made = []
@@ -22,7 +16,7 @@ def make_handle(seed_dir):
             n_jobs=n_jobs,
             tracker=tracker if tracker is not None else MemoryTracker(),
             sync_mgr=sync_mgr,
-            bt=FakeBacktester() if bt == "default" else bt,
+            bt=FakeBacktester(passes=False) if bt == "default" else bt,
             obf=obf or FakeObfuscation(),
             era_cfg=era_config() if era_cfg == "default" else era_cfg,
             auth_mock=FakeAuth() if auth == "default" else auth,
@@ -40,8 +34,5 @@ def make_handle(seed_dir):
 
 
 @pytest.fixture(autouse=True)
-def module_state_reset():
+def _fresh_module_state(module_state_reset):
     yield
-    with st._search_active_lock:
-        st._search_active = False
-        st._active_search_handle = None

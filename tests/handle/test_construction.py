@@ -69,7 +69,7 @@ def test_handle_made_without_init_can_be_aborted():
 
 
 def test_seed_and_secret_reach_era_data_and_backtester(make_handle, era_data):
-    mod, bt = era_data(), FakeBacktester()
+    mod, bt = era_data(), FakeBacktester(passes=False)
     make_handle(bt=bt)
     assert mod.calls == bt.init_calls == [(b"s" * 60, b"w" * 32, 3)]
 
@@ -84,7 +84,7 @@ def test_seed_and_secret_reach_era_data_and_backtester(make_handle, era_data):
 def test_per_era_init_problems_are_not_fatal(make_handle, seed_dir, era_data, seed, secret, error, era_called,
                                              reconstructed):
     (seed_dir / "shuffle_seed.enc").write_bytes(seed)
-    mod, bt = era_data(error), FakeBacktester()
+    mod, bt = era_data(error), FakeBacktester(passes=False)
     h = make_handle(bt=bt, auth=FakeAuth(wallet_secret=secret))
     assert (bool(mod.calls), bool(bt.init_calls), h._fatal_error) == (era_called, reconstructed, None)
 
@@ -92,7 +92,7 @@ def test_per_era_init_problems_are_not_fatal(make_handle, seed_dir, era_data, se
 @pytest.mark.parametrize("text", ["era mismatch: 2 != 3", "invalid credentials"])
 def test_permanent_failure_is_fatal_without_threads(make_handle, era_data, text):
     era_data(RuntimeError(text))
-    bt = FakeBacktester()
+    bt = FakeBacktester(passes=False)
     h = make_handle(bt=bt)
     assert bt.init_calls == []
     assert h._running is False and h._supervisor_thread is None and h._worker_threads == []

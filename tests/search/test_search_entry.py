@@ -30,7 +30,7 @@ def runtime(monkeypatch, seed_dir):
     rt = types.SimpleNamespace(
         auth_proxy=FakeAuth(), sync_manager=None, valid_universe_id="universe_top50",
         vocabulary_raw={"functions": [], "features": []}, search_tracker=MemoryTracker(),
-        search_era_config=era_config(), evaluator=FakeBacktester())
+        search_era_config=era_config(), evaluator=FakeBacktester(passes=False))
     monkeypatch.setattr(st, "_library_runtime", rt, raising=False)
     monkeypatch.setattr(st, "ObfuscationManager", Obf)
     monkeypatch.setattr(st, "_check_memory", lambda: None)

@@ -61,3 +61,8 @@ def logged(caplog):
     caplog.set_level(logging.DEBUG, logger="tarnwicket.search_templates")
     return lambda level: [r.getMessage() for r in caplog.records
                           if r.levelno == level and r.name == "tarnwicket.search_templates"]
+
+
+@pytest.fixture(autouse=True)
+def _fresh_module_state(module_state_reset):
+    yield
