@@ -3,12 +3,10 @@
 // evaluation recorder.
 #include "context/context.hpp"
 
-
 namespace tw::ctx {
 
 static const LateFn k_require_threshold("_require_search_threshold");
-// The class's static of the same name: only its identity is tested.
-static const LateFn k_class_require_threshold("SearchContext._require_search_threshold");
+const LateFn k_class_require_threshold("SearchContext._require_search_threshold");
 
 // ---------------------------------------------------------------- thresholds
 
@@ -97,7 +95,7 @@ static object snapshot_from(handle raw) {
 
 // ---------------------------------------------------------------- construction
 
-static object context_init(handle self, handle vocab, handle universe, handle metaparams, handle depth, handle tracker, handle sync_mgr, handle bt, handle thresholds, handle era_config, handle fatal_callback, handle submission_queue, handle tracker_write_lock, handle submission_wakeup, handle stop_event, handle submission_owner, handle replacement_abort_event) {
+object context_init(handle self, handle vocab, handle universe, handle metaparams, handle depth, handle tracker, handle sync_mgr, handle bt, handle thresholds, handle era_config, handle fatal_callback, handle submission_queue, handle tracker_write_lock, handle submission_wakeup, handle stop_event, handle submission_owner, handle replacement_abort_event) {
     set_attr(self, ID("_vocabulary"), vocab);
     set_attr(self, ID("_universe_id"), universe);
     set_attr(self, ID("_metaparameters"), metaparams);
@@ -179,19 +177,19 @@ static object context_init(handle self, handle vocab, handle universe, handle me
 
 // ---------------------------------------------------------------- views
 
-static object get_vocabulary(handle self) {
+object get_vocabulary(handle self) {
     return call(import_attr("copy", ID("deepcopy")), {get_attr(self, ID("_vocabulary"))});
 }
-static object get_universe_id(handle self) { return get_attr(self, ID("_universe_id")); }
-static object get_metaparameters(handle self) { return get_attr(self, ID("_metaparameters")); }
-static object get_max_depth(handle self) { return get_attr(self, ID("_max_depth")); }
-static object get_analytics(handle self) { return get_attr(self, ID("_analytics")); }
-static object set_vocabulary(handle, handle) { raise(PyExc_AttributeError, "vocabulary is read-only"); }
-static object set_universe_id(handle, handle) { raise(PyExc_AttributeError, "universe_id is read-only"); }
-static object set_metaparameters(handle, handle) { raise(PyExc_AttributeError, "metaparameters is read-only"); }
-static object set_max_depth(handle, handle) { raise(PyExc_AttributeError, "max_depth is read-only"); }
+object get_universe_id(handle self) { return get_attr(self, ID("_universe_id")); }
+object get_metaparameters(handle self) { return get_attr(self, ID("_metaparameters")); }
+object get_max_depth(handle self) { return get_attr(self, ID("_max_depth")); }
+object get_analytics(handle self) { return get_attr(self, ID("_analytics")); }
+object set_vocabulary(handle, handle) { raise(PyExc_AttributeError, "vocabulary is read-only"); }
+object set_universe_id(handle, handle) { raise(PyExc_AttributeError, "universe_id is read-only"); }
+object set_metaparameters(handle, handle) { raise(PyExc_AttributeError, "metaparameters is read-only"); }
+object set_max_depth(handle, handle) { raise(PyExc_AttributeError, "max_depth is read-only"); }
 
-static object refresh_analytics(handle self) {
+object refresh_analytics(handle self) {
     object tracker = get_attr(self, ID("_tracker"));
     object getter = get_attr_or_none(tracker, ID("get_search_stats"));
     object result;
@@ -221,9 +219,9 @@ bool submission_cancelled(handle self) {
     return truthy(call_method(abort, ID("is_set")));
 }
 
-static object f_submission_cancelled(handle self) { return bool_of(submission_cancelled(self)); }
+object f_submission_cancelled(handle self) { return bool_of(submission_cancelled(self)); }
 
-static object safe_record(handle self, handle graph, handle passed_thresholds, handle rejection_reason, handle stats_arg, handle per_column_stats) {
+object safe_record(handle self, handle graph, handle passed_thresholds, handle rejection_reason, handle stats_arg, handle per_column_stats) {
     handle passed = passed_thresholds;
     object stats = borrow(stats_arg.ptr());
     try {
@@ -249,55 +247,19 @@ static object safe_record(handle self, handle graph, handle passed_thresholds, h
 
 // ---------------------------------------------------------------- bindings
 
-static object f_build_analytics(handle tracker, handle era_config) { return build_search_analytics(tracker, era_config); }
-static object f_resolve_thresholds(handle thresholds, handle era_config) { return resolve_thresholds(thresholds, era_config); }
-static object f_require_threshold(handle thresholds, handle name) { return require_threshold(thresholds, name); }
+object f_build_analytics(handle tracker, handle era_config) { return build_search_analytics(tracker, era_config); }
+object f_resolve_thresholds(handle thresholds, handle era_config) { return resolve_thresholds(thresholds, era_config); }
+object f_require_threshold(handle thresholds, handle name) { return require_threshold(thresholds, name); }
 
 // Static methods of the class: they forward to the module functions of the same name.
-static object c_build_analytics(handle tracker, handle era_config) {
+object c_build_analytics(handle tracker, handle era_config) {
     return call(global(ID("_build_search_analytics_from_era_config")), {tracker, era_config});
 }
-static object c_resolve_thresholds(handle thresholds, handle era_config) { return call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}); }
-static object c_require_threshold(handle thresholds, handle name) {
+object c_resolve_thresholds(handle thresholds, handle era_config) { return call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}); }
+object c_require_threshold(handle thresholds, handle name) {
     if (object f = k_require_threshold.replaced()) return call(f, {thresholds, name});
     return require_threshold(thresholds, name);
 }
 
 }  // namespace tw::ctx
 
-namespace tw {
-
-void register_context(handle m) {
-    using namespace ctx;
-    object cls = make_class("SearchContext", handle(reinterpret_cast<PyObject*>(&PyBaseObject_Type)),
-                            "Context passed to template functions.");
-    def_method<context_init>(cls,
-                             "__init__($self, vocab, universe, metaparams, depth, tracker, sync_mgr, bt, "
-                             "thresholds=None, era_config=None, fatal_callback=None, submission_queue=None, "
-                             "tracker_write_lock=None, submission_wakeup=None, stop_event=None, "
-                             "submission_owner=None, replacement_abort_event=None)");
-    def_property<get_vocabulary, set_vocabulary>(cls, "vocabulary", "vocabulary(self)", "vocabulary(self, value)");
-    def_property<get_universe_id, set_universe_id>(cls, "universe_id", "universe_id(self)", "universe_id(self, value)");
-    def_property<get_metaparameters, set_metaparameters>(cls, "metaparameters", "metaparameters(self)",
-                                                         "metaparameters(self, value)");
-    def_property<get_max_depth, set_max_depth>(cls, "max_depth", "max_depth(self)", "max_depth(self, value)");
-    def_property<get_analytics>(cls, "analytics", "analytics(self)");
-    def_method<refresh_analytics>(cls, "refresh_analytics($self)");
-    def_method<f_submission_cancelled>(cls, "_submission_cancelled($self)");
-    def_method<safe_record>(cls,
-                            "_safe_record($self, graph, passed_thresholds, rejection_reason=None, stats=None, "
-                            "per_column_stats=None)");
-    register_evaluate(cls);
-
-    // Helpers that need no context: module functions, also reachable from the class.
-    def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
-    def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
-    def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
-    def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
-    def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
-    keep_original(k_class_require_threshold.name(),
-                  def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)"));
-    set_global("SearchContext", cls);
-}
-
-}  // namespace tw

@@ -98,7 +98,7 @@ object collect_direct(handle s) {
 
 }  // namespace
 
-static object evaluate(handle self, handle expr_graph) {
+object evaluate(handle self, handle expr_graph) {
     handle graph = expr_graph;
     if (!well_shaped(graph)) return reject(self, graph, "invalid_input");
     object vocabulary = get_attr(self, ID("_vocabulary"));
@@ -264,7 +264,7 @@ object limit_reason(const char* prefix, handle name, handle entry) {
 
 }  // namespace
 
-static object derive_rejection_reason(handle self, handle stats) {
+object derive_rejection_reason(handle self, handle stats) {
     object thresholds = get_attr(self, ID("_thresholds"));
     bool passed = truthy(get_attr_or(stats, ID("passed"), Py_True));
 
@@ -312,11 +312,6 @@ static object derive_rejection_reason(handle self, handle stats) {
     if (has_correlation_failure) return str_of("correlation_exceeded");
     if (!passed) return str_of("gross_returns_sharpe_below_min");
     return none();
-}
-
-void register_evaluate(handle cls) {
-    def_method<evaluate>(cls, "evaluate($self, expr_graph)");
-    def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
 }
 
 }  // namespace tw::ctx

@@ -7,6 +7,12 @@ namespace tw::metrics {
 static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdown",       "turnover",
                                   "margin", "long_count", "short_count", "delta_exposure", "max_weight"};
 
+object required_metric_names() {
+    object names = new_list();
+    for (auto n : kRequired) list_append(names, str_of(n));
+    return steal(PyList_AsTuple(names.ptr()));
+}
+
 static object missing_sentinel() { return global(ID("_MISSING_BACKTEST_METRIC")); }
 
 object invalid_reason(handle attr) { return ftext({str_of("invalid_backtest_metric_"), attr}); }
@@ -164,49 +170,21 @@ bool has_disallowed_mi_field(handle value) {
 
 static object pair(object a, object b) { return tuple_of({a, b}); }
 
-static object f_invalid_reason(handle attr) { return invalid_reason(attr); }
-static object f_required_value(handle bt_stats, handle attr) {
+object f_invalid_reason(handle attr) { return invalid_reason(attr); }
+object f_required_value(handle bt_stats, handle attr) {
     auto [v, r] = required_value(bt_stats, attr);
     return pair(v, r);
 }
-static object f_collect(handle bt_stats) {
+object f_collect(handle bt_stats) {
     auto [v, r] = collect_required(bt_stats);
     return pair(v, r);
 }
-static object f_factor_pnl(handle value) { return normalize_factor_pnl(value); }
-static object f_per_column(handle value) { return normalize_per_column_stats(value); }
-static object f_is_pnl_mi(handle bt_stats) { return is_pnl_mi_from_stats(bt_stats); }
-static object f_is_finite(handle value) { return bool_of(is_finite_number(value)); }
-static object f_non_finite(handle value) { return bool_of(has_non_finite_number(value)); }
-static object f_disallowed(handle value) { return bool_of(has_disallowed_mi_field(value)); }
+object f_factor_pnl(handle value) { return normalize_factor_pnl(value); }
+object f_per_column(handle value) { return normalize_per_column_stats(value); }
+object f_is_pnl_mi(handle bt_stats) { return is_pnl_mi_from_stats(bt_stats); }
+object f_is_finite(handle value) { return bool_of(is_finite_number(value)); }
+object f_non_finite(handle value) { return bool_of(has_non_finite_number(value)); }
+object f_disallowed(handle value) { return bool_of(has_disallowed_mi_field(value)); }
 
 }  // namespace tw::metrics
 
-namespace tw {
-
-void register_metric_contract(handle m) {
-    using namespace metrics;
-    // A unique sentinel: an absent attribute and one holding None are told apart by identity.
-    object sentinel_cls = make_class("_MissingBacktestMetric");
-    set_global("_MISSING_BACKTEST_METRIC", call(sentinel_cls));
-    object names = new_list();
-    for (auto n : kRequired) list_append(names, str_of(n));
-    set_global("_REQUIRED_BACKTEST_METRICS", steal(PyList_AsTuple(names.ptr())));
-    object counts = new_list();
-    list_append(counts, str_of("long_count"));
-    list_append(counts, str_of("short_count"));
-    set_global("_REQUIRED_BACKTEST_COUNT_METRICS",
-               call(borrow(reinterpret_cast<PyObject*>(&PyFrozenSet_Type)), {counts}));
-
-    def_function<f_invalid_reason>(m, "_invalid_backtest_metric_reason(attr)");
-    def_function<f_required_value>(m, "_required_backtest_metric_value(bt_stats, attr)");
-    def_function<f_collect>(m, "_collect_required_backtest_stats(bt_stats)");
-    def_function<f_factor_pnl>(m, "_normalize_factor_pnl(value)");
-    def_function<f_per_column>(m, "_normalize_per_column_stats(value)");
-    def_function<f_is_pnl_mi>(m, "_is_pnl_mi_from_backtest_stats(bt_stats)");
-    def_function<f_is_finite>(m, "_is_finite_number(value)");
-    def_function<f_non_finite>(m, "_has_non_finite_number(value)");
-    def_function<f_disallowed>(m, "_has_disallowed_mi_contract_field(value)");
-}
-
-}  // namespace tw

@@ -6,7 +6,7 @@
 
 namespace tw::hnd {
 
-static object persistent_table_columns(handle self, handle table_name) {
+object persistent_table_columns(handle self, handle table_name) {
     return store::table_columns(get_attr(field(self, ID("_tracker")), ID("_conn")), table_name);
 }
 
@@ -31,20 +31,14 @@ static object ensure_claim_columns(handle self, handle ready_field, store::Table
     return bool_of(true);
 }
 
-static object ensure_submission_claim_columns(handle self) {
+object ensure_submission_claim_columns(handle self) {
     return ensure_claim_columns(self, ID("_submission_claim_columns_ready"), store::Table::submission_queue,
                                 "submission_queue_claim_schema");
 }
 
-static object ensure_retry_claim_columns(handle self) {
+object ensure_retry_claim_columns(handle self) {
     return ensure_claim_columns(self, ID("_retry_claim_columns_ready"), store::Table::submission_retry,
                                 "submission_retry_claim_schema");
-}
-
-void register_claims(handle cls) {
-    def_method<persistent_table_columns>(cls, "_persistent_table_columns($self, table_name)");
-    def_method<ensure_submission_claim_columns>(cls, "_ensure_submission_claim_columns($self)");
-    def_method<ensure_retry_claim_columns>(cls, "_ensure_retry_claim_columns($self)");
 }
 
 }  // namespace tw::hnd

@@ -32,7 +32,7 @@ static object derive_metaparameters(handle era_cfg) {
     return params;
 }
 
-static object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir) {
+object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir) {
     if (is_none(era_cfg)) raise_runtime_not_ready();
 
     set_field(self, ID("_template"), template_);
@@ -145,7 +145,7 @@ static bool permanent_failure(handle self, handle err_msg) {
     return true;
 }
 
-static object do_per_era_init(handle self) {
+object do_per_era_init(handle self) {
     object era_config = get_attr_or_none(self, ID("_era_config"));
     object auth = get_attr_or_none(self, ID("_auth"));
     if (is_none(era_config) || is_none(auth)) raise_runtime_not_ready();
@@ -208,13 +208,6 @@ static object do_per_era_init(handle self) {
         permanent_failure(self, err_msg);
     }
     return none();
-}
-
-void register_construction(handle cls) {
-    def_method<handle_init>(cls,
-                            "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
-                            "data_dir=None)");
-    def_method<do_per_era_init>(cls, "_do_per_era_init($self)", "4-step per-era initialization.");
 }
 
 }  // namespace tw::hnd

@@ -23,19 +23,3 @@ bool wait_event(handle ev, double seconds) {
 
 }  // namespace tw::hnd
 
-namespace tw {
-
-void register_handle(handle m) {
-    object cls = make_class("_SearchHandleImpl", handle(reinterpret_cast<PyObject*>(&PyBaseObject_Type)),
-                            "Concrete SearchHandle returned by search().");
-    hnd::register_construction(cls);
-    hnd::register_threads(cls, m);
-    hnd::register_supervision(cls);
-    hnd::register_shutdown(cls);
-    hnd::register_status(cls);
-    hnd::register_claims(cls);
-    set_global("_SearchHandleImpl", cls);
-    set_global("SearchHandle", cls);
-}
-
-}  // namespace tw

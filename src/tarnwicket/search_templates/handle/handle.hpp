@@ -49,3 +49,39 @@ void register_shutdown(handle cls);
 void register_status(handle cls);
 void register_claims(handle cls);
 }  // namespace tw::hnd
+
+// ---------------------------------------------------------------- bound in register.cpp
+
+namespace tw::hnd {
+object ensure_retry_claim_columns(handle self);
+object ensure_submission_claim_columns(handle self);
+object persistent_table_columns(handle self, handle table_name);
+object do_per_era_init(handle self);
+object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir);
+object abort_event_handle(handle self);
+object abort_for_replacement(handle self);
+object abort_requested(handle self);
+object ensure_primitives(handle self);
+object finalize(handle self);
+object poll_start_guard(handle self);
+object stop(handle self, handle join_timeout);
+object submission_start_guard(handle self);
+object discovery_rate_nudge(handle self);
+object status(handle self);
+object update_submission_counts(handle self);
+object append_error(handle self, handle message);
+object record_background_failure(handle self, handle component, handle operation, handle exc, handle backoff_arg);
+object reset_background_failures(handle self, handle component);
+object set_fatal_error(handle self, handle error_code, handle recovery_advice, handle message);
+object supervisor_loop(handle self);
+object supervisor_loop_inner(handle self);
+object build_era_thread(handle self);
+object era_loop(handle self);
+object f_interruptible_wait(handle stop_event, handle timeout);
+object on_era_change(handle self, handle event_type, handle era_id);
+object restart_worker(handle handle_, handle count_arg);
+object spawn_worker(handle handle_, handle worker_id);
+object start_all_threads(handle self);
+object worker_loop(handle self, handle worker_id);
+object worker_loop_inner(handle self, handle worker_id);
+}  // namespace tw::hnd

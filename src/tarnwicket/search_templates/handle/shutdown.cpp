@@ -7,7 +7,7 @@ namespace tw::hnd {
 
 // ---------------------------------------------------------------- abort primitives
 
-static object ensure_primitives(handle self) {
+object ensure_primitives(handle self) {
     static const char* names[] = {"_replacement_abort_event", "_submission_start_lock", "_poll_start_lock"};
     bool all = true;
     for (auto n : names)
@@ -25,22 +25,22 @@ static object ensure_primitives(handle self) {
     });
 }
 
-static object abort_event_handle(handle self) {
+object abort_event_handle(handle self) {
     call_method(self, ID("_ensure_replacement_abort_primitives"));
     return field(self, ID("_replacement_abort_event"));
 }
 
-static object submission_start_guard(handle self) {
+object submission_start_guard(handle self) {
     call_method(self, ID("_ensure_replacement_abort_primitives"));
     return field(self, ID("_submission_start_lock"));
 }
 
-static object poll_start_guard(handle self) {
+object poll_start_guard(handle self) {
     call_method(self, ID("_ensure_replacement_abort_primitives"));
     return field(self, ID("_poll_start_lock"));
 }
 
-static object abort_requested(handle self) {
+object abort_requested(handle self) {
     object ev = call_method(self, ID("_replacement_abort_event_handle"));
     return bool_of(event_is_set(ev));
 }
@@ -99,7 +99,7 @@ static const char* kBackgroundThreads[] = {"_supervisor_thread", "_era_thread", 
 
 // ---------------------------------------------------------------- stop
 
-static object stop(handle self, handle join_timeout) {
+object stop(handle self, handle join_timeout) {
     if (field_true(self, ID("_stopped"))) return none();
     object flush = get_attr_or_none(self, ID("_flush_pending_receipt_finalizations"));
     if (PyCallable_Check(flush.ptr())) call(flush);
@@ -152,7 +152,7 @@ static void delete_owned_rows(handle self) {
     }
 }
 
-static object abort_for_replacement(handle self) {
+object abort_for_replacement(handle self) {
     if (field_true(self, ID("_stopped"))) return none();
     {
         with_lock(call_method(self, ID("_submission_start_guard")), [&] {
@@ -207,7 +207,7 @@ static object abort_for_replacement(handle self) {
 
 // ---------------------------------------------------------------- finaliser
 
-static object finalize(handle self) {
+object finalize(handle self) {
     object quiet = tuple_of({handle(PyExc_AttributeError), handle(PyExc_RuntimeError), handle(PyExc_OSError),
                              handle(PyExc_ReferenceError)});
     object quiet_inner =
@@ -228,18 +228,6 @@ static object finalize(handle self) {
         if (!matches(e, quiet)) throw;
     }
     return none();
-}
-
-void register_shutdown(handle cls) {
-    def_method<ensure_primitives>(cls, "_ensure_replacement_abort_primitives($self)");
-    def_method<abort_event_handle>(cls, "_replacement_abort_event_handle($self)");
-    def_method<submission_start_guard>(cls, "_submission_start_guard($self)");
-    def_method<poll_start_guard>(cls, "_poll_start_guard($self)");
-    def_method<abort_requested>(cls, "_replacement_abort_requested($self)");
-    def_method<stop>(cls, "stop($self, join_timeout=2.0)", "Stop all workers. Blocks until clean shutdown.");
-    def_method<abort_for_replacement>(cls, "_abort_for_replacement($self)",
-                                      "Fast shutdown for a handle superseded by a new search().");
-    def_method<finalize>(cls, "__del__($self)", "Cleanup on garbage collection.");
 }
 
 }  // namespace tw::hnd

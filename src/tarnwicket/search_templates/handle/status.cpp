@@ -8,7 +8,7 @@ namespace tw::hnd {
 
 static object copy_list(handle l) { return list_from(l); }
 
-static object status(handle self) {
+object status(handle self) {
     call_method(self, ID("_maybe_fire_discovery_rate_declining_nudge"));
     object snapshot;
     {
@@ -74,7 +74,7 @@ static object status(handle self) {
     return snapshot;
 }
 
-static object update_submission_counts(handle self) {
+object update_submission_counts(handle self) {
     object queued;
     try {
         queued = call_method(field(self, ID("_submission_queue")), ID("qsize"));
@@ -100,7 +100,7 @@ static double count_query(handle conn, store::Stmt sql, handle lo, handle hi) {
     return as_double(getitem(row, int_of(0)));
 }
 
-static object discovery_rate_nudge(handle self) {
+object discovery_rate_nudge(handle self) {
     if (!field_true(self, ID("_tracker_uses_persistent_store"))) return none();
     try {
         object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
@@ -140,12 +140,6 @@ static object discovery_rate_nudge(handle self) {
         log_warning("discovery_rate_declining nudge evaluation failed: %s", {exc_value(e)});
     }
     return none();
-}
-
-void register_status(handle cls) {
-    def_method<status>(cls, "status($self)", "Return SearchStatus snapshot. Raises SearchError on fatal.");
-    def_method<update_submission_counts>(cls, "_update_submission_counts($self)");
-    def_method<discovery_rate_nudge>(cls, "_maybe_fire_discovery_rate_declining_nudge($self)");
 }
 
 }  // namespace tw::hnd

@@ -39,7 +39,7 @@ static void watch_pipeline_thread(handle self, handle thread_field, handle degra
     }
 }
 
-static object supervisor_loop_inner(handle self) {
+object supervisor_loop_inner(handle self) {
     long long consecutive_failures = 0;
     object interruptible_wait = get_attr(self, ID("_interruptible_wait"));
     while (true) {
@@ -122,7 +122,7 @@ static object supervisor_loop_inner(handle self) {
     }
 }
 
-static object supervisor_loop(handle self) {
+object supervisor_loop(handle self) {
     try {
         call_method(self, ID("_supervisor_loop_inner"));
     } catch (py::error_already_set& e) {
@@ -132,7 +132,7 @@ static object supervisor_loop(handle self) {
     return none();
 }
 
-static object set_fatal_error(handle self, handle error_code, handle recovery_advice, handle message) {
+object set_fatal_error(handle self, handle error_code, handle recovery_advice, handle message) {
     handle code = error_code, advice = recovery_advice;
     {
         with_lock(lock_of(self), [&] {
@@ -162,7 +162,7 @@ static object set_fatal_error(handle self, handle error_code, handle recovery_ad
     return none();
 }
 
-static object append_error(handle self, handle message) {
+object append_error(handle self, handle message) {
     return with_lock(lock_of(self), [&] {
         append_to(field(self, ID("_errors")), message);
         return none();
@@ -187,7 +187,7 @@ static void account_component(handle self, handle failures, handle backoff_secon
     }
 }
 
-static object record_background_failure(handle self, handle component, handle operation, handle exc, handle backoff_arg) {
+object record_background_failure(handle self, handle component, handle operation, handle exc, handle backoff_arg) {
     bool backoff = truthy(backoff_arg);
     object cls_name = get_attr(borrow(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), ID("__name__"));
     object message = ftext({component, str_of(" "), operation, str_of(" failed ("), cls_name, str_of("): "), exc});
@@ -211,7 +211,7 @@ static object record_background_failure(handle self, handle component, handle op
     });
 }
 
-static object reset_background_failures(handle self, handle component) {
+object reset_background_failures(handle self, handle component) {
     return with_lock(lock_of(self), [&] {
         if (is_str(component) && PyUnicode_CompareWithASCIIString(component.ptr(), "submission") == 0)
             set_field(self, ID("_submission_failures"), int_of(0));
@@ -219,19 +219,6 @@ static object reset_background_failures(handle self, handle component) {
             set_field(self, ID("_polling_failures"), int_of(0));
         return none();
     });
-}
-
-void register_supervision(handle cls) {
-    def_method<supervisor_loop>(cls, "_supervisor_loop($self)",
-                                "Supervisor: monitors health, restarts dead components.");
-    def_method<supervisor_loop_inner>(cls, "_supervisor_loop_inner($self)");
-    def_method<set_fatal_error>(cls, "_set_fatal_error($self, error_code, recovery_advice, message)",
-                                "Set fatal error state.");
-    def_method<append_error>(cls, "_append_error($self, message)");
-    def_method<record_background_failure>(cls,
-                                          "_record_background_failure($self, component, operation, exc, backoff=True)",
-                                          "Record a non-fatal background submission/polling failure.");
-    def_method<reset_background_failures>(cls, "_reset_background_failures($self, component)");
 }
 
 }  // namespace tw::hnd

@@ -24,7 +24,7 @@ static object in_sandbox(F&& step) {
 
 // ---------------------------------------------------------------- start-up
 
-static object start_all_threads(handle self) {
+object start_all_threads(handle self) {
     if (!is_none(field(self, ID("_fatal_error")))) return none();
     if (is_none(field(self, ID("_backtester")))) {
         log_warning("Backtester unavailable during search startup; handle will remain running without worker threads.");
@@ -68,7 +68,7 @@ static object start_all_threads(handle self) {
 
 // ---------------------------------------------------------------- workers
 
-static object worker_loop(handle self, handle worker_id) {
+object worker_loop(handle self, handle worker_id) {
     {
         with_lock(lock_of(self), [&] {
             add_int(self, ID("_worker_start_count"), 1);
@@ -108,7 +108,7 @@ static object build_context(handle self) {
                     {ID("replacement_abort_event"), field(self, ID("_replacement_abort_event"))}});
 }
 
-static object worker_loop_inner(handle self, handle worker_id) {
+object worker_loop_inner(handle self, handle worker_id) {
     int restart_count = 0;
     const int max_restarts = 20;
     while (true) {
@@ -165,7 +165,7 @@ static object worker_loop_inner(handle self, handle worker_id) {
     }
 }
 
-static object spawn_worker(handle handle_, handle worker_id) {
+object spawn_worker(handle handle_, handle worker_id) {
     handle h = handle_;
     object zero = int_of(0);
     if (check_int(PyObject_RichCompareBool(worker_id.ptr(), zero.ptr(), Py_LT))) return none();
@@ -175,7 +175,7 @@ static object spawn_worker(handle handle_, handle worker_id) {
     return none();
 }
 
-static object restart_worker(handle handle_, handle count_arg) {
+object restart_worker(handle handle_, handle count_arg) {
     handle h = handle_;
     long long count = PyLong_AsLongLong(count_arg.ptr());
     if (count == -1 && PyErr_Occurred()) throw_py();
@@ -201,15 +201,15 @@ static bool interruptible_wait(handle stop_event, double timeout) {
     return event_is_set(stop_event);
 }
 
-static object f_interruptible_wait(handle stop_event, handle timeout) { return bool_of(interruptible_wait(stop_event, as_double(timeout))); }
+object f_interruptible_wait(handle stop_event, handle timeout) { return bool_of(interruptible_wait(stop_event, as_double(timeout))); }
 
-static object build_era_thread(handle self) {
+object build_era_thread(handle self) {
     object factory = st_attr_or_none(ID("_era_thread_factory"));
     if (PyCallable_Check(factory.ptr())) return call(factory);
     return new_thread(get_attr(self, ID("_era_loop")), "era_thread");
 }
 
-static object era_loop(handle self) {
+object era_loop(handle self) {
     object era_config = field(self, ID("_era_config"));
     object era_id = is_none(era_config) ? int_of(1) : get_attr_or(era_config, ID("era_id"), int_of(1));
     object stop_event = field(self, ID("_stop_event"));
@@ -236,7 +236,7 @@ static object era_loop(handle self) {
     return none();
 }
 
-static object on_era_change(handle self, handle event_type, handle era_id) {
+object on_era_change(handle self, handle event_type, handle era_id) {
     auto is_kind = [&](const char* kind) {
         return is_str(event_type) && PyUnicode_CompareWithASCIIString(event_type.ptr(), kind) == 0;
     };
@@ -266,20 +266,6 @@ static object on_era_change(handle self, handle event_type, handle era_id) {
         }
     }
     return none();
-}
-
-void register_threads(handle cls, handle m) {
-    def_method<start_all_threads>(cls, "_start_all_threads($self)");
-    def_method<worker_loop>(cls, "_worker_loop($self, worker_id)");
-    def_method<worker_loop_inner>(cls, "_worker_loop_inner($self, worker_id)");
-    def_static<f_interruptible_wait>(cls, "_interruptible_wait(stop_event, timeout)",
-                                     "Wait for stop_event or timeout using time.sleep to avoid shutdown deadlocks.");
-    def_method<build_era_thread>(cls, "_build_era_thread($self)");
-    def_method<era_loop>(cls, "_era_loop($self)");
-    def_method<on_era_change>(cls, "_on_era_change($self, event_type, era_id)",
-                              "Callback from SyncManager's EraThread on era state changes.");
-    def_function<spawn_worker>(m, "_spawn_worker(handle, worker_id)", "Spawn a single worker. Can be monkeypatched.");
-    def_function<restart_worker>(m, "_restart_worker(handle, count)", "Restart dead workers. Can be monkeypatched.");
 }
 
 }  // namespace tw::hnd

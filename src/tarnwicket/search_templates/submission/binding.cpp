@@ -10,7 +10,6 @@ static const LateFn k_pool_id_from_config_entry("_pool_id_from_config_entry");
 static const LateFn k_result_to_receipt("_result_to_receipt");
 static const LateFn k_submit_signal_payload("_submit_signal_payload");
 
-
 // ---------------------------------------------------------------- pools
 
 object pool_id_from_config_entry(handle pool) {
@@ -96,10 +95,10 @@ static object submit_signal_payload(handle payload) {
 
 // ---------------------------------------------------------------- bindings
 
-static object f_entry(handle pool) { return pool_id_from_config_entry(pool); }
-static object f_first_pool(handle era_config) { return first_signal_pool_id_from_era_config(era_config); }
+object f_entry(handle pool) { return pool_id_from_config_entry(pool); }
+object f_first_pool(handle era_config) { return first_signal_pool_id_from_era_config(era_config); }
 
-static object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, handle is_stats, handle is_pnl_mi, handle expression_elapsed_seconds, handle metaparameters, handle search_state) {
+object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, handle is_stats, handle is_pnl_mi, handle expression_elapsed_seconds, handle metaparameters, handle search_state) {
     object payload = new_dict();
     dict_set(payload, ID("graph"), graph);
     dict_set(payload, ID("universe_id"), universe_id);
@@ -113,22 +112,7 @@ static object f_submit_signal(handle graph, handle universe_id, handle signal_po
     return submit_signal_payload(payload);
 }
 
-
-static object f_submit_payload(handle payload) { return submit_signal_payload(payload); }
+object f_submit_payload(handle payload) { return submit_signal_payload(payload); }
 
 }  // namespace tw::binding
 
-namespace tw {
-
-void register_binding(handle m) {
-    using namespace binding;
-    def_function<f_entry>(m, "_pool_id_from_config_entry(pool)");
-    def_function<f_first_pool>(m, "_first_signal_pool_id_from_era_config(era_config)");
-    def_function<f_submit_signal>(m,
-                                  "submit_signal(graph, universe_id, signal_pool_id, is_stats, is_pnl_mi, "
-                                  "expression_elapsed_seconds, *, metaparameters=None, search_state=None)",
-                                  "Submit one signal to the signal service; returns a SubmissionReceipt.");
-    def_function<f_submit_payload>(m, "_submit_signal_payload(payload)");
-}
-
-}  // namespace tw

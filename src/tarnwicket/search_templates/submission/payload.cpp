@@ -178,43 +178,27 @@ void backoff_sleep(handle seconds) {
 
 // ---------------------------------------------------------------- bindings
 
-static object f_serialize(handle payload) { return serialize(payload); }
-static object f_for_storage(handle payload) {
+object f_serialize(handle payload) { return serialize(payload); }
+object f_for_storage(handle payload) {
     if (!is_dict(payload)) raise(PyExc_TypeError, "payload must be a dict");
     return for_storage(payload);
 }
-static object f_load(handle payload_json) { return load(payload_json); }
-static object f_require_keys(handle payload, handle source_kind, handle row_id) {
+object f_load(handle payload_json) { return load(payload_json); }
+object f_require_keys(handle payload, handle source_kind, handle row_id) {
     require_typed_keys(payload, source_kind, row_id);
     return none();
 }
-static object f_resolve_pools(handle conn, handle payload) { return resolve_pool_ids(conn, payload); }
-static object f_validate(handle kwargs) {
+object f_resolve_pools(handle conn, handle payload) { return resolve_pool_ids(conn, payload); }
+object f_validate(handle kwargs) {
     validate_submit_contract(kwargs);
     return none();
 }
-static object f_submit_kwargs(handle payload, handle allowed) { return submit_kwargs(payload, allowed); }
-static object f_persistent(handle tracker) { return bool_of(uses_persistent_store(tracker)); }
-static object f_backoff_sleep(handle seconds) {
+object f_submit_kwargs(handle payload, handle allowed) { return submit_kwargs(payload, allowed); }
+object f_persistent(handle tracker) { return bool_of(uses_persistent_store(tracker)); }
+object f_backoff_sleep(handle seconds) {
     backoff_sleep(seconds);
     return none();
 }
 
 }  // namespace tw::payload
 
-namespace tw {
-
-void register_payload(handle m) {
-    using namespace payload;
-    def_function<f_serialize>(m, "_serialize_submission_payload(payload)");
-    def_function<f_for_storage>(m, "_submission_payload_for_storage(payload)");
-    def_function<f_load>(m, "_load_submission_payload(payload_json)");
-    def_function<f_require_keys>(m, "_require_payload_typed_keys(payload, source_kind, row_id)");
-    def_function<f_resolve_pools>(m, "_resolve_submission_pool_ids(conn, payload)");
-    def_function<f_validate>(m, "_validate_submit_contract_kwargs(kwargs)");
-    def_function<f_submit_kwargs>(m, "_submit_kwargs_from_payload(payload, allowed)");
-    def_function<f_persistent>(m, "_tracker_uses_persistent_store(tracker)");
-    def_function<f_backoff_sleep>(m, "_submission_backoff_sleep(seconds)");
-}
-
-}  // namespace tw

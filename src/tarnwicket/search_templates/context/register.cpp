@@ -1,0 +1,76 @@
+// The names of this subsystem as Python sees them: this file only registers.
+#include "context/context.hpp"
+#include "context/metric_contract.hpp"
+
+namespace tw {
+
+void register_context(handle m) {
+    using namespace ctx;
+    object cls = make_class("SearchContext", handle(reinterpret_cast<PyObject*>(&PyBaseObject_Type)),
+                            "Context passed to template functions.");
+    def_method<context_init>(cls,
+                             "__init__($self, vocab, universe, metaparams, depth, tracker, sync_mgr, bt, "
+                             "thresholds=None, era_config=None, fatal_callback=None, submission_queue=None, "
+                             "tracker_write_lock=None, submission_wakeup=None, stop_event=None, "
+                             "submission_owner=None, replacement_abort_event=None)");
+    def_property<get_vocabulary, set_vocabulary>(cls, "vocabulary", "vocabulary(self)", "vocabulary(self, value)");
+    def_property<get_universe_id, set_universe_id>(cls, "universe_id", "universe_id(self)", "universe_id(self, value)");
+    def_property<get_metaparameters, set_metaparameters>(cls, "metaparameters", "metaparameters(self)",
+                                                         "metaparameters(self, value)");
+    def_property<get_max_depth, set_max_depth>(cls, "max_depth", "max_depth(self)", "max_depth(self, value)");
+    def_property<get_analytics>(cls, "analytics", "analytics(self)");
+    def_method<refresh_analytics>(cls, "refresh_analytics($self)");
+    def_method<f_submission_cancelled>(cls, "_submission_cancelled($self)");
+    def_method<safe_record>(cls,
+                            "_safe_record($self, graph, passed_thresholds, rejection_reason=None, stats=None, "
+                            "per_column_stats=None)");
+    register_evaluate(cls);
+
+    // Helpers that need no context: module functions, also reachable from the class.
+    def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
+    def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
+    def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
+    def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
+    def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
+    keep_original(k_class_require_threshold.name(),
+                  def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)"));
+    set_global("SearchContext", cls);
+}
+
+}  // namespace tw
+
+namespace tw::ctx {
+
+void register_evaluate(handle cls) {
+    def_method<evaluate>(cls, "evaluate($self, expr_graph)");
+    def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
+}
+
+}  // namespace tw::ctx
+
+namespace tw {
+
+void register_metric_contract(handle m) {
+    using namespace metrics;
+    // A unique sentinel: an absent attribute and one holding None are told apart by identity.
+    object sentinel_cls = make_class("_MissingBacktestMetric");
+    set_global("_MISSING_BACKTEST_METRIC", call(sentinel_cls));
+    set_global("_REQUIRED_BACKTEST_METRICS", required_metric_names());
+    object counts = new_list();
+    list_append(counts, str_of("long_count"));
+    list_append(counts, str_of("short_count"));
+    set_global("_REQUIRED_BACKTEST_COUNT_METRICS",
+               call(borrow(reinterpret_cast<PyObject*>(&PyFrozenSet_Type)), {counts}));
+
+    def_function<f_invalid_reason>(m, "_invalid_backtest_metric_reason(attr)");
+    def_function<f_required_value>(m, "_required_backtest_metric_value(bt_stats, attr)");
+    def_function<f_collect>(m, "_collect_required_backtest_stats(bt_stats)");
+    def_function<f_factor_pnl>(m, "_normalize_factor_pnl(value)");
+    def_function<f_per_column>(m, "_normalize_per_column_stats(value)");
+    def_function<f_is_pnl_mi>(m, "_is_pnl_mi_from_backtest_stats(bt_stats)");
+    def_function<f_is_finite>(m, "_is_finite_number(value)");
+    def_function<f_non_finite>(m, "_has_non_finite_number(value)");
+    def_function<f_disallowed>(m, "_has_disallowed_mi_contract_field(value)");
+}
+
+}  // namespace tw
