@@ -39,6 +39,7 @@ private:
     int slot() const;
     PyObject* name_;          // interned, immortal for our purposes
     mutable int slot_ = -1;   // index into module_state().originals, found at first use
+    mutable std::size_t scanned_ = 0;  // entries of originals already compared
 };
 
 // An attribute of a host module, bound late in the same way: `random.randint`

@@ -16,7 +16,11 @@ void init_module_state(handle module) {
     Py_INCREF(s.globals);
 }
 
-void keep_original(handle name, handle obj) {
+void keep_original(handle name_arg, handle obj) {
+    // Names are compared by identity: keep the interned string, as LateFn holds.
+    PyObject* interned = name_arg.inc_ref().ptr();
+    PyUnicode_InternInPlace(&interned);
+    object name = steal(interned);
     auto& originals = module_state().originals;
     for (auto& o : originals) {
         if (o.name == name.ptr()) {
@@ -39,14 +43,11 @@ void release_module_state() {
 }
 
 int LateFn::slot() const {
-    if (slot_ < 0) {
-        auto& originals = module_state().originals;
-        for (std::size_t i = 0; i < originals.size(); ++i) {
-            if (originals[i].name == name_) {
-                slot_ = static_cast<int>(i);
-                break;
-            }
-        }
+    // Entries are only ever appended: each is looked at once.
+    auto& originals = module_state().originals;
+    while (slot_ < 0 && scanned_ < originals.size()) {
+        if (originals[scanned_].name == name_) slot_ = static_cast<int>(scanned_);
+        ++scanned_;
     }
     return slot_;
 }
