@@ -232,3 +232,28 @@ def test_replaced_module_functions_are_obeyed(world, monkeypatch):
     w = world()
     assert w.ctx.evaluate(GRAPH).stats == {"only": 1.0}
     assert w.tracker.enqueued == [("eval-1", "signal", "SERIALISED", 3)]
+
+
+def test_replaced_metric_reader_is_obeyed_by_the_collector(world, monkeypatch):
+    seen = []
+    monkeypatch.setattr(st, "_required_backtest_metric_value", lambda s, attr: seen.append(attr) or (2.0, None))
+    w = world()
+    assert set(w.ctx.evaluate(GRAPH).stats.values()) == {2.0}
+    assert seen == list(st._REQUIRED_BACKTEST_METRICS)
+
+
+def test_methods_replaced_on_the_instance_or_a_subclass_are_obeyed(world, monkeypatch):
+    w = world()
+    recorded = []
+    monkeypatch.setattr(w.ctx, "_safe_record", lambda graph, passed, **kw: recorded.append((passed, kw)) or "mine")
+    assert w.ctx.evaluate(GRAPH) is not None
+    assert recorded == [(True, {})] and w.tracker.records == []
+    assert w.q.get_nowait()["eval_id"] == "mine"
+
+    class Cancelling(st.SearchContext):
+        def _submission_cancelled(self):
+            return True
+
+    w = world()
+    w.ctx.__class__ = Cancelling
+    assert w.ctx.evaluate(GRAPH) is None and w.tracker.records == []

@@ -52,10 +52,23 @@ object function_names(handle functions) {
     return names;
 }
 
-bool cancelled(handle self) { return truthy(call_method(self, ID("_submission_cancelled"))); }
+bool cancelled(handle self) {
+    object m = get_attr(self, ID("_submission_cancelled"));
+    if (is_own_method<f_submission_cancelled>(m, self)) return submission_cancelled(self);
+    return truthy(call(m));
+}
+
+// self._safe_record(graph, passed, rejection_reason=reason)
+object record(handle self, handle graph, bool passed, handle reason) {
+    object m = get_attr(self, ID("_safe_record"));
+    handle flag(passed ? Py_True : Py_False);
+    if (is_own_method<safe_record>(m, self)) return safe_record(self, graph, flag, reason, Py_None, Py_None);
+    if (is_none(reason)) return call(m, {graph, flag});
+    return call_kw(m, {graph, flag}, {{ID("rejection_reason"), reason}});
+}
 
 object reject(handle self, handle graph, handle reason) {
-    call_method_kw(self, ID("_safe_record"), {graph, handle(Py_False)}, {{ID("rejection_reason"), reason}});
+    record(self, graph, false, reason);
     return none();
 }
 object reject(handle self, handle graph, const char* reason) { return reject(self, graph, str_of(reason)); }
@@ -102,7 +115,7 @@ object evaluate(handle self, handle expr_graph) {
     handle graph = expr_graph;
     if (!well_shaped(graph)) return reject(self, graph, "invalid_input");
     object vocabulary = get_attr(self, ID("_vocabulary"));
-    object empty = str_of("");
+    object empty = borrow(ID("").ptr());
     object type = dict_get(graph, ID("type"), empty);
     if (is_text(type, "rotation") || is_text(type, "filtration") || is_text(type, "reduction")) {
         object functions = is_dict(vocabulary) ? dict_get(vocabulary, ID("functions"), new_list())
@@ -150,7 +163,9 @@ object evaluate(handle self, handle expr_graph) {
     if (is_none(bt_stats))
         return reject(self, graph, is_nonempty_str(failure_reason) ? handle(failure_reason) : handle(str_of("backtester_unavailable")));
 
-    object reason = call_method(self, ID("_derive_rejection_reason"), {bt_stats});
+    object derive = get_attr(self, ID("_derive_rejection_reason"));
+    object reason = is_own_method<derive_rejection_reason>(derive, self) ? derive_rejection_reason(self, bt_stats)
+                                                                         : call(derive, {bt_stats});
     if (!is_none(reason)) return reject(self, graph, reason);
     object correlation = get_attr_or_none(bt_stats, ID("correlation"));
     if (is_number(correlation)) {
@@ -185,14 +200,14 @@ object evaluate(handle self, handle expr_graph) {
                              {ID("submitted"), handle(Py_False)}});
 
     if (cancelled(self)) return none();
-    object recorded = call_method(self, ID("_safe_record"), {graph, handle(Py_True)});
+    object recorded = record(self, graph, true, Py_None);
     if (cancelled(self)) return result;
     object eval_id = is_none(recorded) ? py_str(call(import_attr("uuid", ID("uuid4")))) : recorded;
 
     object era_id = get_attr(self, ID("_era_id"));
     object payload = new_dict();
     dict_set(payload, ID("eval_id"), eval_id);
-    dict_set(payload, ID("submission_type"), str_of("signal"));
+    dict_set(payload, ID("submission_type"), ID("signal"));
     dict_set(payload, ID("graph"), graph);
     dict_set(payload, ID("universe_id"), get_attr(self, ID("_universe_id")));
     dict_set(payload, ID("signal_pool_id"), get_attr(self, ID("_signal_pool_id")));
@@ -237,7 +252,7 @@ object entry_get(handle entry, const char* key, handle dflt) { return dict_get(e
 
 // First failing entry of a metric record, or a null object.
 std::pair<object, object> first_failed(handle record) {
-    if (!is_dict(record)) return {object(), object()};
+    if (!is_dict(record) || PyDict_GET_SIZE(record.ptr()) == 0) return {object(), object()};
     object items = list_from(steal(PyDict_Items(record.ptr())));
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
         handle pair = PyList_GET_ITEM(items.ptr(), i);
@@ -268,17 +283,18 @@ object derive_rejection_reason(handle self, handle stats) {
     object thresholds = get_attr(self, ID("_thresholds"));
     bool passed = truthy(get_attr_or(stats, ID("passed"), Py_True));
 
-    static const char* tier1[][3] = {{"turnover", "turnover_max", "turnover_exceeded"},
-                                     {"delta_exposure", "delta_exposure_max", "delta_exposure_exceeded"},
-                                     {"max_weight", "max_weight_max", "max_weight_exceeded"}};
+    const handle tier1[][3] = {{ID("turnover"), ID("turnover_max"), ID("turnover_exceeded")},
+                               {ID("delta_exposure"), ID("delta_exposure_max"), ID("delta_exposure_exceeded")},
+                               {ID("max_weight"), ID("max_weight_max"), ID("max_weight_exceeded")}};
     object zero = float_of(0.0);
     for (auto& row : tier1) {
-        object value = get_attr_or(stats, str_of(row[0]), zero);
-        object limit = require_threshold_late(self, thresholds, str_of(row[1]));
-        if (is_number(value) && greater(value, limit)) return str_of(row[2]);
+        object value = get_attr_or(stats, row[0], zero);
+        object limit = require_threshold_late(self, thresholds, row[1]);
+        if (is_number(value) && greater(value, limit)) return borrow(row[2].ptr());
     }
 
-    object empty = new_dict();
+    // An absent record reads as an empty one: nothing in it failed.
+    handle empty = Py_None;
     auto [wq_name, wq_entry] = first_failed(get_attr_or(stats, ID("weight_quality_metrics"), empty));
     if (wq_entry) {
         if (is_none(entry_get(wq_entry, "value", Py_None))) return str_of("invalid_weights");

@@ -9,43 +9,55 @@ static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdow
 
 object required_metric_names() {
     object names = new_list();
-    for (auto n : kRequired) list_append(names, str_of(n));
+    for (auto n : kRequired) list_append(names, steal(check(PyUnicode_InternFromString(n))));  // attribute names are interned
     return steal(PyList_AsTuple(names.ptr()));
 }
 
-static object missing_sentinel() { return global(ID("_MISSING_BACKTEST_METRIC")); }
-
 object invalid_reason(handle attr) { return ftext({str_of("invalid_backtest_metric_"), attr}); }
 
-static bool is_count_metric(handle attr) {
-    object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
-    return contains(counts, attr);
-}
-
-std::pair<object, object> required_value(handle bt_stats, handle attr) {
-    object sentinel = missing_sentinel();
+// The value of one required metric, or the rejection reason. `sentinel` and
+// `counts` are the module's _MISSING_BACKTEST_METRIC and
+// _REQUIRED_BACKTEST_COUNT_METRICS, read by the caller.
+static std::pair<object, object> required_value(handle bt_stats, handle attr, handle sentinel, handle counts) {
     object value = get_attr_or(bt_stats, attr, sentinel);
     if (value.ptr() == sentinel.ptr()) return {none(), invalid_reason(attr)};
     if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), invalid_reason(attr)};
     double d;
     if (!try_double(value, d)) return {none(), invalid_reason(attr)};
     if (!std::isfinite(d)) return {none(), invalid_reason(attr)};
-    if (is_count_metric(attr)) {
+    if (contains(counts, attr)) {
         if (std::floor(d) != d) return {none(), invalid_reason(attr)};
         return {steal(PyLong_FromDouble(d)), none()};
     }
+    if (PyFloat_CheckExact(value.ptr())) return {value, none()};  // float(x) is x
     return {float_of(d), none()};
 }
 
+std::pair<object, object> required_value(handle bt_stats, handle attr) {
+    return required_value(bt_stats, attr, global(ID("_MISSING_BACKTEST_METRIC")),
+                          global(ID("_REQUIRED_BACKTEST_COUNT_METRICS")));
+}
+
+static const LateFn k_required_value("_required_backtest_metric_value");
+
 std::pair<object, object> collect_required(handle bt_stats) {
     object names = global(ID("_REQUIRED_BACKTEST_METRICS"));
-    object record = new_dict();
+    object sentinel = global(ID("_MISSING_BACKTEST_METRIC"));
+    object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
+    object record = steal(check(new_presized_dict_raw(std::size(kRequired))));
     // `for attr in _REQUIRED_BACKTEST_METRICS`: each read of an attribute can run
     // code that changes a replaced, mutable list of names under us.
     object it = steal(PyObject_GetIter(names.ptr()));
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object attr = steal(raw);
-        auto [value, reason] = required_value(bt_stats, attr);
+        object value, reason;
+        if (object f = k_required_value.replaced()) {
+            object got = call(f, {bt_stats, attr});
+            value = getitem(got, int_of(0));
+            reason = getitem(got, int_of(1));
+        } else {
+            std::tie(value, reason) = required_value(bt_stats, attr, sentinel, counts);
+        }
         if (!is_none(reason)) return {none(), reason};
         dict_set(record, attr, value);
     }

@@ -57,8 +57,8 @@ void register_metric_contract(handle m) {
     set_global("_MISSING_BACKTEST_METRIC", call(sentinel_cls));
     set_global("_REQUIRED_BACKTEST_METRICS", required_metric_names());
     object counts = new_list();
-    list_append(counts, str_of("long_count"));
-    list_append(counts, str_of("short_count"));
+    list_append(counts, ID("long_count"));
+    list_append(counts, ID("short_count"));
     set_global("_REQUIRED_BACKTEST_COUNT_METRICS",
                call(borrow(reinterpret_cast<PyObject*>(&PyFrozenSet_Type)), {counts}));
 
