@@ -158,3 +158,15 @@ def test_hook_takes_module_lock_once_and_releases_on_error(monkeypatch):
     with pytest.raises(KeyError):
         st._sandboxed_open("abc")
     assert lock.rounds == ["acquire", "release"] * 2 and not lock.inner.locked()
+
+
+def test_hook_waits_while_another_thread_holds_the_sandbox_lock(monkeypatch):
+    monkeypatch.setattr(st, "_original_open", len)
+    done = []
+    with st._template_sandbox_lock:
+        worker = threading.Thread(target=lambda: done.append(st._sandboxed_open("abc")))
+        worker.start()
+        worker.join(0.2)
+        assert done == [] and worker.is_alive()
+    worker.join(5)
+    assert done == [3]

@@ -23,6 +23,7 @@ struct HostLockMethods {
     PyTypeObject* type = nullptr;
     PyCFunctionWithKeywords acquire = nullptr;
     PyCFunction release = nullptr;
+    PyCFunction locked = nullptr;
     PyObject* empty_args = nullptr;
 };
 
@@ -34,14 +35,19 @@ inline const HostLockMethods& host_lock_methods() {
         object type = borrow(reinterpret_cast<PyObject*>(Py_TYPE(probe.ptr())));
         object acq = get_attr(type, ID("acquire"));
         object rel = get_attr(type, ID("release"));
-        if (Py_IS_TYPE(acq.ptr(), &PyMethodDescr_Type) && Py_IS_TYPE(rel.ptr(), &PyMethodDescr_Type)) {
+        object lkd = get_attr(type, ID("locked"));
+        if (Py_IS_TYPE(acq.ptr(), &PyMethodDescr_Type) && Py_IS_TYPE(rel.ptr(), &PyMethodDescr_Type) &&
+            Py_IS_TYPE(lkd.ptr(), &PyMethodDescr_Type)) {
             PyMethodDef* ad = reinterpret_cast<PyMethodDescrObject*>(acq.ptr())->d_method;
             PyMethodDef* rd = reinterpret_cast<PyMethodDescrObject*>(rel.ptr())->d_method;
-            if (ad->ml_flags == (METH_VARARGS | METH_KEYWORDS) && rd->ml_flags == METH_NOARGS) {
+            PyMethodDef* ld = reinterpret_cast<PyMethodDescrObject*>(lkd.ptr())->d_method;
+            if (ad->ml_flags == (METH_VARARGS | METH_KEYWORDS) && rd->ml_flags == METH_NOARGS &&
+                ld->ml_flags == METH_NOARGS) {
                 r.type = Py_TYPE(probe.ptr());
                 Py_INCREF(r.type);
                 r.acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(ad->ml_meth));
                 r.release = rd->ml_meth;
+                r.locked = ld->ml_meth;
                 r.empty_args = PyTuple_New(0);
             }
         }
@@ -65,6 +71,23 @@ inline PyObject* host_lock_release_raw(PyObject* lock) {
     if (hm.type && Py_IS_TYPE(lock, hm.type)) return hm.release(lock, nullptr);
     PyObject* argv[1] = {lock};
     return PyObject_VectorcallMethod(ID("release").ptr(), argv, 1 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+}
+
+// True when `lock` is a host Lock that nobody holds. A critical section that
+// runs no Python code and keeps the GIL may then skip the acquire and release:
+// no other thread can take the lock in between, and a host Lock cannot be
+// watched. Anything else (an RLock, a replaced object) answers false.
+inline bool host_lock_is_free(PyObject* lock) {
+    const auto& hm = detail::host_lock_methods();
+    if (!hm.type || !Py_IS_TYPE(lock, hm.type)) return false;
+    PyObject* r = hm.locked(lock, nullptr);
+    if (!r) {
+        PyErr_Clear();
+        return false;
+    }
+    bool held = r != Py_False;
+    Py_DECREF(r);
+    return !held;
 }
 
 inline void host_lock_acquire(handle lock) {

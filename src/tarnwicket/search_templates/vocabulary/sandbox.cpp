@@ -76,6 +76,12 @@ int sandbox_active_raw() {
     if (!ident) return -1;
     PyObject* lock = global_ref(ID("_template_sandbox_lock"));
     if (!lock) return -1;
+    if (host_lock_is_free(lock)) {
+        // The lookup of a thread's own int in a set of ints runs no Python code.
+        PyObject* threads = global_ref(ID("_template_sandbox_threads"));
+        if (!threads) return -1;
+        if (PySet_CheckExact(threads)) return PySet_Contains(threads, ident);
+    }
     Py_INCREF(lock);
     PyObject* r = host_lock_acquire_raw(lock);
     if (!r) {
