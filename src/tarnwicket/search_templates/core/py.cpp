@@ -57,54 +57,56 @@ object mapping_get(handle m, handle key, handle dflt) {
     return steal(PyObject_VectorcallMethod(ID("get").ptr(), argv, 3 | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
-object call(handle f, std::initializer_list<handle> args) {
-    PyObject* argv[17];
-    argv[0] = nullptr;
-    std::size_t n = 0;
-    for (auto a : args) argv[1 + n++] = a.ptr();
-    return steal(PyObject_Vectorcall(f.ptr(), argv + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
-}
+namespace {
 
-static object kwnames_tuple(std::initializer_list<std::pair<handle, handle>> kwargs) {
-    object names = steal(PyTuple_New((Py_ssize_t)kwargs.size()));
-    Py_ssize_t i = 0;
-    for (auto& kv : kwargs) {
-        Py_INCREF(kv.first.ptr());
-        PyTuple_SET_ITEM(names.ptr(), i++, kv.first.ptr());
+// Arguments of one vectorcall laid out on the stack: slot 0 is the receiver (or
+// free for PY_VECTORCALL_ARGUMENTS_OFFSET), then positionals, then keyword values.
+struct CallFrame {
+    static constexpr std::size_t kMax = 24;
+    PyObject* argv[kMax];
+    std::size_t nargs = 0;
+    object kwnames;
+
+    CallFrame(PyObject* receiver, std::initializer_list<handle> args,
+              std::initializer_list<std::pair<handle, handle>> kwargs) {
+        if (1 + args.size() + kwargs.size() > kMax) raise(PyExc_SystemError, "too many arguments for one call");
+        argv[0] = receiver;
+        std::size_t n = 1;
+        for (auto a : args) argv[n++] = a.ptr();
+        for (auto& kv : kwargs) argv[n++] = kv.second.ptr();
+        nargs = args.size();
+        if (kwargs.size()) {
+            kwnames = steal(check(PyTuple_New(static_cast<Py_ssize_t>(kwargs.size()))));
+            Py_ssize_t i = 0;
+            for (auto& kv : kwargs) PyTuple_SET_ITEM(kwnames.ptr(), i++, Py_NewRef(kv.first.ptr()));
+        }
     }
-    return names;
+    PyObject* names() const { return kwnames ? kwnames.ptr() : nullptr; }
+};
+
+}  // namespace
+
+object call(handle f, std::initializer_list<handle> args) {
+    CallFrame c(nullptr, args, {});
+    return steal(PyObject_Vectorcall(f.ptr(), c.argv + 1, c.nargs | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
 object call_kw(handle f, std::initializer_list<handle> args,
                std::initializer_list<std::pair<handle, handle>> kwargs) {
-    std::vector<PyObject*> argv;
-    argv.reserve(1 + args.size() + kwargs.size());
-    argv.push_back(nullptr);
-    for (auto a : args) argv.push_back(a.ptr());
-    for (auto& kv : kwargs) argv.push_back(kv.second.ptr());
-    object names = kwnames_tuple(kwargs);
-    return steal(PyObject_Vectorcall(f.ptr(), argv.data() + 1, args.size() | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                     kwargs.size() ? names.ptr() : nullptr));
+    CallFrame c(nullptr, args, kwargs);
+    return steal(PyObject_Vectorcall(f.ptr(), c.argv + 1, c.nargs | PY_VECTORCALL_ARGUMENTS_OFFSET, c.names()));
 }
 
 object call_method(handle o, handle name, std::initializer_list<handle> args) {
-    PyObject* argv[17];
-    argv[0] = o.ptr();
-    std::size_t n = 1;
-    for (auto a : args) argv[n++] = a.ptr();
-    return steal(PyObject_VectorcallMethod(name.ptr(), argv, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+    CallFrame c(o.ptr(), args, {});
+    return steal(PyObject_VectorcallMethod(name.ptr(), c.argv, (1 + c.nargs) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
 object call_method_kw(handle o, handle name, std::initializer_list<handle> args,
                       std::initializer_list<std::pair<handle, handle>> kwargs) {
-    std::vector<PyObject*> argv;
-    argv.reserve(1 + args.size() + kwargs.size());
-    argv.push_back(o.ptr());
-    for (auto a : args) argv.push_back(a.ptr());
-    for (auto& kv : kwargs) argv.push_back(kv.second.ptr());
-    object names = kwnames_tuple(kwargs);
-    return steal(PyObject_VectorcallMethod(name.ptr(), argv.data(), (1 + args.size()) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                           kwargs.size() ? names.ptr() : nullptr));
+    CallFrame c(o.ptr(), args, kwargs);
+    return steal(PyObject_VectorcallMethod(name.ptr(), c.argv, (1 + c.nargs) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                           c.names()));
 }
 
 object call_star(handle f, handle args_tuple, handle kwargs_dict) {
