@@ -1,3 +1,4 @@
+import dataclasses
 import logging
 import queue
 import threading
@@ -257,3 +258,24 @@ def test_methods_replaced_on_the_instance_or_a_subclass_are_obeyed(world, monkey
     w = world()
     w.ctx.__class__ = Cancelling
     assert w.ctx.evaluate(GRAPH) is None and w.tracker.records == []
+
+
+def test_result_is_the_record_class_own_instance_and_obeys_a_patched_class(world, monkeypatch):
+    w = world()
+    made = w.ctx.evaluate(GRAPH)
+    expected = st.BacktestResult(expression=GRAPH, passed=True, stats=made.stats, factor_pnl=made.factor_pnl,
+                                 per_column_stats=made.per_column_stats, submitted=False)
+    assert type(made) is st.BacktestResult and made == expected and vars(made) == vars(expected)
+    assert list(vars(made)) == [f.name for f in dataclasses.fields(st.BacktestResult)]
+
+    seen = []
+    original_init = st.BacktestResult.__init__
+    monkeypatch.setattr(st.BacktestResult, "__init__", lambda self, **kw: seen.append(kw) or original_init(self, **kw))
+    assert w.ctx.evaluate(GRAPH) == expected and seen[0]["passed"] is True
+
+    class Mine:
+        def __init__(self, **kw):
+            self.kw = kw
+
+    monkeypatch.setattr(st, "BacktestResult", Mine)
+    assert w.ctx.evaluate(GRAPH).kw["expression"] is GRAPH

@@ -21,7 +21,7 @@ object f_status() {
     if (!is_none(active)) return call_method(active, ID("status"));
     object code = str_of("NO_ACTIVE_SEARCH");
     object advice = str_of(kNoActiveSearchAdvice);
-    object status = call_kw(global(ID("SearchStatus")), {},
+    object status = new_record(global(ID("SearchStatus")),
                             {{ID("running"), bool_of(false)}, {ID("error_code"), code}, {ID("recovery_advice"), advice}});
     raise_obj(search_error(code, advice, str_of(kNoActiveSearchMessage), status));
 }

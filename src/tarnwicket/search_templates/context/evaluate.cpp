@@ -191,7 +191,7 @@ object evaluate(handle self, handle expr_graph) {
                              get_attr_or_none(bt_stats, ID("factor_pnl")));
     object per_column = late_call(k_per_column, metrics::normalize_per_column_stats,
                              get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));
-    object result = call_kw(global(ID("BacktestResult")), {},
+    object result = new_record(global(ID("BacktestResult")),
                             {{ID("expression"), graph},
                              {ID("passed"), handle(Py_True)},
                              {ID("stats"), stats_dict},
@@ -205,7 +205,7 @@ object evaluate(handle self, handle expr_graph) {
     object eval_id = is_none(recorded) ? py_str(call(import_attr("uuid", ID("uuid4")))) : recorded;
 
     object era_id = get_attr(self, ID("_era_id"));
-    object payload = new_dict();
+    object payload = steal(check(new_presized_dict_raw(13)));
     dict_set(payload, ID("eval_id"), eval_id);
     dict_set(payload, ID("submission_type"), ID("signal"));
     dict_set(payload, ID("graph"), graph);

@@ -44,6 +44,7 @@ std::pair<object, object> collect_required(handle bt_stats) {
     object names = global(ID("_REQUIRED_BACKTEST_METRICS"));
     object sentinel = global(ID("_MISSING_BACKTEST_METRIC"));
     object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
+    object reader = k_required_value.replaced();
     object record = steal(check(new_presized_dict_raw(std::size(kRequired))));
     // `for attr in _REQUIRED_BACKTEST_METRICS`: each read of an attribute can run
     // code that changes a replaced, mutable list of names under us.
@@ -51,7 +52,7 @@ std::pair<object, object> collect_required(handle bt_stats) {
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object attr = steal(raw);
         object value, reason;
-        if (object f = k_required_value.replaced()) {
+        if (handle f = reader) {
             object got = call(f, {bt_stats, attr});
             value = getitem(got, int_of(0));
             reason = getitem(got, int_of(1));

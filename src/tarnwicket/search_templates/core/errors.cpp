@@ -1,4 +1,5 @@
 #include "core/errors.hpp"
+#include "core/module.hpp"
 
 namespace tw {
 
@@ -7,7 +8,7 @@ object search_error(handle code, handle advice, handle message, handle status) {
 }
 
 object startup_error(const char* code, const char* advice, handle message) {
-    object status = call_kw(global(ID("SearchStatus")), {}, {{ID("running"), handle(Py_False)}});
+    object status = new_record(global(ID("SearchStatus")), {{ID("running"), handle(Py_False)}});
     return search_error(str_of(code), str_of(advice), message, status);
 }
 

@@ -28,20 +28,85 @@ object make_record(const char* name, std::initializer_list<std::pair<const char*
     object field_fn = get_attr(dc, ID("field"));
     object any = import_attr("typing", ID("Any"));
     object specs = new_list();
-    for (auto& f : fields) {
-        std::string expr = f.second;
-        object fld;
-        if (expr == "[]") {
-            fld = call_kw(field_fn, {}, {{ID("default_factory"), handle(reinterpret_cast<PyObject*>(&PyList_Type))}});
-        } else if (expr == "{}") {
-            fld = call_kw(field_fn, {}, {{ID("default_factory"), handle(reinterpret_cast<PyObject*>(&PyDict_Type))}});
-        } else {
-            fld = call_kw(field_fn, {}, {{ID("default"), eval_in_module(expr)}});
+    ModuleState::Record layout{nullptr, nullptr, {}};
+    auto keep = [&](const char* field, handle dflt, bool factory) {
+        PyObject* n = check(PyUnicode_InternFromString(field));
+        layout.fields.push_back({n, dflt.inc_ref().ptr(), factory});
+    };
+    try {
+        for (auto& f : fields) {
+            std::string expr = f.second;
+            object fld;
+            if (expr == "[]" || expr == "{}") {
+                handle factory(reinterpret_cast<PyObject*>(expr == "[]" ? &PyList_Type : &PyDict_Type));
+                fld = call_kw(field_fn, {}, {{ID("default_factory"), factory}});
+                keep(f.first, factory, true);
+            } else {
+                object dflt = eval_in_module(expr);
+                fld = call_kw(field_fn, {}, {{ID("default"), dflt}});
+                keep(f.first, dflt, false);
+            }
+            list_append(specs, tuple_of({str_of(f.first), any, fld}));
         }
-        list_append(specs, tuple_of({str_of(f.first), any, fld}));
+        object cls = finish_class(call(get_attr(dc, ID("make_dataclass")), {str_of(name), specs}), name, doc);
+        PyObject* init = PyDict_GetItemWithError(reinterpret_cast<PyTypeObject*>(cls.ptr())->tp_dict, ID("__init__").ptr());
+        if (!init) {
+            if (PyErr_Occurred()) throw_py();
+            raise(PyExc_TypeError, std::string("record class without __init__: ") + name);
+        }
+        layout.init = Py_NewRef(init);
+        layout.cls = cls.inc_ref().ptr();
+        module_state().records.push_back(std::move(layout));
+        return cls;
+    } catch (...) {
+        for (auto& f : layout.fields) {
+            Py_DECREF(f.name);
+            Py_DECREF(f.dflt);
+        }
+        Py_XDECREF(layout.init);
+        throw;
     }
-    object cls = call(get_attr(dc, ID("make_dataclass")), {str_of(name), specs});
-    return finish_class(std::move(cls), name, doc);
+}
+
+// The layout of `cls` while it is still as make_record made it, else null.
+static const ModuleState::Record* record_layout(handle cls) {
+    for (const auto& r : module_state().records) {
+        if (r.cls != cls.ptr()) continue;
+        auto* type = reinterpret_cast<PyTypeObject*>(cls.ptr());
+        if (!Py_IS_TYPE(cls.ptr(), &PyType_Type) || type->tp_new != PyBaseObject_Type.tp_new) return nullptr;
+        PyObject* init = PyDict_GetItemWithError(type->tp_dict, ID("__init__").ptr());
+        if (!init && PyErr_Occurred()) throw_py();
+        return init == r.init ? &r : nullptr;
+    }
+    return nullptr;
+}
+
+object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> fields) {
+    const ModuleState::Record* layout = record_layout(cls);
+    constexpr std::size_t kMaxFields = 32;
+    if (!layout || layout->fields.size() > kMaxFields) return call_kw(cls, {}, fields);
+    // Gather every (name, value) first: nothing here runs Python code, so the
+    // layout cannot go away under us; setting attributes afterwards may.
+    std::pair<object, object> values[kMaxFields];
+    std::size_t n = 0, matched = 0;
+    for (const auto& f : layout->fields) {
+        object value;
+        for (auto& kv : fields) {
+            if (kv.first.ptr() == f.name) {
+                value = borrow(kv.second.ptr());
+                ++matched;
+                break;
+            }
+        }
+        if (!value) value = f.factory ? call(handle(f.dflt)) : borrow(f.dflt);  // list() or dict()
+        values[n++] = {borrow(f.name), std::move(value)};
+    }
+    // A name that is not a field: let the class's own __init__ say so.
+    if (matched != fields.size()) return call_kw(cls, {}, fields);
+    auto* type = reinterpret_cast<PyTypeObject*>(cls.ptr());
+    object obj = steal(check(type->tp_alloc(type, 0)));
+    for (std::size_t i = 0; i < n; ++i) check_int(PyObject_SetAttr(obj.ptr(), values[i].first.ptr(), values[i].second.ptr()));
+    return obj;
 }
 
 // ---------------------------------------------------------------- logging

@@ -16,6 +16,10 @@ object make_exception(const char* name, handle base, const char* doc = nullptr);
 // A dataclass built by the host's dataclasses.make_dataclass.
 // fields: {name, default-expression}; a default expression "[]" means a fresh list.
 object make_record(const char* name, std::initializer_list<std::pair<const char*, const char*>> fields, const char* doc = nullptr);
+// `cls(**fields)`. While `cls` is a record class as make_record made it, the
+// instance is built directly: its fields set in order, defaults for the rest,
+// as the generated __init__ does. Names must be interned (ID()).
+object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> fields);
 
 // ---------------------------------------------------------------- logging
 

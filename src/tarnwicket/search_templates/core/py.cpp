@@ -178,16 +178,4 @@ object py_round_int(double x) {
     return call(get_attr(builtins, ID("round")), {f});
 }
 
-// The host's clocks, looked up at each call so that a patched `time` is obeyed.
-static double host_clock(handle name) {
-    // A failed first import throws out of the initialiser and is tried again next time.
-    static PyObject* time_mod = check(PyImport_ImportModule("time"));
-    object fn = get_attr(time_mod, name);
-    object r = call(fn);
-    return as_double(r);
-}
-
-double monotonic() { return host_clock(ID("monotonic")); }
-double wall_time() { return host_clock(ID("time")); }
-
 }  // namespace tw

@@ -1,5 +1,6 @@
 #include "core/late.hpp"
 
+#include <ctime>
 #include <string>
 
 namespace tw {
@@ -9,11 +10,33 @@ ModuleState& module_state() {
     return s;
 }
 
+// ---------------------------------------------------------------- the host's clocks
+
+static const LateAttr k_monotonic("time", "monotonic");
+static const LateAttr k_time("time", "time");
+
+// `time.<name>()`, read from the time module at each call so that a patched one
+// is obeyed; while it is the host's own, the same clock is read directly and
+// turned into seconds as the host turns it.
+static double host_clock(const LateAttr& fn, clockid_t clock) {
+    if (object f = fn.replaced()) return as_double(call(f));
+    timespec ts;
+    if (clock_gettime(clock, &ts) != 0) return as_double(call(fn.original()));
+    const long long ns = static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+    if (ns % 1000000000LL == 0) return static_cast<double>(ns / 1000000000LL);
+    return static_cast<double>(ns) / 1e9;
+}
+
+double monotonic() { return host_clock(k_monotonic, CLOCK_MONOTONIC); }
+double wall_time() { return host_clock(k_time, CLOCK_REALTIME); }
+
 void init_module_state(handle module) {
     ModuleState& s = module_state();
     s.module = module.inc_ref().ptr();
     s.globals = PyModule_GetDict(module.ptr());
     Py_INCREF(s.globals);
+    k_monotonic.capture();
+    k_time.capture();
 }
 
 void keep_original(handle name_arg, handle obj) {
@@ -39,6 +62,17 @@ void release_module_state() {
         PyObject* old = o.object;
         o.object = nullptr;
         Py_XDECREF(old);
+    }
+    // Records compare by class identity: with the class gone, none can match.
+    auto records = std::move(module_state().records);
+    module_state().records.clear();
+    for (auto& r : records) {
+        for (auto& f : r.fields) {
+            Py_XDECREF(f.name);
+            Py_XDECREF(f.dflt);
+        }
+        Py_XDECREF(r.init);
+        Py_XDECREF(r.cls);
     }
 }
 

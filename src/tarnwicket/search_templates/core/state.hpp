@@ -19,6 +19,20 @@ struct ModuleState {
         PyObject* object;
     };
     std::vector<Original> originals;
+    // Each record class made by make_record, as it was made: its class, its
+    // generated __init__, and per field its interned name and default (a
+    // `factory` default is called for a fresh value).
+    struct Record {
+        PyObject* cls;
+        PyObject* init;
+        struct Field {
+            PyObject* name;
+            PyObject* dflt;
+            bool factory;
+        };
+        std::vector<Field> fields;
+    };
+    std::vector<Record> records;
 };
 
 ModuleState& module_state();

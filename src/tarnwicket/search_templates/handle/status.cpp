@@ -18,7 +18,7 @@ object status(handle self) {
                 object code = get_attr(fatal, ID("error_code"));
                 object advice = get_attr(fatal, ID("recovery_advice"));
                 object message = get_attr(fatal, ID("message"));
-                object st = call_kw(global(ID("SearchStatus")), {},
+                object st = new_record(global(ID("SearchStatus")),
                                     {{ID("running"), handle(Py_False)},
                                      {ID("n_jobs"), field(self, ID("_n_jobs"))},
                                      {ID("total_evaluated"), field(self, ID("_total_evaluated"))},
@@ -45,7 +45,7 @@ object status(handle self) {
                 memory = float_of(1.0);
             }
             memory = float_of(as_double(memory));
-            snapshot = call_kw(global(ID("SearchStatus")), {},
+            snapshot = new_record(global(ID("SearchStatus")),
                                {{ID("running"), field(self, ID("_running"))},
                                 {ID("n_jobs"), field(self, ID("_n_jobs"))},
                                 {ID("total_evaluated"), total_evaluated},

@@ -137,7 +137,7 @@ object set_fatal_error(handle self, handle error_code, handle recovery_advice, h
     {
         with_lock(lock_of(self), [&] {
             set_field(self, ID("_running"), bool_of(false));
-            object status = call_kw(global(ID("SearchStatus")), {},
+            object status = new_record(global(ID("SearchStatus")),
                                     {{ID("running"), handle(Py_False)},
                                      {ID("error_code"), code},
                                      {ID("recovery_advice"), advice}});
