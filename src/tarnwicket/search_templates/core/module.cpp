@@ -104,7 +104,8 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
     // A name that is not a field: let the class's own __init__ say so.
     if (matched != fields.size()) return call_kw(cls, {}, fields);
     auto* type = reinterpret_cast<PyTypeObject*>(cls.ptr());
-    object obj = steal(check(type->tp_alloc(type, 0)));
+    object no_args = steal(check(PyTuple_New(0)));
+    object obj = steal(check(type->tp_new(type, no_args.ptr(), nullptr)));  // object.__new__: sets up the instance dict
     for (std::size_t i = 0; i < n; ++i) check_int(PyObject_SetAttr(obj.ptr(), values[i].first.ptr(), values[i].second.ptr()));
     return obj;
 }
