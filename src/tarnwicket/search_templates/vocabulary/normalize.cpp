@@ -6,12 +6,6 @@
 
 namespace tw::vocab {
 
-static object frozenset_of(std::initializer_list<const char*> items) {
-    object l = new_list();
-    for (auto s : items) list_append(l, str_of(s));
-    return steal(PyFrozenSet_New(l.ptr()));
-}
-
 // ---------------------------------------------------------------- VocabSchemaError
 
 static object sorted_joined(handle names) {
@@ -21,7 +15,7 @@ static object sorted_joined(handle names) {
     return steal(PyUnicode_Join(sep.ptr(), l.ptr()));
 }
 
-static object vse_init(handle self, handle source_kind_arg, handle missing_arg, handle unexpected_arg, handle entry, handle message_arg) {
+object schema_error_init(handle self, handle source_kind_arg, handle missing_arg, handle unexpected_arg, handle entry, handle message_arg) {
     object source_kind = py_str(source_kind_arg);
     object missing = steal(PyFrozenSet_New(missing_arg.ptr()));
     object unexpected = steal(PyFrozenSet_New(unexpected_arg.ptr()));
@@ -195,47 +189,4 @@ object normalize(handle vocab) {
     return normalized;
 }
 
-// ---------------------------------------------------------------- bindings
-
-static object f_flatten(handle node) { return flatten_entries(node); }
-static object f_normalize(handle vocab) { return normalize(vocab); }
-static object f_validate_function(handle entry, handle source_kind) {
-    validate_function_entry(entry, source_kind);
-    return none();
-}
-static object f_validate_feature(handle entry) {
-    validate_feature_entry(entry);
-    return none();
-}
-
 }  // namespace tw::vocab
-
-namespace tw {
-
-void register_vocabulary(handle m) {
-    using namespace vocab;
-    set_global("_ROTATION_REQUIRED_FIELDS",
-               frozenset_of({"name", "function_type", "function_family", "function_subfamily", "param_schema"}));
-    set_global("_FILTRATION_REQUIRED_FIELDS",
-               frozenset_of({"name", "function_type", "function_family", "param_schema"}));
-    set_global("_FILTRATION_FORBIDDEN_FIELDS", frozenset_of({"function_subfamily"}));
-    set_global("_REDUCTION_REQUIRED_FIELDS",
-               frozenset_of({"name", "function_type", "function_family", "function_subfamily", "param_schema"}));
-    set_global("_FEATURE_REQUIRED_FIELDS",
-               frozenset_of({"name", "function_type", "feature_family", "feature_subfamily", "rotation_families",
-                             "feature_hash", "stats"}));
-    set_global("_FEATURE_STATS_REQUIRED_KEYS", frozenset_of({"mean", "std", "pct_nan", "min", "max"}));
-
-    object cls = make_exception("VocabSchemaError", handle(PyExc_ValueError));
-    def_method<vse_init>(cls,
-                         "__init__($self, source_kind, missing=_EMPTY_FIELD_SET, unexpected=_EMPTY_FIELD_SET, "
-                         "entry=None, message=None)");
-    set_global("VocabSchemaError", cls);
-
-    def_function<f_flatten>(m, "_flatten_vocabulary_entries(node)");
-    def_function<f_normalize>(m, "_normalize_template_vocabulary(vocab)");
-    def_function<f_validate_function>(m, "_validate_function_entry(entry, source_kind)");
-    def_function<f_validate_feature>(m, "_validate_feature_entry(entry)");
-}
-
-}  // namespace tw

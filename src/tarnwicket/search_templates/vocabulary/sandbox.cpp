@@ -8,7 +8,7 @@
 // The replacements are plain METH_FASTCALL functions so that an unsandboxed call
 // costs one thread-id read, one round trip on `_template_sandbox_lock` and one
 // set lookup.
-#include "core/module.hpp"
+#include "vocabulary/sandbox.hpp"
 
 #include <pythread.h>
 
@@ -21,7 +21,6 @@ namespace {
 const LateFn k_active("_template_sandbox_active");
 const LateFn k_raise_violation("_raise_template_sandbox_violation");
 const LateFn k_install_hooks("_install_template_sandbox_hooks");
-PyTypeObject* g_guard_type = nullptr;
 
 // Module global as a borrowed reference, or null with NameError set.
 PyObject* global_ref(handle name) {
@@ -200,6 +199,12 @@ PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyOb
     return result;
 }
 
+}  // namespace
+
+namespace vocab {
+
+PyTypeObject* g_guard_type = nullptr;
+
 PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
     return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_open"), ID("filesystem"));
 }
@@ -212,24 +217,7 @@ PyObject* sandboxed_urllib_urlopen(PyObject*, PyObject* const* args, Py_ssize_t 
     return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_urllib_urlopen"), ID("network"));
 }
 
-#define TW_FASTCALL_KW(fn) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(fn))
-
-PyMethodDef g_hook_defs[] = {
-    {"_sandboxed_open", TW_FASTCALL_KW(sandboxed_open), METH_FASTCALL | METH_KEYWORDS,
-     "_sandboxed_open(*args, **kwargs)\n--\n\n"},
-    {"_sandboxed_sqlite_connect", TW_FASTCALL_KW(sandboxed_sqlite_connect), METH_FASTCALL | METH_KEYWORDS,
-     "_sandboxed_sqlite_connect(*args, **kwargs)\n--\n\n"},
-    {"_sandboxed_urllib_urlopen", TW_FASTCALL_KW(sandboxed_urllib_urlopen), METH_FASTCALL | METH_KEYWORDS,
-     "_sandboxed_urllib_urlopen(*args, **kwargs)\n--\n\n"},
-};
-
 // ---------------------------------------------------------------- scoped guard
-
-// What `_template_sandbox()` returns: entering installs (or re-asserts) the hooks
-// and marks the thread; leaving unmarks it, also on an exception, which goes on.
-struct GuardObject {
-    PyObject_HEAD PyObject* ident;
-};
 
 void guard_dealloc(PyObject* self) {
     PyTypeObject* tp = Py_TYPE(self);
@@ -276,70 +264,21 @@ PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
     }
 }
 
-PyMethodDef g_guard_methods[] = {
-    {"__enter__", guard_enter, METH_NOARGS, nullptr},
-    {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(guard_exit)), METH_FASTCALL, nullptr},
-    {nullptr, nullptr, 0, nullptr},
-};
-
-PyType_Slot g_guard_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(guard_dealloc)},
-    {Py_tp_methods, g_guard_methods},
-    {Py_tp_doc, const_cast<char*>("Scoped template sandbox for the calling thread.")},
-    {0, nullptr},
-};
-
-PyType_Spec g_guard_spec = {
-    "tarnwicket.search_templates._TemplateSandbox",
-    sizeof(GuardObject),
-    0,
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-    g_guard_slots,
-};
-
 // ---------------------------------------------------------------- module functions
 
-object f_template_sandbox() {
+object template_sandbox() {
     PyObject* g = PyType_GenericAlloc(g_guard_type, 0);
     if (!g) throw_py();
     reinterpret_cast<GuardObject*>(g)->ident = nullptr;
     return steal(g);
 }
 
-object f_template_sandbox_active() { return bool_of(sandbox_active_impl()); }
+bool template_sandbox_active() { return sandbox_active_impl(); }
 
-object f_raise_violation(handle operation) { raise_violation_impl(operation); }
+[[noreturn]] void raise_violation(handle operation) { raise_violation_impl(operation); }
 
-object f_install_hooks() {
-    install_hooks_impl();
-    return none();
-}
+void install_template_hooks() { install_hooks_impl(); }
 
-}  // namespace
-
-void register_sandbox(handle m) {
-    object threading = import_module("threading");
-    set_global("_template_sandbox_lock", call(get_attr(threading, ID("Lock"))));
-    set_global("_template_sandbox_threads", steal(PySet_New(nullptr)));
-    set_global("_template_sandbox_hooks_installed", bool_of(false));
-    set_global("_original_open", get_attr(import_module("builtins"), ID("open")));
-    set_global("_original_sqlite_connect", get_attr(import_module("sqlite3"), ID("connect")));
-    set_global("_original_urllib_urlopen", none());
-
-    g_guard_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&g_guard_spec)));
-    // Resolve the host lock's C methods now, while the import holds things still.
-    (void)detail::host_lock_methods();
-
-    object modname = str_of("tarnwicket.search_templates");
-    for (PyMethodDef& def : g_hook_defs) {
-        object fn = steal(PyCFunction_NewEx(&def, nullptr, modname.ptr()));
-        set_global(def.ml_name, fn);
-    }
-
-    def_function<f_template_sandbox>(m, "_template_sandbox()");
-    def_function<f_template_sandbox_active>(m, "_template_sandbox_active()");
-    def_function<f_raise_violation>(m, "_raise_template_sandbox_violation(operation)");
-    def_function<f_install_hooks>(m, "_install_template_sandbox_hooks()");
-}
+}  // namespace vocab
 
 }  // namespace tw
