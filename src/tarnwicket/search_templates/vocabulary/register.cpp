@@ -22,28 +22,7 @@ PyMethodDef g_hook_defs[] = {
      "_sandboxed_urllib_urlopen(*args, **kwargs)\n--\n\n"},
 };
 
-PyMethodDef g_guard_methods[] = {
-    {"__enter__", guard_enter, METH_NOARGS, nullptr},
-    {"__exit__", TW_FASTCALL_KW(guard_exit), METH_FASTCALL, nullptr},
-    {nullptr, nullptr, 0, nullptr},
-};
-
 #undef TW_FASTCALL_KW
-
-PyType_Slot g_guard_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(guard_dealloc)},
-    {Py_tp_methods, g_guard_methods},
-    {Py_tp_doc, const_cast<char*>("Scoped template sandbox for the calling thread.")},
-    {0, nullptr},
-};
-
-PyType_Spec g_guard_spec = {
-    "tarnwicket.search_templates._TemplateSandbox",
-    sizeof(GuardObject),
-    0,
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-    g_guard_slots,
-};
 
 }  // namespace
 }  // namespace tw::vocab
@@ -86,7 +65,7 @@ void register_sandbox(handle m) {
     set_global("_original_sqlite_connect", get_attr(import_module("sqlite3"), ID("connect")));
     set_global("_original_urllib_urlopen", none());
 
-    g_guard_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&g_guard_spec)));
+    init_guard_type();
     // Resolve the host lock's C methods now, while the import holds things still.
     (void)detail::host_lock_methods();
 

@@ -203,6 +203,11 @@ PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyOb
 
 namespace vocab {
 
+// What `_template_sandbox()` returns: entering installs (or re-asserts) the hooks
+// and marks the thread; leaving unmarks it, also on an exception, which goes on.
+struct GuardObject {
+    PyObject_HEAD PyObject* ident;
+};
 PyTypeObject* g_guard_type = nullptr;
 
 PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
@@ -262,6 +267,24 @@ PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
         detail::translate_current_cpp_exception();
         return nullptr;
     }
+}
+
+void init_guard_type() {
+    static PyMethodDef methods[] = {
+        {"__enter__", guard_enter, METH_NOARGS, nullptr},
+        {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(guard_exit)), METH_FASTCALL, nullptr},
+        {nullptr, nullptr, 0, nullptr},
+    };
+    static PyType_Slot slots[] = {
+        {Py_tp_dealloc, reinterpret_cast<void*>(guard_dealloc)},
+        {Py_tp_methods, methods},
+        {Py_tp_doc, const_cast<char*>("Scoped template sandbox for the calling thread.")},
+        {0, nullptr},
+    };
+    // Made only by _template_sandbox().
+    static PyType_Spec spec = {"tarnwicket.search_templates._TemplateSandbox", sizeof(GuardObject), 0,
+                               Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+    g_guard_type = reinterpret_cast<PyTypeObject*>(check(PyType_FromSpec(&spec)));
 }
 
 // ---------------------------------------------------------------- module functions

@@ -5,17 +5,8 @@
 
 namespace tw::vocab {
 
-// What `_template_sandbox()` returns: entering installs (or re-asserts) the hooks
-// and marks the thread; leaving unmarks it, also on an exception, which goes on.
-struct GuardObject {
-    PyObject_HEAD PyObject* ident;
-};
-// The guard's type, made when the module registers it.
-extern PyTypeObject* g_guard_type;
-
-void guard_dealloc(PyObject* self);
-PyObject* guard_enter(PyObject* self, PyObject*);
-PyObject* guard_exit(PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+// Makes the guard's type; called once when the module registers its names.
+void init_guard_type();
 
 // The replacements of open, sqlite3.connect and urllib.request.urlopen: they
 // refuse on a sandboxed thread and forward their arguments untouched elsewhere.
