@@ -4,18 +4,18 @@
 // Each management command opens its own tracker on the configured data
 // directory and closes it on every way out. The commands are refused while a
 // search is active.
-#include "core/module.hpp"
+#include "operations.hpp"
 
 #include "collaborators/onboarding.hpp"
 
 namespace tw {
 
-namespace {
+namespace ops {
 
 constexpr const char* kNoActiveSearchAdvice = "Call tarnwicket.search(template) first to start one.";
 constexpr const char* kNoActiveSearchMessage = "No active search. Call tarnwicket.search(template) first to start one.";
 
-object f_status() {
+object module_status() {
     object lock = global(ID("_search_active_lock"));
     object active = with_lock(lock, [&] { return global(ID("_active_search_handle")); });
     if (!is_none(active)) return call_method(active, ID("status"));
@@ -28,7 +28,7 @@ object f_status() {
 
 // ---------------------------------------------------------------- data directory and tracker
 
-object f_agent_onboarding_data_dir(handle default_) {
+object agent_onboarding_data_dir(handle default_) {
     handle dflt = default_;
     object config;
     try {
@@ -42,21 +42,21 @@ object f_agent_onboarding_data_dir(handle default_) {
     return call_method(config, ID("get"), {str_of("data_dir"), dflt});
 }
 
-object f_configured_tracking_data_dir() {
+object configured_tracking_data_dir() {
     object data_dir = call(global(ID("_agent_onboarding_data_dir")));
     if (is_none(data_dir))
         raise_obj(call(handle(PyExc_OSError), {str_of("data_dir is required for search tracking database management.")}));
     return call_method(import_module("os.path"), ID("expanduser"), {data_dir});
 }
 
-object f_new_management_tracker() {
+object new_management_tracker() {
     object tracker_cls = st_attr_or_none(ID("SearchTracker"));
     if (is_none(tracker_cls)) tracker_cls = import_attr("tarnwicket.search_tracking", ID("SearchTracker"));
     object data_dir = call(global(ID("_configured_tracking_data_dir")));
     return call(tracker_cls, {data_dir});
 }
 
-object f_call_management_tracker(handle method_name, handle args, handle kwargs) {
+object call_management_tracker(handle method_name, handle args, handle kwargs) {
     object tracker = call(global(ID("_new_management_tracker")));
     // As a `finally`: a failing close replaces the command's error, which becomes its context.
     return closing(tracker, [&] {
@@ -67,26 +67,26 @@ object f_call_management_tracker(handle method_name, handle args, handle kwargs)
 
 // ---------------------------------------------------------------- commands
 
-object f_delete_evaluations(handle eval_type, handle keep_last) {
+object delete_evaluations(handle eval_type, handle keep_last) {
     call(global(ID("_raise_if_management_blocked")));
     return call_kw(global(ID("_call_management_tracker")), {str_of("delete_evaluations")},
                    {{ID("eval_type"), eval_type}, {ID("keep_last"), keep_last}});
 }
 
-object f_delete_failed_evaluations(handle eval_type) {
+object delete_failed_evaluations(handle eval_type) {
     call(global(ID("_raise_if_management_blocked")));
     return call_kw(global(ID("_call_management_tracker")), {str_of("delete_failed_evaluations")},
                    {{ID("eval_type"), eval_type}});
 }
 
-object f_get_db_info() {
+object get_db_info() {
     call(global(ID("_raise_if_management_blocked")));
     return call(global(ID("_call_management_tracker")), {str_of("get_db_info")});
 }
 
-object f_inject_heartbeat() { return none(); }
+object inject_heartbeat() { return none(); }
 
-object f_safe_update_nudge(handle trigger, handle context) {
+object safe_update_nudge(handle trigger, handle context) {
     try {
         object update_nudge = import_attr("tarnwicket.agent_onboarding", ID("update_nudge"));
         object args = tuple_of({trigger});
@@ -98,21 +98,6 @@ object f_safe_update_nudge(handle trigger, handle context) {
     return none();
 }
 
-}  // namespace
-
-void register_management(handle m) {
-    def_function<f_status>(m, "status()", "Return the active search's status snapshot.");
-    def_function<f_delete_evaluations>(m, "delete_evaluations(eval_type=None, keep_last=50000)",
-                                       "Delete old evaluations from tracking DB. Blocked while search active.");
-    def_function<f_delete_failed_evaluations>(m, "delete_failed_evaluations(eval_type=None)",
-                                              "Delete failed evaluations from tracking DB. Blocked while search active.");
-    def_function<f_get_db_info>(m, "get_db_info()", "Return database size and row-count information.");
-    def_function<f_inject_heartbeat>(m, "inject_heartbeat()", "Inject heartbeat during search startup.");
-    def_function<f_safe_update_nudge>(m, "_safe_update_nudge(trigger, **context)");
-    def_function<f_agent_onboarding_data_dir>(m, "_agent_onboarding_data_dir(default=None)");
-    def_function<f_configured_tracking_data_dir>(m, "_configured_tracking_data_dir()");
-    def_function<f_new_management_tracker>(m, "_new_management_tracker()");
-    def_function<f_call_management_tracker>(m, "_call_management_tracker(method_name, *args, **kwargs)");
-}
+}  // namespace ops
 
 }  // namespace tw

@@ -1,13 +1,13 @@
 // Probes that search() runs before it touches anything (auth, memory, disk),
 // and the lock-out of the management commands while a search is active.
-#include "core/module.hpp"
+#include "operations.hpp"
 
 namespace tw {
 
-namespace {
+namespace ops {
 
 
-object f_is_authed(handle mod) {
+object is_authed(handle mod) {
     object runtime = get_attr_or_none(mod, ID("_library_runtime"));
     if (is_none(runtime)) return bool_of(false);
     object auth_proxy = get_attr_or_none(runtime, ID("auth_proxy"));
@@ -27,7 +27,7 @@ object f_is_authed(handle mod) {
     return bool_of(true);
 }
 
-object f_check_memory() {
+object check_memory() {
     object psutil;
     try {
         psutil = import_module("psutil");
@@ -50,7 +50,7 @@ object f_check_memory() {
     return none();
 }
 
-object f_check_disk() {
+object check_disk() {
     try {
         object os_path = import_module("os.path");
         object home = call_method(os_path, ID("expanduser"), {str_of("~")});
@@ -73,7 +73,7 @@ object f_check_disk() {
     return none();
 }
 
-object f_raise_if_management_blocked() {
+object raise_if_management_blocked() {
     object lock = global(ID("_search_active_lock"));
     with_lock(lock, [&] {
         if (truthy(global(ID("_search_active"))))
@@ -82,13 +82,6 @@ object f_raise_if_management_blocked() {
     return none();
 }
 
-}  // namespace
-
-void register_preflight(handle m) {
-    def_function<f_is_authed>(m, "_is_authed(mod)");
-    def_function<f_check_memory>(m, "_check_memory()", "Check available memory. Raises SearchError if insufficient.");
-    def_function<f_check_disk>(m, "_check_disk()", "Check available disk space. Raises SearchError if insufficient.");
-    def_function<f_raise_if_management_blocked>(m, "_raise_if_management_blocked()");
-}
+}  // namespace ops
 
 }  // namespace tw

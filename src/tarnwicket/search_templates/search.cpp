@@ -1,9 +1,9 @@
 // search(): the one operation that starts a search, in its fixed order of steps.
-#include "core/module.hpp"
+#include "operations.hpp"
 
 namespace tw {
 
-namespace {
+namespace ops {
 
 // A module global assigned under the module's `_search_active_lock`.
 void set_under_module_lock(const char* name, handle value) {
@@ -219,11 +219,6 @@ object search(handle template_, handle n_jobs_arg) {
     return handle_obj;
 }
 
-}  // namespace
-
-void register_lifecycle(handle m) {
-    def_function<search>(m, "search(template, n_jobs=1)",
-                         "Start search with given template. Returns SearchHandle immediately.");
-}
+}  // namespace ops
 
 }  // namespace tw

@@ -1,13 +1,13 @@
 // Process-wide state of the module: the active flag, the latest handle and the
 // weak set of live handles; and the stop of every live search at interpreter
 // exit.
-#include "core/module.hpp"
+#include "operations.hpp"
 
 namespace tw {
 
 std::atomic<bool> g_interpreter_exiting{false};
 
-namespace {
+namespace ops {
 
 // Runs when the host shuts its threads down, before it finalises (the hook the
 // standard library's executors use to stop their workers). Every live search
@@ -48,19 +48,6 @@ void register_exit_hook() {
     }
 }
 
-}  // namespace
-
-void register_state(handle m) {
-    (void)m;
-    object threading = import_module("threading");
-    object weakref = import_module("weakref");
-    set_global("_search_active", bool_of(false));
-    set_global("_search_active_lock", call(get_attr(threading, ID("Lock"))));
-    set_global("_active_search_handle", none());
-    set_global("_active_handles", call(get_attr(weakref, ID("WeakSet"))));
-    set_global("_REPLACEMENT_ABORT_BOOTSTRAP_LOCK", call(get_attr(threading, ID("Lock"))));
-    set_global("_EMPTY_FIELD_SET", steal(PyFrozenSet_New(nullptr)));
-    register_exit_hook();
-}
+}  // namespace ops
 
 }  // namespace tw
