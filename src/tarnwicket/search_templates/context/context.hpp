@@ -11,8 +11,6 @@ object require_threshold(handle thresholds, handle name);
 object require_threshold_late(handle self, handle thresholds, handle name);
 object build_search_analytics(handle tracker, handle era_config);
 bool submission_cancelled(handle self);
-// Adds evaluate() and _derive_rejection_reason() to the class.
-void register_evaluate(handle cls);
 
 }  // namespace tw::ctx
 

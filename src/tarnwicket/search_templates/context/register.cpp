@@ -24,7 +24,8 @@ void register_context(handle m) {
     def_method<safe_record>(cls,
                             "_safe_record($self, graph, passed_thresholds, rejection_reason=None, stats=None, "
                             "per_column_stats=None)");
-    register_evaluate(cls);
+    def_method<evaluate>(cls, "evaluate($self, expr_graph)");
+    def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
 
     // Helpers that need no context: module functions, also reachable from the class.
     def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
@@ -36,19 +37,6 @@ void register_context(handle m) {
                   def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)"));
     set_global("SearchContext", cls);
 }
-
-}  // namespace tw
-
-namespace tw::ctx {
-
-void register_evaluate(handle cls) {
-    def_method<evaluate>(cls, "evaluate($self, expr_graph)");
-    def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
-}
-
-}  // namespace tw::ctx
-
-namespace tw {
 
 void register_metric_contract(handle m) {
     using namespace metrics;

@@ -40,15 +40,6 @@ bool wait_event(handle ev, double seconds);
 
 }  // namespace tw::hnd
 
-namespace tw::hnd {
-// Method groups of the handle class, each in its own file.
-void register_construction(handle cls);
-void register_threads(handle cls, handle m);
-void register_supervision(handle cls);
-void register_shutdown(handle cls);
-void register_status(handle cls);
-void register_claims(handle cls);
-}  // namespace tw::hnd
 
 // ---------------------------------------------------------------- bound in register.cpp
 

@@ -2,13 +2,13 @@
 #include "handle/handle.hpp"
 
 namespace tw::hnd {
+namespace {
 
 void register_claims(handle cls) {
     def_method<persistent_table_columns>(cls, "_persistent_table_columns($self, table_name)");
     def_method<ensure_submission_claim_columns>(cls, "_ensure_submission_claim_columns($self)");
     def_method<ensure_retry_claim_columns>(cls, "_ensure_retry_claim_columns($self)");
 }
-
 
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
@@ -17,6 +17,52 @@ void register_construction(handle cls) {
     def_method<do_per_era_init>(cls, "_do_per_era_init($self)", "4-step per-era initialization.");
 }
 
+void register_shutdown(handle cls) {
+    def_method<ensure_primitives>(cls, "_ensure_replacement_abort_primitives($self)");
+    def_method<abort_event_handle>(cls, "_replacement_abort_event_handle($self)");
+    def_method<submission_start_guard>(cls, "_submission_start_guard($self)");
+    def_method<poll_start_guard>(cls, "_poll_start_guard($self)");
+    def_method<abort_requested>(cls, "_replacement_abort_requested($self)");
+    def_method<stop>(cls, "stop($self, join_timeout=2.0)", "Stop all workers. Blocks until clean shutdown.");
+    def_method<abort_for_replacement>(cls, "_abort_for_replacement($self)",
+                                      "Fast shutdown for a handle superseded by a new search().");
+    def_method<finalize>(cls, "__del__($self)", "Cleanup on garbage collection.");
+}
+
+void register_status(handle cls) {
+    def_method<status>(cls, "status($self)", "Return SearchStatus snapshot. Raises SearchError on fatal.");
+    def_method<update_submission_counts>(cls, "_update_submission_counts($self)");
+    def_method<discovery_rate_nudge>(cls, "_maybe_fire_discovery_rate_declining_nudge($self)");
+}
+
+void register_supervision(handle cls) {
+    def_method<supervisor_loop>(cls, "_supervisor_loop($self)",
+                                "Supervisor: monitors health, restarts dead components.");
+    def_method<supervisor_loop_inner>(cls, "_supervisor_loop_inner($self)");
+    def_method<set_fatal_error>(cls, "_set_fatal_error($self, error_code, recovery_advice, message)",
+                                "Set fatal error state.");
+    def_method<append_error>(cls, "_append_error($self, message)");
+    def_method<record_background_failure>(cls,
+                                          "_record_background_failure($self, component, operation, exc, backoff=True)",
+                                          "Record a non-fatal background submission/polling failure.");
+    def_method<reset_background_failures>(cls, "_reset_background_failures($self, component)");
+}
+
+void register_threads(handle cls, handle m) {
+    def_method<start_all_threads>(cls, "_start_all_threads($self)");
+    def_method<worker_loop>(cls, "_worker_loop($self, worker_id)");
+    def_method<worker_loop_inner>(cls, "_worker_loop_inner($self, worker_id)");
+    def_static<f_interruptible_wait>(cls, "_interruptible_wait(stop_event, timeout)",
+                                     "Wait for stop_event or timeout using time.sleep to avoid shutdown deadlocks.");
+    def_method<build_era_thread>(cls, "_build_era_thread($self)");
+    def_method<era_loop>(cls, "_era_loop($self)");
+    def_method<on_era_change>(cls, "_on_era_change($self, event_type, era_id)",
+                              "Callback from SyncManager's EraThread on era state changes.");
+    def_function<spawn_worker>(m, "_spawn_worker(handle, worker_id)", "Spawn a single worker. Can be monkeypatched.");
+    def_function<restart_worker>(m, "_restart_worker(handle, count)", "Restart dead workers. Can be monkeypatched.");
+}
+
+}  // namespace
 }  // namespace tw::hnd
 
 namespace tw {
@@ -35,55 +81,3 @@ void register_handle(handle m) {
 }
 
 }  // namespace tw
-
-namespace tw::hnd {
-
-void register_shutdown(handle cls) {
-    def_method<ensure_primitives>(cls, "_ensure_replacement_abort_primitives($self)");
-    def_method<abort_event_handle>(cls, "_replacement_abort_event_handle($self)");
-    def_method<submission_start_guard>(cls, "_submission_start_guard($self)");
-    def_method<poll_start_guard>(cls, "_poll_start_guard($self)");
-    def_method<abort_requested>(cls, "_replacement_abort_requested($self)");
-    def_method<stop>(cls, "stop($self, join_timeout=2.0)", "Stop all workers. Blocks until clean shutdown.");
-    def_method<abort_for_replacement>(cls, "_abort_for_replacement($self)",
-                                      "Fast shutdown for a handle superseded by a new search().");
-    def_method<finalize>(cls, "__del__($self)", "Cleanup on garbage collection.");
-}
-
-
-void register_status(handle cls) {
-    def_method<status>(cls, "status($self)", "Return SearchStatus snapshot. Raises SearchError on fatal.");
-    def_method<update_submission_counts>(cls, "_update_submission_counts($self)");
-    def_method<discovery_rate_nudge>(cls, "_maybe_fire_discovery_rate_declining_nudge($self)");
-}
-
-
-void register_supervision(handle cls) {
-    def_method<supervisor_loop>(cls, "_supervisor_loop($self)",
-                                "Supervisor: monitors health, restarts dead components.");
-    def_method<supervisor_loop_inner>(cls, "_supervisor_loop_inner($self)");
-    def_method<set_fatal_error>(cls, "_set_fatal_error($self, error_code, recovery_advice, message)",
-                                "Set fatal error state.");
-    def_method<append_error>(cls, "_append_error($self, message)");
-    def_method<record_background_failure>(cls,
-                                          "_record_background_failure($self, component, operation, exc, backoff=True)",
-                                          "Record a non-fatal background submission/polling failure.");
-    def_method<reset_background_failures>(cls, "_reset_background_failures($self, component)");
-}
-
-
-void register_threads(handle cls, handle m) {
-    def_method<start_all_threads>(cls, "_start_all_threads($self)");
-    def_method<worker_loop>(cls, "_worker_loop($self, worker_id)");
-    def_method<worker_loop_inner>(cls, "_worker_loop_inner($self, worker_id)");
-    def_static<f_interruptible_wait>(cls, "_interruptible_wait(stop_event, timeout)",
-                                     "Wait for stop_event or timeout using time.sleep to avoid shutdown deadlocks.");
-    def_method<build_era_thread>(cls, "_build_era_thread($self)");
-    def_method<era_loop>(cls, "_era_loop($self)");
-    def_method<on_era_change>(cls, "_on_era_change($self, event_type, era_id)",
-                              "Callback from SyncManager's EraThread on era state changes.");
-    def_function<spawn_worker>(m, "_spawn_worker(handle, worker_id)", "Spawn a single worker. Can be monkeypatched.");
-    def_function<restart_worker>(m, "_restart_worker(handle, count)", "Restart dead workers. Can be monkeypatched.");
-}
-
-}  // namespace tw::hnd

@@ -14,7 +14,6 @@ void register_binding(handle m) {
     def_function<f_submit_payload>(m, "_submit_signal_payload(payload)");
 }
 
-
 void register_payload(handle m) {
     using namespace payload;
     def_function<f_serialize>(m, "_serialize_submission_payload(payload)");
