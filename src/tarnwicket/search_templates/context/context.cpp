@@ -219,7 +219,6 @@ bool submission_cancelled(handle self) {
     return truthy(call_method(abort, ID("is_set")));
 }
 
-object f_submission_cancelled(handle self) { return bool_of(submission_cancelled(self)); }
 
 object safe_record(handle self, handle graph, handle passed_thresholds, handle rejection_reason, handle stats_arg, handle per_column_stats) {
     handle passed = passed_thresholds;
@@ -247,9 +246,6 @@ object safe_record(handle self, handle graph, handle passed_thresholds, handle r
 
 // ---------------------------------------------------------------- bindings
 
-object f_build_analytics(handle tracker, handle era_config) { return build_search_analytics(tracker, era_config); }
-object f_resolve_thresholds(handle thresholds, handle era_config) { return resolve_thresholds(thresholds, era_config); }
-object f_require_threshold(handle thresholds, handle name) { return require_threshold(thresholds, name); }
 
 // Static methods of the class: they forward to the module functions of the same name.
 object c_build_analytics(handle tracker, handle era_config) {

@@ -26,10 +26,6 @@ object c_build_analytics(handle tracker, handle era_config);
 object c_require_threshold(handle thresholds, handle name);
 object c_resolve_thresholds(handle thresholds, handle era_config);
 object context_init(handle self, handle vocab, handle universe, handle metaparams, handle depth, handle tracker, handle sync_mgr, handle bt, handle thresholds, handle era_config, handle fatal_callback, handle submission_queue, handle tracker_write_lock, handle submission_wakeup, handle stop_event, handle submission_owner, handle replacement_abort_event);
-object f_build_analytics(handle tracker, handle era_config);
-object f_require_threshold(handle thresholds, handle name);
-object f_resolve_thresholds(handle thresholds, handle era_config);
-object f_submission_cancelled(handle self);
 object get_analytics(handle self);
 object get_max_depth(handle self);
 object get_metaparameters(handle self);
@@ -47,12 +43,5 @@ object evaluate(handle self, handle expr_graph);
 
 namespace tw::metrics {
 object f_collect(handle bt_stats);
-object f_disallowed(handle value);
-object f_factor_pnl(handle value);
-object f_invalid_reason(handle attr);
-object f_is_finite(handle value);
-object f_is_pnl_mi(handle bt_stats);
-object f_non_finite(handle value);
-object f_per_column(handle value);
 object f_required_value(handle bt_stats, handle attr);
 }  // namespace tw::metrics

@@ -54,7 +54,7 @@ object function_names(handle functions) {
 
 bool cancelled(handle self) {
     object m = get_attr(self, ID("_submission_cancelled"));
-    if (is_own_method<f_submission_cancelled>(m, self)) return submission_cancelled(self);
+    if (is_own_method<submission_cancelled>(m, self)) return submission_cancelled(self);
     return truthy(call(m));
 }
 

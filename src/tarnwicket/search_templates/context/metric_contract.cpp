@@ -183,7 +183,6 @@ bool has_disallowed_mi_field(handle value) {
 
 static object pair(object a, object b) { return tuple_of({a, b}); }
 
-object f_invalid_reason(handle attr) { return invalid_reason(attr); }
 object f_required_value(handle bt_stats, handle attr) {
     auto [v, r] = required_value(bt_stats, attr);
     return pair(v, r);
@@ -192,12 +191,6 @@ object f_collect(handle bt_stats) {
     auto [v, r] = collect_required(bt_stats);
     return pair(v, r);
 }
-object f_factor_pnl(handle value) { return normalize_factor_pnl(value); }
-object f_per_column(handle value) { return normalize_per_column_stats(value); }
-object f_is_pnl_mi(handle bt_stats) { return is_pnl_mi_from_stats(bt_stats); }
-object f_is_finite(handle value) { return bool_of(is_finite_number(value)); }
-object f_non_finite(handle value) { return bool_of(has_non_finite_number(value)); }
-object f_disallowed(handle value) { return bool_of(has_disallowed_mi_field(value)); }
 
 }  // namespace tw::metrics
 

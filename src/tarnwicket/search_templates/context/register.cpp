@@ -20,7 +20,7 @@ void register_context(handle m) {
     def_property<get_max_depth, set_max_depth>(cls, "max_depth", "max_depth(self)", "max_depth(self, value)");
     def_property<get_analytics>(cls, "analytics", "analytics(self)");
     def_method<refresh_analytics>(cls, "refresh_analytics($self)");
-    def_method<f_submission_cancelled>(cls, "_submission_cancelled($self)");
+    def_method<submission_cancelled>(cls, "_submission_cancelled($self)");
     def_method<safe_record>(cls,
                             "_safe_record($self, graph, passed_thresholds, rejection_reason=None, stats=None, "
                             "per_column_stats=None)");
@@ -28,9 +28,9 @@ void register_context(handle m) {
     def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
 
     // Helpers that need no context: module functions, also reachable from the class.
-    def_function<f_build_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
-    def_function<f_resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
-    def_function<f_require_threshold>(m, "_require_search_threshold(thresholds, name)");
+    def_function<build_search_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
+    def_function<resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
+    def_function<require_threshold>(m, "_require_search_threshold(thresholds, name)");
     def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
     def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
     keep_original(k_class_require_threshold.name(),
@@ -50,15 +50,15 @@ void register_metric_contract(handle m) {
     set_global("_REQUIRED_BACKTEST_COUNT_METRICS",
                call(borrow(reinterpret_cast<PyObject*>(&PyFrozenSet_Type)), {counts}));
 
-    def_function<f_invalid_reason>(m, "_invalid_backtest_metric_reason(attr)");
+    def_function<invalid_reason>(m, "_invalid_backtest_metric_reason(attr)");
     def_function<f_required_value>(m, "_required_backtest_metric_value(bt_stats, attr)");
     def_function<f_collect>(m, "_collect_required_backtest_stats(bt_stats)");
-    def_function<f_factor_pnl>(m, "_normalize_factor_pnl(value)");
-    def_function<f_per_column>(m, "_normalize_per_column_stats(value)");
-    def_function<f_is_pnl_mi>(m, "_is_pnl_mi_from_backtest_stats(bt_stats)");
-    def_function<f_is_finite>(m, "_is_finite_number(value)");
-    def_function<f_non_finite>(m, "_has_non_finite_number(value)");
-    def_function<f_disallowed>(m, "_has_disallowed_mi_contract_field(value)");
+    def_function<normalize_factor_pnl>(m, "_normalize_factor_pnl(value)");
+    def_function<normalize_per_column_stats>(m, "_normalize_per_column_stats(value)");
+    def_function<is_pnl_mi_from_stats>(m, "_is_pnl_mi_from_backtest_stats(bt_stats)");
+    def_function<is_finite_number>(m, "_is_finite_number(value)");
+    def_function<has_non_finite_number>(m, "_has_non_finite_number(value)");
+    def_function<has_disallowed_mi_field>(m, "_has_disallowed_mi_contract_field(value)");
 }
 
 }  // namespace tw

@@ -77,7 +77,7 @@ static object keyword_dict(handle kwargs) {
     return d;
 }
 
-static object submit_signal_payload(handle payload) {
+object submit_signal_payload(handle payload) {
     object receipt_cls = import_attr("tarnwicket.submit", ID("SubmissionReceipt"));
     object rejected_error = import_attr("tarnwicket.submit", ID("SubmissionRejectedError"));
     object client = service::default_client();
@@ -95,8 +95,6 @@ static object submit_signal_payload(handle payload) {
 
 // ---------------------------------------------------------------- bindings
 
-object f_entry(handle pool) { return pool_id_from_config_entry(pool); }
-object f_first_pool(handle era_config) { return first_signal_pool_id_from_era_config(era_config); }
 
 object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, handle is_stats, handle is_pnl_mi, handle expression_elapsed_seconds, handle metaparameters, handle search_state) {
     object payload = new_dict();
@@ -112,7 +110,6 @@ object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, 
     return submit_signal_payload(payload);
 }
 
-object f_submit_payload(handle payload) { return submit_signal_payload(payload); }
 
 }  // namespace tw::binding
 

@@ -9,6 +9,8 @@ namespace tw::binding {
 
 object pool_id_from_config_entry(handle pool);
 object first_signal_pool_id_from_era_config(handle era_config);
+// Sends one stored payload; returns the service's receipt.
+object submit_signal_payload(handle payload);
 // Late-bound entry used by SearchContext.
 object call_first_signal_pool_id(handle era_config);
 

@@ -178,26 +178,9 @@ void backoff_sleep(handle seconds) {
 
 // ---------------------------------------------------------------- bindings
 
-object f_serialize(handle payload) { return serialize(payload); }
 object f_for_storage(handle payload) {
     if (!is_dict(payload)) raise(PyExc_TypeError, "payload must be a dict");
     return for_storage(payload);
-}
-object f_load(handle payload_json) { return load(payload_json); }
-object f_require_keys(handle payload, handle source_kind, handle row_id) {
-    require_typed_keys(payload, source_kind, row_id);
-    return none();
-}
-object f_resolve_pools(handle conn, handle payload) { return resolve_pool_ids(conn, payload); }
-object f_validate(handle kwargs) {
-    validate_submit_contract(kwargs);
-    return none();
-}
-object f_submit_kwargs(handle payload, handle allowed) { return submit_kwargs(payload, allowed); }
-object f_persistent(handle tracker) { return bool_of(uses_persistent_store(tracker)); }
-object f_backoff_sleep(handle seconds) {
-    backoff_sleep(seconds);
-    return none();
 }
 
 }  // namespace tw::payload

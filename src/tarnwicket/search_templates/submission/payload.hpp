@@ -25,20 +25,9 @@ void backoff_sleep(handle seconds);
 // ---------------------------------------------------------------- bound in register.cpp
 
 namespace tw::binding {
-object f_entry(handle pool);
-object f_first_pool(handle era_config);
-object f_submit_payload(handle payload);
 object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, handle is_stats, handle is_pnl_mi, handle expression_elapsed_seconds, handle metaparameters, handle search_state);
 }  // namespace tw::binding
 
 namespace tw::payload {
-object f_backoff_sleep(handle seconds);
 object f_for_storage(handle payload);
-object f_load(handle payload_json);
-object f_persistent(handle tracker);
-object f_require_keys(handle payload, handle source_kind, handle row_id);
-object f_resolve_pools(handle conn, handle payload);
-object f_serialize(handle payload);
-object f_submit_kwargs(handle payload, handle allowed);
-object f_validate(handle kwargs);
 }  // namespace tw::payload
