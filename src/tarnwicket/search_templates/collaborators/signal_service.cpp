@@ -53,11 +53,7 @@ object submission_auth_obj() {
 
 object get_submission_token() {
     object auth_error = import_attr("tarnwicket.auth", ID("AuthError"));
-    object auth_obj;
-    if (object f = k_submission_auth_obj.replaced())
-        auth_obj = call(f);
-    else
-        auth_obj = submission_auth_obj();
+    object auth_obj = k_submission_auth_obj.run<submission_auth_obj>();
     if (is_none(auth_obj)) raise_not_authenticated(auth_error, handle());
     object token;
     try {
@@ -79,17 +75,9 @@ object get_submission_token() {
 
 object build_client(handle timeout) {
     object client_cls = import_attr("tarnwicket.submit", ID("SignalServiceClient"));
-    object url;
-    if (object f = k_resolve_signal_service_url.replaced())
-        url = call(f);
-    else
-        url = resolve_signal_service_url();
+    object url = k_resolve_signal_service_url.run<resolve_signal_service_url>();
     if (!truthy(url)) raise(PyExc_ConnectionError, "No submission server configured");
-    object token;
-    if (object f = k_get_submission_token.replaced())
-        token = call(f);
-    else
-        token = get_submission_token();
+    object token = k_get_submission_token.run<get_submission_token>();
     return call_kw(client_cls, {url, token}, {{ID("timeout"), timeout}});
 }
 
@@ -107,8 +95,7 @@ object details_from_body(handle body) {
 }
 
 object details_of(handle body) {
-    if (object f = k_details_from_body.replaced()) return call(f, {body});
-    return details_from_body(body);
+    return k_details_from_body.run<details_from_body>(body);
 }
 
 static bool code_is(handle code, long v, int op) {
@@ -186,8 +173,7 @@ object poll_status_internal(handle submission_id) {
 }
 
 object poll_status(handle submission_id) {
-    if (object f = k_poll_status_internal.replaced()) return call(f, {submission_id});
-    return poll_status_internal(submission_id);
+    return k_poll_status_internal.run<poll_status_internal>(submission_id);
 }
 
 }  // namespace tw::service

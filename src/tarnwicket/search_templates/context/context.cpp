@@ -38,8 +38,7 @@ object require_threshold_late(handle self, handle thresholds, handle name) {
     // either is obeyed.
     object via_instance = get_attr(self, ID("_require_search_threshold"));
     if (!k_class_require_threshold.own(via_instance)) return call(via_instance, {thresholds, name});
-    if (object f = k_require_threshold.replaced()) return call(f, {thresholds, name});
-    return require_threshold(thresholds, name);
+    return k_require_threshold.run<require_threshold>(thresholds, name);
 }
 
 // ---------------------------------------------------------------- analytics
@@ -253,8 +252,7 @@ object c_build_analytics(handle tracker, handle era_config) {
 }
 object c_resolve_thresholds(handle thresholds, handle era_config) { return call(global(ID("_resolve_search_thresholds")), {thresholds, era_config}); }
 object c_require_threshold(handle thresholds, handle name) {
-    if (object f = k_require_threshold.replaced()) return call(f, {thresholds, name});
-    return require_threshold(thresholds, name);
+    return k_require_threshold.run<require_threshold>(thresholds, name);
 }
 
 }  // namespace tw::ctx

@@ -93,12 +93,6 @@ object budget_of(handle era_config) {
     return get_attr_or_none(era_config, ID("max_expression_generation_seconds"));
 }
 
-// A module function reached through the namespace; direct when unreplaced.
-object late_call(const LateFn& late, object (*direct)(handle), handle arg) {
-    if (object fn = late.replaced()) return call(fn, {arg});
-    return direct(arg);
-}
-
 const LateFn k_collect("_collect_required_backtest_stats");
 const LateFn k_factor_pnl("_normalize_factor_pnl");
 const LateFn k_per_column("_normalize_per_column_stats");
@@ -183,14 +177,12 @@ object evaluate(handle self, handle expr_graph) {
         }
     }
 
-    object collected = late_call(k_collect, collect_direct, bt_stats);
+    object collected = k_collect.run<collect_direct>(bt_stats);
     object stats_dict = getitem(collected, int_of(0));
     object stats_reason = getitem(collected, int_of(1));
     if (!is_none(stats_reason)) return reject(self, graph, stats_reason);
-    object factor_pnl = late_call(k_factor_pnl, metrics::normalize_factor_pnl,
-                             get_attr_or_none(bt_stats, ID("factor_pnl")));
-    object per_column = late_call(k_per_column, metrics::normalize_per_column_stats,
-                             get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));
+    object factor_pnl = k_factor_pnl.run<metrics::normalize_factor_pnl>(get_attr_or_none(bt_stats, ID("factor_pnl")));
+    object per_column = k_per_column.run<metrics::normalize_per_column_stats>(get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));
     object result = new_record(global(ID("BacktestResult")),
                             {{ID("expression"), graph},
                              {ID("passed"), handle(Py_True)},
@@ -212,8 +204,7 @@ object evaluate(handle self, handle expr_graph) {
     dict_set(payload, ID("universe_id"), get_attr(self, ID("_universe_id")));
     dict_set(payload, ID("signal_pool_id"), get_attr(self, ID("_signal_pool_id")));
     dict_set(payload, ID("is_stats"), stats_dict);
-    dict_set(payload, ID("is_pnl_mi"), late_call(k_pnl_mi,
-                                            metrics::is_pnl_mi_from_stats, bt_stats));
+    dict_set(payload, ID("is_pnl_mi"), k_pnl_mi.run<metrics::is_pnl_mi_from_stats>(bt_stats));
     dict_set(payload, ID("metaparameters"), get_attr(self, ID("_metaparams_for_db")));
     dict_set(payload, ID("search_state"), new_dict());
     dict_set(payload, ID("era_id"), era_id);

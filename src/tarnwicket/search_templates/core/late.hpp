@@ -6,14 +6,15 @@
 // The one pattern, for a name registered with def_function:
 //
 //     static const LateFn k_weighted_choice("_weighted_choice");
-//     if (object f = k_weighted_choice.replaced()) return call(f, {items, cum});
-//     return weighted_choice(items, cum);
+//     return k_weighted_choice.run<weighted_choice>(items, cum);
 //
 // The module's own objects are held in module state (core/state.hpp), so an
 // identity test can never be fooled by a new object at a freed address.
 #pragma once
 
 #include "core/state.hpp"
+
+#include <type_traits>
 
 namespace tw {
 
@@ -34,6 +35,21 @@ public:
     }
     // The module's own object behind this name (borrowed), null when none was kept.
     PyObject* original() const;
+    // Calls the name with `args`: F itself while the name holds the module's own
+    // function, else whatever the namespace holds, through Python.
+    //     object token = k_get_submission_token.run<get_submission_token>();
+    template <auto F, class... A>
+    object run(A... args) const {
+        if (object f = replaced()) return tw::call(f, {handle(args)...});
+        if constexpr (std::is_void_v<decltype(F(args...))>) {
+            F(args...);
+            return none();
+        } else if constexpr (std::is_same_v<decltype(F(args...)), bool>) {
+            return bool_of(F(args...));
+        } else {
+            return F(args...);
+        }
+    }
 
 private:
     int slot() const;

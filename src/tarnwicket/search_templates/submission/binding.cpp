@@ -26,8 +26,7 @@ object pool_id_from_config_entry(handle pool) {
 }
 
 static object entry_pool_id(handle pool) {
-    if (object f = k_pool_id_from_config_entry.replaced()) return call(f, {pool});
-    return pool_id_from_config_entry(pool);
+    return k_pool_id_from_config_entry.run<pool_id_from_config_entry>(pool);
 }
 
 static bool is_seq(handle o) { return is_list(o) || is_tuple(o); }
@@ -59,9 +58,7 @@ object first_signal_pool_id_from_era_config(handle era_config) {
 }
 
 object call_first_signal_pool_id(handle era_config) {
-    if (object f = k_first_signal_pool_id_from_era_config.replaced())
-        return call(f, {era_config});
-    return first_signal_pool_id_from_era_config(era_config);
+    return k_first_signal_pool_id_from_era_config.run<first_signal_pool_id_from_era_config>(era_config);
 }
 
 // The dict that `f(**kwargs)` would pass: a replaced `_submit_kwargs_from_payload`
@@ -87,9 +84,7 @@ object submit_signal_payload(handle payload) {
         object empty = steal(PyTuple_New(0));
         object result = call_star(submit, empty, keyword_dict(kwargs));
         object kind = str_of("signal");
-        if (object f = k_result_to_receipt.replaced())
-            return call(f, {result, kind, receipt_cls, rejected_error});
-        return service::result_to_receipt(result, kind, receipt_cls, rejected_error);
+        return k_result_to_receipt.run<service::result_to_receipt>(result, kind, receipt_cls, rejected_error);
     });
 }
 
@@ -106,8 +101,7 @@ object f_submit_signal(handle graph, handle universe_id, handle signal_pool_id, 
     dict_set(payload, ID("expression_elapsed_seconds"), expression_elapsed_seconds);
     dict_set(payload, ID("metaparameters"), metaparameters);
     dict_set(payload, ID("search_state"), search_state);
-    if (object f = k_submit_signal_payload.replaced()) return call(f, {payload});
-    return submit_signal_payload(payload);
+    return k_submit_signal_payload.run<submit_signal_payload>(payload);
 }
 
 

@@ -18,8 +18,7 @@ object serialize(handle payload) {
 }
 
 object serialize_late(handle payload) {
-    if (object f = k_serialize.replaced()) return call(f, {payload});
-    return serialize(payload);
+    return k_serialize.run<serialize>(payload);
 }
 
 bool uses_persistent_store(handle tracker) {
@@ -166,8 +165,7 @@ object submit_kwargs(handle payload, handle allowed) {
 }
 
 object call_submit_kwargs(handle payload, handle allowed) {
-    if (object f = k_submit_kwargs.replaced()) return call(f, {payload, allowed});
-    return submit_kwargs(payload, allowed);
+    return k_submit_kwargs.run<submit_kwargs>(payload, allowed);
 }
 
 void backoff_sleep(handle seconds) {

@@ -142,10 +142,7 @@ void install_hooks_impl() {
 }
 
 void install_hooks() {
-    if (object f = k_install_hooks.replaced())
-        call(f);
-    else
-        install_hooks_impl();
+    k_install_hooks.run<install_hooks_impl>();
 }
 
 // ---------------------------------------------------------------- hooked entry points
