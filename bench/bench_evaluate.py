@@ -22,19 +22,12 @@ import time
 import types
 
 import tarnwicket.search_templates as st
+from bench_hot_memory import THRESHOLDS, Backtester, EraConfig
 
 GRAPH = {"type": "rotation", "node": "rank",
          "children": [{"type": "rotation", "node": "ts_mean",
                        "children": [{"type": "feature", "node": "close", "children": []}]}]}
 VOCAB = {"functions": [{"name": "ts_mean"}, {"name": "rank"}], "features": [{"name": "close"}]}
-THRESHOLDS = dict(turnover_max=0.7, delta_exposure_max=0.1, max_weight_max=0.1, correlation_max=0.5)
-STATS = types.SimpleNamespace(
-    sharpe=1.5, fitness=1.2, returns=0.1, drawdown=0.05, turnover=0.3, margin=0.002, long_count=25,
-    short_count=24, delta_exposure=0.01, max_weight=0.05, passed=True, correlation=None,
-    weight_quality_metrics={}, liquidity_metrics={}, custom_stats={}, factor_pnl=[0.1, -0.2],
-    per_column_stats={"c": {}}, is_pnl_mi=0.25)
-
-
 CHUNK = 1000  # records kept between clears: the lists stay small
 
 
@@ -48,22 +41,6 @@ class ListTracker:
 
     def enqueue_submission(self, *args):
         self.enqueued.append(args)
-
-
-class FixedBacktester:
-    def evaluate_expression(self, graph):
-        pass
-
-    def run_backtest(self, graph):
-        return STATS
-
-
-class EraConfig:
-    era_id = 3
-    thresholds = THRESHOLDS
-    max_expression_generation_seconds = 5.0
-    signal_pools = [{"signal_pool_id": "pool-a"}]
-    column_threshold_rules = []
 
 
 def analytics_stub():
@@ -97,7 +74,7 @@ def main():
     args = ap.parse_args()
 
     sys.modules.setdefault("tarnwicket.search_analytics", analytics_stub())
-    tracker, bt = ListTracker(), FixedBacktester()
+    tracker, bt = ListTracker(), Backtester()
     q, wakeup = queue.SimpleQueue(), threading.Event()
     ctx = st.SearchContext(VOCAB, "universe_top50", {"seed": 7}, 4, tracker, None, bt, THRESHOLDS,
                            EraConfig(), submission_queue=q, submission_wakeup=wakeup)
