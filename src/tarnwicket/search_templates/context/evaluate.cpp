@@ -8,7 +8,11 @@ namespace tw::ctx {
 
 namespace {
 
-bool is_text(handle o, const char* s) { return is_str(o) && PyUnicode_CompareWithASCIIString(o.ptr(), s) == 0; }
+// o == text for a str o (str's own comparison); `text` is interned, so a key
+// written as a literal in the host's code matches by identity.
+bool is_text(handle o, handle text) {
+    return o.ptr() == text.ptr() || (is_str(o) && PyUnicode_Compare(o.ptr(), text.ptr()) == 0);
+}
 
 bool greater(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_GT)) == 1; }
 bool less(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LT)) == 1; }
@@ -53,18 +57,18 @@ object function_names(handle functions) {
 }
 
 bool cancelled(handle self) {
-    object m = get_attr(self, ID("_submission_cancelled"));
-    if (is_own_method<submission_cancelled>(m, self)) return submission_cancelled(self);
-    return truthy(call(m));
+    Method m(self, ID("_submission_cancelled"));
+    if (is_own<submission_cancelled>(m)) return submission_cancelled(self);
+    return truthy(m());
 }
 
 // self._safe_record(graph, passed, rejection_reason=reason)
 object record(handle self, handle graph, bool passed, handle reason) {
-    object m = get_attr(self, ID("_safe_record"));
     handle flag(passed ? Py_True : Py_False);
-    if (is_own_method<safe_record>(m, self)) return safe_record(self, graph, flag, reason, Py_None, Py_None);
-    if (is_none(reason)) return call(m, {graph, flag});
-    return call_kw(m, {graph, flag}, {{ID("rejection_reason"), reason}});
+    Method m(self, ID("_safe_record"));
+    if (is_own<safe_record>(m)) return safe_record(self, graph, flag, reason, Py_None, Py_None);
+    if (is_none(reason)) return m({graph, flag});
+    return m.call_kw({graph, flag}, {{ID("rejection_reason"), reason}});
 }
 
 object reject(handle self, handle graph, handle reason) {
@@ -79,10 +83,7 @@ bool well_shaped(handle graph) {
     PyObject *k, *v;
     Py_ssize_t pos = 0;
     while (PyDict_Next(graph.ptr(), &pos, &k, &v)) {
-        if (!PyUnicode_Check(k)) return false;
-        if (PyUnicode_CompareWithASCIIString(k, "type") != 0 && PyUnicode_CompareWithASCIIString(k, "node") != 0 &&
-            PyUnicode_CompareWithASCIIString(k, "children") != 0)
-            return false;
+        if (!is_text(k, ID("type")) && !is_text(k, ID("node")) && !is_text(k, ID("children"))) return false;
     }
     return true;
 }
@@ -98,9 +99,13 @@ const LateFn k_factor_pnl("_normalize_factor_pnl");
 const LateFn k_per_column("_normalize_per_column_stats");
 const LateFn k_pnl_mi("_is_pnl_mi_from_backtest_stats");
 
-object collect_direct(handle s) {
-    auto [v, r] = metrics::collect_required(s);
-    return tuple_of({v, r});
+// _collect_required_backtest_stats(bt_stats) as (record, reason).
+std::pair<object, object> collect(handle bt_stats) {
+    if (object f = k_collect.replaced()) {
+        object collected = call(f, {bt_stats});
+        return {getitem(collected, int_of(0)), getitem(collected, int_of(1))};
+    }
+    return metrics::collect_required(bt_stats);
 }
 
 }  // namespace
@@ -111,7 +116,7 @@ object evaluate(handle self, handle expr_graph) {
     object vocabulary = get_attr(self, ID("_vocabulary"));
     object empty = borrow(ID("").ptr());
     object type = dict_get(graph, ID("type"), empty);
-    if (is_text(type, "rotation") || is_text(type, "filtration") || is_text(type, "reduction")) {
+    if (is_text(type, ID("rotation")) || is_text(type, ID("filtration")) || is_text(type, ID("reduction"))) {
         object functions = is_dict(vocabulary) ? dict_get(vocabulary, ID("functions"), new_list())
                                                : mapping_get(vocabulary, ID("functions"), new_list());
         if (truthy(functions)) {
@@ -157,9 +162,8 @@ object evaluate(handle self, handle expr_graph) {
     if (is_none(bt_stats))
         return reject(self, graph, is_nonempty_str(failure_reason) ? handle(failure_reason) : handle(str_of("backtester_unavailable")));
 
-    object derive = get_attr(self, ID("_derive_rejection_reason"));
-    object reason = is_own_method<derive_rejection_reason>(derive, self) ? derive_rejection_reason(self, bt_stats)
-                                                                         : call(derive, {bt_stats});
+    Method derive(self, ID("_derive_rejection_reason"));
+    object reason = is_own<derive_rejection_reason>(derive) ? derive_rejection_reason(self, bt_stats) : derive({bt_stats});
     if (!is_none(reason)) return reject(self, graph, reason);
     object correlation = get_attr_or_none(bt_stats, ID("correlation"));
     if (is_number(correlation)) {
@@ -177,9 +181,7 @@ object evaluate(handle self, handle expr_graph) {
         }
     }
 
-    object collected = k_collect.run<collect_direct>(bt_stats);
-    object stats_dict = getitem(collected, int_of(0));
-    object stats_reason = getitem(collected, int_of(1));
+    auto [stats_dict, stats_reason] = collect(bt_stats);
     if (!is_none(stats_reason)) return reject(self, graph, stats_reason);
     object factor_pnl = k_factor_pnl.run<metrics::normalize_factor_pnl>(get_attr_or_none(bt_stats, ID("factor_pnl")));
     object per_column = k_per_column.run<metrics::normalize_per_column_stats>(get_attr_or(bt_stats, ID("per_column_stats"), new_dict()));

@@ -4,28 +4,48 @@
 
 namespace tw::metrics {
 
-static const char* kRequired[] = {"sharpe", "fitness",   "returns",     "drawdown",       "turnover",
-                                  "margin", "long_count", "short_count", "delta_exposure", "max_weight"};
+// The required metrics in order; the counts must be whole numbers.
+struct Required {
+    const char* name;
+    bool is_count;
+};
+static const Required kRequired[] = {{"sharpe", false},   {"fitness", false},   {"returns", false},
+                                     {"drawdown", false}, {"turnover", false},  {"margin", false},
+                                     {"long_count", true}, {"short_count", true}, {"delta_exposure", false},
+                                     {"max_weight", false}};
 
-object required_metric_names() {
+static const LateFn k_names("_REQUIRED_BACKTEST_METRICS");
+static const LateFn k_counts("_REQUIRED_BACKTEST_COUNT_METRICS");
+static const LateFn k_required_value("_required_backtest_metric_value");
+
+void register_required_metric_names() {
     object names = new_list();
-    for (auto n : kRequired) list_append(names, steal(check(PyUnicode_InternFromString(n))));  // attribute names are interned
-    return steal(PyList_AsTuple(names.ptr()));
+    object counts = new_list();
+    for (auto r : kRequired) {
+        object name = steal(PyUnicode_InternFromString(r.name));  // attribute names are interned
+        list_append(names, name);
+        if (r.is_count) list_append(counts, name);
+    }
+    object tuple = steal(PyList_AsTuple(names.ptr()));
+    object frozen = steal(PyFrozenSet_New(counts.ptr()));
+    set_global(k_names.name(), tuple);
+    set_global(k_counts.name(), frozen);
+    keep_original(k_names.name(), tuple);
+    keep_original(k_counts.name(), frozen);
 }
 
 object invalid_reason(handle attr) { return ftext({str_of("invalid_backtest_metric_"), attr}); }
 
-// The value of one required metric, or the rejection reason. `sentinel` and
-// `counts` are the module's _MISSING_BACKTEST_METRIC and
-// _REQUIRED_BACKTEST_COUNT_METRICS, read by the caller.
-static std::pair<object, object> required_value(handle bt_stats, handle attr, handle sentinel, handle counts) {
+// The value of one required metric, or the rejection reason. `sentinel` is the
+// module's _MISSING_BACKTEST_METRIC, read by the caller.
+static std::pair<object, object> required_value(handle bt_stats, handle attr, handle sentinel, bool is_count) {
     object value = get_attr_or(bt_stats, attr, sentinel);
     if (value.ptr() == sentinel.ptr()) return {none(), invalid_reason(attr)};
     if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), invalid_reason(attr)};
     double d;
     if (!try_double(value, d)) return {none(), invalid_reason(attr)};
     if (!std::isfinite(d)) return {none(), invalid_reason(attr)};
-    if (contains(counts, attr)) {
+    if (is_count) {
         if (std::floor(d) != d) return {none(), invalid_reason(attr)};
         return {steal(PyLong_FromDouble(d)), none()};
     }
@@ -34,33 +54,43 @@ static std::pair<object, object> required_value(handle bt_stats, handle attr, ha
 }
 
 std::pair<object, object> required_value(handle bt_stats, handle attr) {
-    return required_value(bt_stats, attr, global(ID("_MISSING_BACKTEST_METRIC")),
-                          global(ID("_REQUIRED_BACKTEST_COUNT_METRICS")));
+    object sentinel = global(ID("_MISSING_BACKTEST_METRIC"));
+    return required_value(bt_stats, attr, sentinel, contains(k_counts.current(), attr));
 }
 
-static const LateFn k_required_value("_required_backtest_metric_value");
-
 std::pair<object, object> collect_required(handle bt_stats) {
-    object names = global(ID("_REQUIRED_BACKTEST_METRICS"));
+    object names = k_names.current();
     object sentinel = global(ID("_MISSING_BACKTEST_METRIC"));
-    object counts = global(ID("_REQUIRED_BACKTEST_COUNT_METRICS"));
+    object counts = k_counts.current();
     object reader = k_required_value.replaced();
     object record = steal(check(new_presized_dict_raw(std::size(kRequired))));
+    auto collect = [&](handle attr, auto is_count) -> object {
+        object value, reason;
+        if (reader) {
+            object got = call(reader, {bt_stats, attr});
+            value = getitem(got, int_of(0));
+            reason = getitem(got, int_of(1));
+        } else {
+            std::tie(value, reason) = required_value(bt_stats, attr, sentinel, is_count());
+        }
+        if (!is_none(reason)) return reason;
+        dict_set(record, attr, value);
+        return object();
+    };
+    if (k_names.own(names) && k_counts.own(counts)) {
+        // The module's own tuple and set: kRequired in order, counts known.
+        for (std::size_t i = 0; i < std::size(kRequired); ++i) {
+            handle attr = PyTuple_GET_ITEM(names.ptr(), i);
+            if (object reason = collect(attr, [&] { return kRequired[i].is_count; })) return {none(), reason};
+        }
+        return {record, none()};
+    }
     // `for attr in _REQUIRED_BACKTEST_METRICS`: each read of an attribute can run
     // code that changes a replaced, mutable list of names under us.
     object it = steal(PyObject_GetIter(names.ptr()));
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object attr = steal(raw);
-        object value, reason;
-        if (handle f = reader) {
-            object got = call(f, {bt_stats, attr});
-            value = getitem(got, int_of(0));
-            reason = getitem(got, int_of(1));
-        } else {
-            std::tie(value, reason) = required_value(bt_stats, attr, sentinel, counts);
-        }
-        if (!is_none(reason)) return {none(), reason};
-        dict_set(record, attr, value);
+        if (object reason = collect(attr, [&] { return contains(counts, attr); })) return {none(), reason};
     }
     if (PyErr_Occurred()) throw_py();
     return {record, none()};

@@ -17,7 +17,7 @@ bool is_finite_number(handle value);
 bool has_non_finite_number(handle value);
 bool has_disallowed_mi_field(handle value);
 object invalid_reason(handle attr);
-// The names of the required metrics, as a tuple.
-object required_metric_names();
+// Sets _REQUIRED_BACKTEST_METRICS (a tuple) and _REQUIRED_BACKTEST_COUNT_METRICS (a frozenset).
+void register_required_metric_names();
 
 }  // namespace tw::metrics

@@ -43,12 +43,7 @@ void register_metric_contract(handle m) {
     // A unique sentinel: an absent attribute and one holding None are told apart by identity.
     object sentinel_cls = make_class("_MissingBacktestMetric");
     set_global("_MISSING_BACKTEST_METRIC", call(sentinel_cls));
-    set_global("_REQUIRED_BACKTEST_METRICS", required_metric_names());
-    object counts = new_list();
-    list_append(counts, ID("long_count"));
-    list_append(counts, ID("short_count"));
-    set_global("_REQUIRED_BACKTEST_COUNT_METRICS",
-               call(borrow(reinterpret_cast<PyObject*>(&PyFrozenSet_Type)), {counts}));
+    register_required_metric_names();
 
     def_function<invalid_reason>(m, "_invalid_backtest_metric_reason(attr)");
     def_function<f_required_value>(m, "_required_backtest_metric_value(bt_stats, attr)");

@@ -125,18 +125,16 @@ object def_function(handle module, const char* text_sig, const char* doc = nullp
     keep_original(name, fn);
     return fn;
 }
-// Late binding of a method: `method` was read from `self` as Python reads
-// `self.name`. When it is still the module's own F bound to `self`, calling F
-// directly does what calling `method` would, without the binding's round trip:
+// Late binding of a method: `m` was looked up as Python looks up
+// `self.name(...)`. When it found the module's own F, calling F directly does
+// what the call would, without the binding's round trip:
 //
-//     object m = get_attr(self, ID("_submission_cancelled"));
-//     if (is_own_method<f_submission_cancelled>(m, self)) return submission_cancelled(self);
-//     return truthy(call(m));
+//     Method m(self, ID("_submission_cancelled"));
+//     if (is_own<submission_cancelled>(m)) return submission_cancelled(self);
+//     return truthy(m());
 template <auto F>
-bool is_own_method(handle method, handle self) {
-    PyObject* m = method.ptr();
-    return PyCFunction_Check(m) && PyCFunction_GET_SELF(m) == self.ptr() &&
-           PyCFunction_GET_FUNCTION(m) == reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&detail::Typed<F>::tramp));
+bool is_own(const Method& m) {
+    return m.is_c_function(reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&detail::Typed<F>::tramp)));
 }
 // A method added to `cls`; `text_sig` like "name($self, a)". Returns the descriptor.
 template <auto F>

@@ -85,9 +85,10 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
     const ModuleState::Record* layout = record_layout(cls);
     constexpr std::size_t kMaxFields = 32;
     if (!layout || layout->fields.size() > kMaxFields) return call_kw(cls, {}, fields);
-    // Gather every (name, value) first: nothing here runs Python code, so the
-    // layout cannot go away under us; setting attributes afterwards may.
-    std::pair<object, object> values[kMaxFields];
+    // Gather every value in field order first: nothing here runs Python code
+    // but the default factories (list() or dict()), so the layout stays put.
+    object init = borrow(layout->init);
+    object values[kMaxFields];
     std::size_t n = 0, matched = 0;
     for (const auto& f : layout->fields) {
         object value;
@@ -98,15 +99,24 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
                 break;
             }
         }
-        if (!value) value = f.factory ? call(handle(f.dflt)) : borrow(f.dflt);  // list() or dict()
-        values[n++] = {borrow(f.name), std::move(value)};
+        if (!value) value = f.factory ? call(handle(f.dflt)) : borrow(f.dflt);
+        values[n++] = std::move(value);
     }
     // A name that is not a field: let the class's own __init__ say so.
     if (matched != fields.size()) return call_kw(cls, {}, fields);
+    // cls(**fields) is object.__new__(cls) and then the class's own __init__,
+    // here given every field by position.
     auto* type = reinterpret_cast<PyTypeObject*>(cls.ptr());
-    object no_args = steal(check(PyTuple_New(0)));
-    object obj = steal(check(type->tp_new(type, no_args.ptr(), nullptr)));  // object.__new__: sets up the instance dict
-    for (std::size_t i = 0; i < n; ++i) check_int(PyObject_SetAttr(obj.ptr(), values[i].first.ptr(), values[i].second.ptr()));
+    object no_args = steal(PyTuple_New(0));
+    object obj = steal(type->tp_new(type, no_args.ptr(), nullptr));
+    PyObject* argv[kMaxFields + 1];
+    argv[0] = obj.ptr();
+    for (std::size_t i = 0; i < n; ++i) argv[i + 1] = values[i].ptr();
+    object result = steal(PyObject_Vectorcall(init.ptr(), argv, n + 1, nullptr));
+    if (!is_none(result)) {
+        PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.ptr())->tp_name);
+        throw_py();
+    }
     return obj;
 }
 

@@ -114,6 +114,21 @@ object call_star(handle f, handle args_tuple, handle kwargs_dict) {
     return steal(PyObject_Call(f.ptr(), args_tuple.ptr(), kw));
 }
 
+Method::Method(handle self, handle name) : self_(self) {
+    PyObject* fn = nullptr;
+    unbound_ = _PyObject_GetMethod(self.ptr(), name.ptr(), &fn) == 1;
+    fn_ = steal(fn);
+}
+
+object Method::call_kw(std::initializer_list<handle> args,
+                       std::initializer_list<std::pair<handle, handle>> kwargs) const {
+    CallFrame c(self_.ptr(), args, kwargs);
+    if (unbound_) return steal(PyObject_Vectorcall(fn_.ptr(), c.argv, 1 + c.nargs, c.names()));
+    return steal(PyObject_Vectorcall(fn_.ptr(), c.argv + 1, c.nargs | PY_VECTORCALL_ARGUMENTS_OFFSET, c.names()));
+}
+
+object Method::operator()(std::initializer_list<handle> args) const { return call_kw(args, {}); }
+
 object import_attr(const char* module, handle attr) {
     object m = import_module(module);
     PyObject* r = nullptr;

@@ -175,6 +175,26 @@ object call_method_kw(handle o, handle name, std::initializer_list<handle> args,
 // f(*args_tuple, **kwargs_dict)
 object call_star(handle f, handle args_tuple, handle kwargs_dict);
 
+// `self.name` looked up once for a call, as Python looks up `self.name(...)`:
+// a method descriptor of the class that the instance does not shadow is kept
+// unbound (no bound method is made), anything else is the attribute itself.
+class Method {
+public:
+    Method(handle self, handle name);
+    object operator()(std::initializer_list<handle> args = {}) const;
+    object call_kw(std::initializer_list<handle> args, std::initializer_list<std::pair<handle, handle>> kwargs) const;
+    // True when the lookup found the class's method descriptor of the C function `fn`.
+    bool is_c_function(PyCFunction fn) const {
+        return unbound_ && Py_IS_TYPE(fn_.ptr(), &PyMethodDescr_Type) &&
+               reinterpret_cast<PyMethodDescrObject*>(fn_.ptr())->d_method->ml_meth == fn;
+    }
+
+private:
+    handle self_;
+    object fn_;
+    bool unbound_;
+};
+
 // ---------------------------------------------------------------- imports
 
 // import `name` through the host's import system (sys.modules first), each time.
