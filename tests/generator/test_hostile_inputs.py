@@ -197,6 +197,29 @@ def test_generator_follows_a_name_list_changed_by_a_host_hook(monkeypatch):
         assert len(graph["children"]) == {"one": 1, "two": 2}[graph["node"]]
 
 
+def test_generator_follows_weights_a_replaced_draw_kept_and_changed(monkeypatch):
+    # a replaced `_weighted_choice` is handed the generator's own weight list for
+    # one graph and keeps it; once the hook is back, the host moves all the
+    # weight onto the last function: every later draw must follow the change
+    kept = []
+    original = st._weighted_choice
+
+    def draw(items, cum):
+        kept.append((items, cum))
+        return original(items, cum)
+
+    names = ["f%d" % i for i in range(8)]
+    ctx = context([rotation(n, ["data"]) for n in names], [feature("x")], max_depth=2)
+    gen = st.random_weighted(ctx)
+    next(gen)
+    monkeypatch.setattr(st, "_weighted_choice", draw)
+    next(gen)
+    monkeypatch.undo()
+    (cum,) = [c for items, c in kept if items == names][:1]
+    cum[:] = [0.0] * (len(names) - 1) + [1.0]
+    assert {next(gen)["node"] for _ in range(40)} == {names[-1]}
+
+
 def test_a_depth_of_any_number_type_counts_down_with_its_own_operators():
     specs = {"r": {"name": "r", "data_params": [{}], "config_children": []}}
     graph = st._build_random_signal_expression(["r"], specs, [1.0], ["x"], [1.0], fractions.Fraction(5, 2))

@@ -266,6 +266,7 @@ object Builder::draw(handle items, handle cum, Py_ssize_t& index) const {
     object fn = hooks::replaced(hooks::weighted_choice);
     if (!fn) return weighted_choice_at(items, cum, index);
     index = -1;
+    if (lists_shared) *lists_shared = true;
     return call(fn, {items, cum});
 }
 
@@ -273,6 +274,7 @@ object Builder::child(Depth d) const {
     object fn = hooks::replaced(hooks::build_expression);
     if (!fn) return build(d);
     object depth = d.obj();
+    if (lists_shared) *lists_shared = true;
     return call(fn, {func_names, func_specs, func_weights, feat_names, feat_weights, depth});
 }
 

@@ -41,6 +41,7 @@ struct FuncMirror {
 struct Builder {
     handle func_names, func_specs, func_weights, feat_names, feat_weights;
     const std::vector<FuncMirror>* mirror;  // parallel to func_names, or null
+    bool* lists_shared = nullptr;  // set when a replaced hook is handed the lists
     object build(Depth d) const;
     object draw(handle items, handle cum, Py_ssize_t& index) const;
     object child(Depth d) const;

@@ -18,13 +18,18 @@ struct GenState {
     object cached_analytics;  // the snapshot the weights were computed from
     std::vector<FuncMirror> mirror;
     bool mirror_ok = false;
-    // Contiguous copies of the cumulative weights, refreshed before every
-    // draw (anyone holding the lists may have changed them since).
-    // Only lists this module computed are mirrored: a list from a replaced
-    // `_random_weighted_cum_weights` may be changed later by its maker.
+    // Contiguous copies of the cumulative weights. Only lists this module
+    // computed are mirrored: a list from a replaced `_random_weighted_cum_weights`
+    // may be changed later by its maker. Our own lists reach Python code only
+    // through a replaced `_weighted_choice` or `_build_random_signal_expression`;
+    // once one was handed them (`lists_shared`), whoever holds them may change
+    // them, so they are copied again before every draw until the weights are
+    // computed anew. (A host that digs them out of the collector's object list
+    // and changes them in place draws from the weights as they were.)
     CumIndex func_cum, feat_cum;
     bool func_cum_ok = false, feat_cum_ok = false;
     bool func_cum_own = false, feat_cum_own = false;
+    bool lists_shared = false;
 
     void mirror_cum() {
         func_cum_ok = func_cum_own && func_cum.assign(func_weights);
@@ -146,11 +151,13 @@ object GenState::pass() {
         feat_cum_own = !hooks::replaced(hooks::cum_weights);
         feat_weights = via(hooks::cum_weights, {feat_names, pair[1]}, [&] { return cum_weights(feat_names, pair[1]); });
         mirror_cum();
+        lists_shared = false;
     }
     if (hooks::is_own(hooks::build_expression)) {
-        Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, mirror_ok ? &mirror : nullptr};
+        Builder b{func_names, func_specs, func_weights, feat_names, feat_weights, mirror_ok ? &mirror : nullptr,
+                  &lists_shared};
         if (depth) return b.build(Depth::of(depth));
-        mirror_cum();
+        if (lists_shared) mirror_cum();
         bool lists = PyList_CheckExact(func_names.ptr()) && PyList_CheckExact(feat_names.ptr());
         if (!lists) return b.build(Depth::of_ll(depth_ll));
         FastTables fast{&b, func_cum_ok ? &func_cum : nullptr, feat_cum_ok ? &feat_cum : nullptr};
@@ -159,6 +166,7 @@ object GenState::pass() {
         return steal(graph);
     }
     if (!depth) depth = int_of(depth_ll);
+    lists_shared = true;
     object fn = hooks::late(hooks::build_expression).current();
     return call(fn, {func_names, func_specs, func_weights, feat_names, feat_weights, depth});
 }
