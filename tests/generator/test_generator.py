@@ -1,4 +1,5 @@
 import collections
+import gc
 import math
 import random
 import types
@@ -326,3 +327,20 @@ def test_generator_in_a_reference_cycle_is_collected():
     del ctx
     gc.collect()
     assert alive() is None
+
+
+def test_the_collector_is_left_as_the_host_had_it_after_each_graph():
+    # the generator pauses the collector while it builds one graph
+    gen = st.random_weighted(context([rotation("f", ["data", "data"])], [feature("x")], max_depth=5))
+    next(gen)
+    assert gc.isenabled()
+    gc.disable()
+    try:
+        next(gen)
+        assert not gc.isenabled()
+    finally:
+        gc.enable()
+    for _ in range(5):
+        next(gen)
+    assert gc.isenabled()
+

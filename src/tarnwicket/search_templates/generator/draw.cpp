@@ -24,11 +24,20 @@ void init() {
 
 object random_module() { return borrow(k_random.module().ptr()); }
 
-double random01() {
-    object fn = k_random.current();  // held: another thread may rebind random.random while it runs
-    object r = steal(PyObject_Vectorcall(fn.ptr(), nullptr, 0, nullptr));
+double random01(PyObject* fn) {
+    object r = steal(PyObject_Vectorcall(fn, nullptr, 0, nullptr));
     if (PyFloat_CheckExact(r.ptr())) return PyFloat_AS_DOUBLE(r.ptr());
     return as_double(r);
+}
+
+double random01() {
+    object fn = k_random.current();  // held: another thread may rebind random.random while it runs
+    return random01(fn.ptr());
+}
+
+PyObject* own_random() {
+    if (k_random.replaced() || k_choice.replaced()) return nullptr;
+    return k_random.original().ptr();
 }
 
 // Random._randbelow_with_getrandbits(n) for 0 < n < 2**63.
@@ -398,17 +407,23 @@ namespace {
 
 // One weighted draw over `items`; returns a new reference and the index drawn
 // (-1 when a replaced random.choice picked it).
-PyObject* fast_draw(PyObject* items, PyObject* cum_list, const CumIndex* cum, Py_ssize_t& index) {
+PyObject* fast_draw(PyObject* items, PyObject* cum_list, const CumIndex* cum, Py_ssize_t& index, PyObject*& quiet) {
     index = -1;
     try {
-        if (!cum) return weighted_choice_at(items, cum_list, index).release().ptr();
+        if (!cum) {
+            quiet = nullptr;  // the plain draw may call random's Python code
+            return weighted_choice_at(items, cum_list, index).release().ptr();
+        }
         if (cum->cum.empty()) {
             PyErr_SetString(PyExc_IndexError, "list index out of range");
             return nullptr;
         }
         double total = cum->cum.back();
-        if (total <= 0.0 || !std::isfinite(total)) return rnd::choice_at(items, index).release().ptr();
-        double r = rnd::random01() * total;
+        if (total <= 0.0 || !std::isfinite(total)) {
+            quiet = nullptr;
+            return rnd::choice_at(items, index).release().ptr();
+        }
+        double r = (quiet ? rnd::random01(quiet) : rnd::random01()) * total;
         Py_ssize_t i = cum->bisect_left(r);
         Py_ssize_t n = PyList_GET_SIZE(items);
         if (n == 0) {
@@ -439,28 +454,32 @@ PyObject* node_of(PyObject* type_value, PyObject* node_value) {
 
 PyObject* FastTables::build(long long depth) const {
     const Builder& g = *generic;
-    bool own = false;
     try {
-        own = hooks::is_own(hooks::weighted_choice) && hooks::is_own(hooks::build_expression);
-        if (!own || !g.mirror || depth > 256) return g.build(Depth::of_ll(depth)).release().ptr();
+        // While quiet, no Python code has run since the hooks were checked.
+        bool own = quiet || (hooks::is_own(hooks::weighted_choice) && hooks::is_own(hooks::build_expression));
+        if (!own || !g.mirror || depth > 256) {
+            quiet = nullptr;
+            return g.build(Depth::of_ll(depth)).release().ptr();
+        }
     } catch (py::error_already_set& e) {
         e.restore();
         return nullptr;
     }
     Py_ssize_t index;
     if (depth <= 1) {
-        PyObject* feat = fast_draw(g.feat_names.ptr(), g.feat_weights.ptr(), feat_cum, index);
+        PyObject* feat = fast_draw(g.feat_names.ptr(), g.feat_weights.ptr(), feat_cum, index, quiet);
         if (!feat) return nullptr;
         PyObject* leaf = node_of(ID("feature").ptr(), feat);
         Py_DECREF(feat);
         return leaf;
     }
-    PyObject* func = fast_draw(g.func_names.ptr(), g.func_weights.ptr(), func_cum, index);
+    PyObject* func = fast_draw(g.func_names.ptr(), g.func_weights.ptr(), func_cum, index, quiet);
     if (!func) return nullptr;
     if (index < 0 || (std::size_t)index >= g.mirror->size() || (*g.mirror)[index].name.ptr() != func) {
         // drawn by a replaced random.choice, or from a name list changed since
         // set-up: look its spec up by name
         object hold = steal(func);
+        quiet = nullptr;
         try {
             return g.rotation_node(hold, -1, Depth::of_ll(depth)).release().ptr();
         } catch (py::error_already_set& e) {

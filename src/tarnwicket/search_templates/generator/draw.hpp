@@ -71,7 +71,27 @@ struct FastTables {
     const Builder* generic;         // same tables as objects
     const CumIndex* func_cum;       // mirror of func_weights, or null
     const CumIndex* feat_cum;       // mirror of feat_weights, or null
+    // A quiet build: the hooks were checked once for this graph, the collector
+    // is paused, and random.random (called directly) and random.choice are the
+    // host's own C code, so no Python code can run until something else is
+    // called; then it is cleared and every node checks the hooks again.
+    mutable PyObject* quiet = nullptr;
     PyObject* build(long long depth) const;  // new reference, or null with an error set
+};
+
+// The collector paused for the length of one quiet build (see FastTables):
+// no finaliser can run Python code in the middle of it.
+class CollectorPause {
+public:
+    CollectorPause() : was_enabled_(PyGC_Disable() == 1) {}
+    ~CollectorPause() {
+        if (was_enabled_ && may_touch_objects()) PyGC_Enable();
+    }
+    CollectorPause(const CollectorPause&) = delete;
+    CollectorPause& operator=(const CollectorPause&) = delete;
+
+private:
+    bool was_enabled_;
 };
 
 // Mirrors of func_specs[name] for each name; false when a spec is not plain.

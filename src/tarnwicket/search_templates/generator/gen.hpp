@@ -124,6 +124,10 @@ namespace rnd {
 void init();                               // captures the module and the default bound methods
 object random_module();
 double random01();                         // random.random(), looked up now
+// random.random while random.random and random.choice are still the host
+// module's own (C code behind both), else null. Borrowed, held by module state.
+PyObject* own_random();
+double random01(PyObject* fn);             // fn(), as a float
 object randint(handle a, handle b);        // random.randint(a, b)
 long long randint_ll(long long a, long long b);
 object choice(handle seq);                 // random.choice(seq)

@@ -3,6 +3,8 @@
 #include "generator/draw.hpp"
 #include "vocabulary/normalize.hpp"
 
+#include <optional>
+
 namespace tw::gen {
 
 namespace {
@@ -161,6 +163,13 @@ object GenState::pass() {
         bool lists = PyList_CheckExact(func_names.ptr()) && PyList_CheckExact(feat_names.ptr());
         if (!lists) return b.build(Depth::of_ll(depth_ll));
         FastTables fast{&b, func_cum_ok ? &func_cum : nullptr, feat_cum_ok ? &feat_cum : nullptr};
+        std::optional<CollectorPause> pause;
+        if (hooks::is_own(hooks::weighted_choice)) {
+            if (PyObject* fn = rnd::own_random()) {
+                pause.emplace();
+                fast.quiet = fn;
+            }
+        }
         PyObject* graph = fast.build(depth_ll);
         if (!graph) throw_py();
         return steal(graph);
