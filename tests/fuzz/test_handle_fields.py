@@ -140,8 +140,10 @@ def test_stop_abort_and_finaliser(fields, join_timeout):
 
 
 class FakeConn:
-    def __init__(self, rows, dialect):
-        self.rows, self.dialect, self.statements = rows, dialect, []
+    """A store connection whose answers (rows, rowcount) are whatever was drawn."""
+
+    def __init__(self, rows, dialect, rowcount=1):
+        self.rows, self.dialect, self.statements, self.rowcount = rows, dialect, [], rowcount
 
     def execute(self, sql, params=()):
         self.statements.append(sql)
@@ -150,21 +152,37 @@ class FakeConn:
     def fetchall(self):
         return self.rows
 
+    def fetchone(self):
+        return self.rows[0] if isinstance(self.rows, list) and self.rows else self.rows
+
     def commit(self):
         pass
 
 
-@given(rows=hs.one_of(hostile(), hs.lists(hs.one_of(hostile(), hs.tuples(hostile(), hostile())), max_size=3)),
+ROW = hs.one_of(hostile(), hs.tuples(*[hs.one_of(numbers(), texts(), hostile())] * 9))
+
+
+@given(rows=hs.one_of(hostile(), hs.lists(hs.one_of(hostile(), hs.tuples(hostile(), hostile()), ROW), max_size=3)),
        dialect=hs.one_of(hs.just("postgres"), hostile()), table=hs.one_of(texts(), hostile()),
-       fields=fields_from(["_tracker_write_lock", "_tracker_uses_persistent_store",
-                           "_submission_claim_columns_ready", "_errors", "_lock"]))
-def test_claim_helpers(rows, dialect, table, fields):
+       rowcount=hs.one_of(hs.just(1), hostile()), payload=hs.one_of(hostile(), hs.dictionaries(texts(), hostile())),
+       fields=fields_from(["_tracker_write_lock", "_tracker_uses_persistent_store", "_submission_owner",
+                           "_submission_claim_columns_ready", "_retry_claim_columns_ready", "_errors", "_lock",
+                           "_finished_queue_ids", "_retry_queue", "_pending_receipts_by_queue_id",
+                           "_submission_queue"]))
+def test_claim_helpers(rows, dialect, table, rowcount, payload, fields):
     tracker = type("T", (), {})()
-    tracker._conn = FakeConn(rows, dialect)
+    tracker._conn = FakeConn(rows, dialect, rowcount)
     h = bare_handle(**{"_tracker_uses_persistent_store": True, **fields, "_tracker": tracker})
     settle(lambda: h._persistent_table_columns(table))
     settle(h._ensure_submission_claim_columns)
     settle(h._ensure_retry_claim_columns)
+    settle(h._peek_submission_payload)
+    settle(h._peek_retry_payload)
+    settle(lambda: h._payload_from_tracker_item(payload))
+    settle(lambda: h._source_sql_predicates(payload, table, rowcount, require_owner=payload))
+    settle(lambda: h._delete_claimed_submission_source(payload))
+    settle(lambda: h._delete_submission_queue_item(rowcount))
+    settle(h._has_in_memory_submission_work)
 
 
 @given(message=texts(), data_dir=hs.one_of(texts(), hostile()))

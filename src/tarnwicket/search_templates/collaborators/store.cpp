@@ -21,6 +21,29 @@ std::string text(Stmt s, Dialect, Table t) {
     // not branches on the dialect here.
     const std::string table = table_name(t);
     switch (s) {
+        case Stmt::begin_immediate: return "BEGIN IMMEDIATE";
+        case Stmt::commit: return "COMMIT";
+        case Stmt::rollback: return "ROLLBACK";
+        case Stmt::select_claimable_queue:
+            return "SELECT queue_id, eval_id, eval_type, payload_json, era_id, priority, created_at FROM submission_queue "
+                   "WHERE in_flight_owner IS NULL OR in_flight_owner = ? OR in_flight_at IS NULL OR in_flight_at < ? "
+                   "ORDER BY priority DESC, queue_id ASC LIMIT 1";
+        case Stmt::claim_queue_row:
+            return "UPDATE submission_queue SET in_flight_owner=?, in_flight_at=? WHERE queue_id=? AND (in_flight_owner "
+                   "IS NULL OR in_flight_owner=? OR in_flight_at IS NULL OR in_flight_at < ?)";
+        case Stmt::select_claimable_retry:
+            return "SELECT retry_id, eval_id, eval_type, payload_json, era_id, retry_count, last_rejection_reason, "
+                   "retry_after, created_at FROM submission_retry WHERE retry_count < 5 AND (retry_after IS NULL OR "
+                   "retry_after <= ?) AND (in_flight_owner IS NULL OR in_flight_owner = ? OR in_flight_at IS NULL OR "
+                   "in_flight_at < ?) ORDER BY created_at ASC LIMIT 1";
+        case Stmt::claim_retry_row:
+            return "UPDATE submission_retry SET in_flight_owner=?, in_flight_at=? WHERE retry_id=? AND (in_flight_owner "
+                   "IS NULL OR in_flight_owner=? OR in_flight_at IS NULL OR in_flight_at < ?)";
+        case Stmt::delete_claimed_retry: return "DELETE FROM submission_retry WHERE retry_id=? AND in_flight_owner=?";
+        case Stmt::delete_queue_item:
+            return "DELETE FROM submission_queue WHERE queue_id=? AND (in_flight_owner IS NULL OR in_flight_owner=?)";
+        case Stmt::delete_retry_item:
+            return "DELETE FROM submission_retry WHERE retry_id=? AND (in_flight_owner IS NULL OR in_flight_owner=?)";
         case Stmt::add_in_flight_owner: return "ALTER TABLE " + table + " ADD COLUMN in_flight_owner TEXT";
         case Stmt::add_in_flight_at: return "ALTER TABLE " + table + " ADD COLUMN in_flight_at REAL";
         case Stmt::delete_owned_payloads: return "DELETE FROM " + table + " WHERE payload_json LIKE ?";
@@ -49,6 +72,14 @@ object execute(handle conn, Stmt s, std::initializer_list<handle> params) {
 
 object execute(handle conn, Stmt s, Table t, std::initializer_list<handle> params) {
     return run(conn, text(s, dialect_of(conn), t), params);
+}
+
+object delete_matching(handle conn, Table t, handle where, handle params, handle owner) {
+    object sql = ftext({str_of(std::string("DELETE FROM ") + table_name(t) + " WHERE "), where,
+                        str_of(" AND (in_flight_owner IS NULL OR in_flight_owner=?)")});
+    object all = list_from(params);
+    list_append(all, owner);
+    return call_method(conn, ID("execute"), {sql, steal(PyList_AsTuple(all.ptr()))});
 }
 
 object table_columns(handle conn, handle table) {

@@ -17,9 +17,21 @@ enum class Table { submission_queue, submission_retry };
 const char* table_name(Table t);
 
 enum class Stmt {
+    // transaction words, sent as plain statements
+    begin_immediate,
+    commit,
+    rollback,
     // claim columns of the queue and retry tables
     add_in_flight_owner,          // table
     add_in_flight_at,             // table
+    // leased claims: a row is claimable when free, ours, or its lease expired
+    select_claimable_queue,       // (owner, expired_before) -> one queue row
+    claim_queue_row,              // (owner, now, queue_id, owner, expired_before)
+    select_claimable_retry,       // (now, owner, expired_before) -> one due retry row
+    claim_retry_row,              // (owner, now, retry_id, owner, expired_before)
+    delete_claimed_retry,         // (retry_id, owner): only while we hold the claim
+    delete_queue_item,            // (queue_id, owner): free or ours
+    delete_retry_item,            // (retry_id, owner): free or ours
     // rows of a search stopped for its replacement
     delete_owned_payloads,        // table; (payload pattern)
     delete_owned_payloads_or_claims,  // table; (payload pattern, owner)
@@ -37,6 +49,11 @@ std::string text(Stmt s, Dialect d, Table t = Table::submission_queue);
 // conn.execute(text, params); returns the cursor.
 object execute(handle conn, Stmt s, std::initializer_list<handle> params = {});
 object execute(handle conn, Stmt s, Table t, std::initializer_list<handle> params = {});
+
+// "DELETE FROM <table> WHERE <where> AND (in_flight_owner IS NULL OR
+// in_flight_owner=?)" with `params` and then `owner`: a row proven by the
+// predicates of its source that is free or ours.
+object delete_matching(handle conn, Table t, handle where, handle params, handle owner);
 
 // The names of a table's columns, as a set.
 object table_columns(handle conn, handle table);

@@ -1,21 +1,139 @@
-// Schema migration of the claim columns that the handle adds to the store's
-// queue and retry tables.
+// Leased claims on the store's queue and retry tables: the claim-column
+// migration, the claim of one row, the proof of a row's identity in later
+// writes, the deletes, and the test for work held in memory.
+//
+// A claim writes the owner and the time into the row; a row is claimable when
+// it is free, ours, or its lease (SUBMISSION_QUEUE_LEASE_SECONDS) has run out.
+// Every statement runs under `_tracker_write_lock` on the tracker's `_conn`.
 #include "handle/handle.hpp"
 
 #include "collaborators/store.hpp"
+#include "submission/payload.hpp"
 
 namespace tw::hnd {
 
+namespace {
+
+const LateFn k_load("_load_submission_payload");
+const LateFn k_require_typed_keys("_require_payload_typed_keys");
+
+object conn_of(handle self) { return get_attr(field(self, ID("_tracker")), ID("_conn")); }
+object write_lock_of(handle self) { return field(self, ID("_tracker_write_lock")); }
+bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
+
+void record_failure(handle self, const char* operation, handle exc, bool backoff) {
+    call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of(operation), exc},
+                   {{ID("backoff"), bool_of(backoff)}});
+}
+
+bool rowcount_is_one(handle cursor) {
+    object n = get_attr(cursor, ID("rowcount"));
+    return check_int(PyObject_RichCompareBool(n.ptr(), int_of(1).ptr(), Py_EQ)) == 1;
+}
+
+object row_at(handle row, long i) { return getitem(row, int_of(i)); }
+
+// ROLLBACK after a failed claim; a failure of the store driver itself is
+// logged and passed over, any other propagates.
+void rollback_after(handle self, const char* message) {
+    with_lock(write_lock_of(self), [&] {
+        object conn = conn_of(self);
+        try {
+            store::execute(conn, store::Stmt::rollback);
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e) || !matches(e, import_attr("sqlite3", ID("Error")))) throw;
+            log_warning(message, {exc_value(e)});
+        }
+    });
+}
+
+// The claim of one row of `table`: BEGIN IMMEDIATE, select, owner-proving
+// update, COMMIT. The row, or None when there is nothing to claim now.
+struct ClaimSql {
+    store::Table table;
+    store::Stmt select, update;
+    const char* lost_operation;  // recorded when another owner won the row
+    const char* lost_text;
+    const char* failed_operation;
+    const char* rollback_message;
+};
+
+object claim_row(handle self, const ClaimSql& q) {
+    object now = float_of(wall_time());
+    object expired_before = steal(PyNumber_Subtract(now.ptr(), global(ID("SUBMISSION_QUEUE_LEASE_SECONDS")).ptr()));
+    object owner = field(self, ID("_submission_owner"));
+    object row = none();
+    try {
+        with_lock(write_lock_of(self), [&] {
+            object conn = conn_of(self);
+            store::execute(conn, store::Stmt::begin_immediate);
+            object cur = q.table == store::Table::submission_queue
+                             ? store::execute(conn, q.select, {owner, expired_before})
+                             : store::execute(conn, q.select, {now, owner, expired_before});
+            object found = call_method(cur, ID("fetchone"));
+            if (is_none(found)) {
+                store::execute(conn, store::Stmt::commit);
+                call_method(self, ID("_reset_background_failures"), {str_of("submission")});
+                return;
+            }
+            object claimed = store::execute(conn, q.update, {owner, now, row_at(found, 0), owner, expired_before});
+            if (!rowcount_is_one(claimed)) {
+                store::execute(conn, store::Stmt::rollback);
+                record_failure(self, q.lost_operation, call(handle(PyExc_RuntimeError), {str_of(q.lost_text)}), true);
+                return;
+            }
+            store::execute(conn, store::Stmt::commit);
+            row = found;
+        });
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        rollback_after(self, q.rollback_message);
+        record_failure(self, q.failed_operation, exc_value(e), true);
+        return none();
+    }
+    return row;
+}
+
+template <class Run>
+object delete_source(handle self, handle id, const char* failure_name, Run run) {
+    if (is_none(id) || !persistent(self)) return bool_of(true);
+    try {
+        return with_lock(write_lock_of(self), [&] {
+            object conn = conn_of(self);
+            object cur = run(conn, field(self, ID("_submission_owner")));
+            call_method(conn, ID("commit"));
+            return bool_of(rowcount_is_one(cur));
+        });
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        record_failure(self, failure_name, exc_value(e), true);
+        return bool_of(false);
+    }
+}
+
+// `id_key`: where the payload keeps the row's id; `id_name`: the table's id column.
+object delete_payload(handle self, handle payload, const char* id_key, const char* id_name, store::Table table,
+                      const char* failure_name) {
+    object id = mapping_get(payload, str_of(id_key), Py_None);
+    return delete_source(self, id, failure_name, [&](handle conn, handle owner) {
+        object pred = call_method(self, ID("_source_sql_predicates"), {payload, str_of(id_name), id});
+        return store::delete_matching(conn, table, getitem(pred, int_of(0)), getitem(pred, int_of(1)), owner);
+    });
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- schema
+
 object persistent_table_columns(handle self, handle table_name) {
-    return store::table_columns(get_attr(field(self, ID("_tracker")), ID("_conn")), table_name);
+    return store::table_columns(conn_of(self), table_name);
 }
 
 static object ensure_claim_columns(handle self, handle ready_field, store::Table table, const char* failure_name) {
-    if (field_true(self, ready_field) || !field_true(self, ID("_tracker_uses_persistent_store")))
-        return bool_of(true);
+    if (field_true(self, ready_field) || !persistent(self)) return bool_of(true);
     try {
-        with_lock(field(self, ID("_tracker_write_lock")), [&] {
-            object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
+        with_lock(write_lock_of(self), [&] {
+            object conn = conn_of(self);
             object cols = call_method(self, ID("_persistent_table_columns"), {str_of(store::table_name(table))});
             if (!contains(cols, ID("in_flight_owner"))) store::execute(conn, store::Stmt::add_in_flight_owner, table);
             if (!contains(cols, ID("in_flight_at"))) store::execute(conn, store::Stmt::add_in_flight_at, table);
@@ -24,8 +142,7 @@ static object ensure_claim_columns(handle self, handle ready_field, store::Table
         });
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
-        call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of(failure_name), exc_value(e)},
-                       {{ID("backoff"), handle(Py_True)}});
+        record_failure(self, failure_name, exc_value(e), true);
         return bool_of(false);
     }
     return bool_of(true);
@@ -39,6 +156,165 @@ object ensure_submission_claim_columns(handle self) {
 object ensure_retry_claim_columns(handle self) {
     return ensure_claim_columns(self, ID("_retry_claim_columns_ready"), store::Table::submission_retry,
                                 "submission_retry_claim_schema");
+}
+
+// ---------------------------------------------------------------- claims
+
+object peek_submission_payload(handle self) {
+    if (!truthy(call_method(self, ID("_ensure_submission_claim_columns")))) return none();
+    object row = claim_row(self, {store::Table::submission_queue, store::Stmt::select_claimable_queue,
+                                  store::Stmt::claim_queue_row, "claim_submission_queue",
+                                  "submission_queue claim lost", "dequeue_submission",
+                                  "ROLLBACK failed during dequeue_submission: %s"});
+    if (is_none(row)) return none();
+    object queue_id = row_at(row, 0);
+    object payload_json = row_at(row, 3);
+
+    // A row whose receipt was recorded already is never sent again: it is
+    // deleted, or left claimed while its delete fails.
+    bool finished = with_lock(lock_of(self), [&] { return contains(field(self, ID("_finished_queue_ids")), queue_id); });
+    if (finished) {
+        if (!truthy(call_method(self, ID("_delete_submission_queue_item"), {queue_id}))) return none();
+        with_lock(lock_of(self), [&] { call_method(field(self, ID("_finished_queue_ids")), ID("discard"), {queue_id}); });
+        return new_dict();
+    }
+
+    object payload;
+    try {
+        payload = k_load.run<payload::load>(payload_json);
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        record_failure(self, "payload_json decode", exc_value(e), false);
+        call_method(self, ID("_delete_submission_queue_item"), {queue_id});
+        return new_dict();
+    }
+    // Outside every try: a row without its keys stays claimed and goes up to the loop.
+    k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("submission_queue"), queue_id);
+    setitem(payload, ID("_queue_id"), queue_id);
+    setitem(payload, ID("_source_created_at"), row_at(row, 6));
+    setitem(payload, ID("_source_payload_json"), payload_json);
+    return payload;
+}
+
+object peek_retry_payload(handle self) {
+    if (!truthy(call_method(self, ID("_ensure_retry_claim_columns")))) return none();
+    object row = claim_row(self, {store::Table::submission_retry, store::Stmt::select_claimable_retry,
+                                  store::Stmt::claim_retry_row, "claim_submission_retry",
+                                  "submission_retry claim lost", "dequeue_retryable",
+                                  "ROLLBACK failed during dequeue_retryable: %s"});
+    if (is_none(row)) return none();
+    object retry_id = row_at(row, 0);
+    object payload_json = row_at(row, 3);
+
+    object payload;
+    try {
+        payload = k_load.run<payload::load>(payload_json);
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        record_failure(self, "payload_json decode", exc_value(e), false);
+        // No try of its own: a store failure here goes up to the loop.
+        with_lock(write_lock_of(self), [&] {
+            object conn = conn_of(self);
+            store::execute(conn, store::Stmt::delete_claimed_retry, {retry_id, field(self, ID("_submission_owner"))});
+            call_method(conn, ID("commit"));
+        });
+        return new_dict();
+    }
+    k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("submission_retry"), retry_id);
+    // A stale queue id inside the stored text never travels with a retry.
+    if (contains(payload, ID("_queue_id"))) check_int(PyObject_DelItem(payload.ptr(), ID("_queue_id").ptr()));
+    setitem(payload, ID("retry_count"), row_at(row, 5));
+    setitem(payload, ID("retry_after"), row_at(row, 7));
+    setitem(payload, ID("retry_id"), retry_id);
+    setitem(payload, ID("_source_created_at"), row_at(row, 8));
+    setitem(payload, ID("_source_payload_json"), payload_json);
+    return payload;
+}
+
+object payload_from_tracker_item(handle self, handle item) {
+    object item_queue_id = get_attr_or_none(item, ID("queue_id"));
+    try {
+        object payload = k_load.run<payload::load>(get_attr_or_none(item, ID("payload_json")));
+        k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("tracker_item"), item_queue_id);
+        if (!contains(payload, ID("_queue_id")) && !is_none(item_queue_id))
+            setitem(payload, ID("_queue_id"), item_queue_id);
+        return payload;
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        record_failure(self, "payload_json decode", exc_value(e), false);
+        return none();
+    }
+}
+
+// ---------------------------------------------------------------- proof of a row, deletes
+
+object source_sql_predicates(handle self, handle payload, handle id_name, handle source_id, handle require_owner) {
+    bool queue = check_int(PyObject_RichCompareBool(id_name.ptr(), ID("queue_id").ptr(), Py_EQ)) == 1;
+    k_require_typed_keys.run<payload::require_typed_keys>(
+        payload, str_of(queue ? "submission_queue" : "submission_retry"), source_id);
+    object clauses = new_list(), params = new_list();
+    auto add = [&](handle clause, handle param) {
+        list_append(clauses, clause);
+        list_append(params, param);
+    };
+    add(ftext({id_name, str_of("=?")}), source_id);
+    add(str_of("eval_id=?"), getitem(payload, ID("eval_id")));
+    add(str_of("eval_type=?"), getitem(payload, ID("submission_type")));
+    add(str_of("era_id=?"), getitem(payload, ID("era_id")));
+    object created = mapping_get(payload, ID("_source_created_at"), Py_None);
+    if (!is_none(created)) add(str_of("created_at=?"), created);
+    object stored = mapping_get(payload, ID("_source_payload_json"), Py_None);
+    if (!is_none(stored)) add(str_of("payload_json=?"), stored);
+    if (truthy(require_owner)) add(str_of("in_flight_owner=?"), field(self, ID("_submission_owner")));
+    object where = steal(PyUnicode_Join(str_of(" AND ").ptr(), clauses.ptr()));
+    return tuple_of({where, params});
+}
+
+object delete_submission_queue_item(handle self, handle queue_id) {
+    return delete_source(self, queue_id, "delete_submission_queue", [&](handle conn, handle owner) {
+        return store::execute(conn, store::Stmt::delete_queue_item, {queue_id, owner});
+    });
+}
+
+object delete_submission_retry_item(handle self, handle retry_id) {
+    return delete_source(self, retry_id, "delete_submission_retry", [&](handle conn, handle owner) {
+        return store::execute(conn, store::Stmt::delete_retry_item, {retry_id, owner});
+    });
+}
+
+object delete_submission_queue_payload(handle self, handle payload) {
+    return delete_payload(self, payload, "_queue_id", "queue_id", store::Table::submission_queue,
+                          "delete_submission_queue");
+}
+
+object delete_submission_retry_payload(handle self, handle payload) {
+    return delete_payload(self, payload, "retry_id", "retry_id", store::Table::submission_retry,
+                          "delete_submission_retry");
+}
+
+object delete_claimed_submission_source(handle self, handle payload) {
+    if (!is_none(mapping_get(payload, ID("retry_id"), Py_None)))
+        return call_method(self, ID("_delete_submission_retry_payload"), {payload});
+    return call_method(self, ID("_delete_submission_queue_payload"), {payload});
+}
+
+// ---------------------------------------------------------------- work in memory
+
+bool has_in_memory_submission_work(handle self) {
+    try {
+        object size = call_method(field(self, ID("_submission_queue")), ID("qsize"));
+        if (check_int(PyObject_RichCompareBool(size.ptr(), int_of(0).ptr(), Py_GT)) == 1) return true;
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        object type_name = get_attr(handle(reinterpret_cast<PyObject*>(Py_TYPE(exc_value(e).ptr()))), ID("__name__"));
+        if (matches(e, PyExc_NotImplementedError))
+            log_debug("Submission queue size unavailable: %s", {type_name});
+        else
+            log_warning("Failed to inspect submission queue size: %s", {type_name});
+    }
+    return with_lock(lock_of(self), [&] {
+        return truthy(field(self, ID("_retry_queue"))) || truthy(field(self, ID("_pending_receipts_by_queue_id")));
+    });
 }
 
 }  // namespace tw::hnd

@@ -47,6 +47,16 @@ namespace tw::hnd {
 object ensure_retry_claim_columns(handle self);
 object ensure_submission_claim_columns(handle self);
 object persistent_table_columns(handle self, handle table_name);
+object peek_submission_payload(handle self);
+object peek_retry_payload(handle self);
+object payload_from_tracker_item(handle self, handle item);
+object source_sql_predicates(handle self, handle payload, handle id_name, handle source_id, handle require_owner);
+object delete_claimed_submission_source(handle self, handle payload);
+object delete_submission_queue_payload(handle self, handle payload);
+object delete_submission_retry_payload(handle self, handle payload);
+object delete_submission_queue_item(handle self, handle queue_id);
+object delete_submission_retry_item(handle self, handle retry_id);
+bool has_in_memory_submission_work(handle self);
 object do_per_era_init(handle self);
 object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir);
 object abort_event_handle(handle self);

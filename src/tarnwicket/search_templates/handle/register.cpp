@@ -8,6 +8,16 @@ void register_claims(handle cls) {
     def_method<persistent_table_columns>(cls, "_persistent_table_columns($self, table_name)");
     def_method<ensure_submission_claim_columns>(cls, "_ensure_submission_claim_columns($self)");
     def_method<ensure_retry_claim_columns>(cls, "_ensure_retry_claim_columns($self)");
+    def_method<peek_submission_payload>(cls, "_peek_submission_payload($self)");
+    def_method<peek_retry_payload>(cls, "_peek_retry_payload($self)");
+    def_method<payload_from_tracker_item>(cls, "_payload_from_tracker_item($self, item)");
+    def_method<source_sql_predicates>(cls, "_source_sql_predicates($self, payload, id_name, source_id, require_owner=False)");
+    def_method<delete_claimed_submission_source>(cls, "_delete_claimed_submission_source($self, payload)");
+    def_method<delete_submission_queue_payload>(cls, "_delete_submission_queue_payload($self, payload)");
+    def_method<delete_submission_retry_payload>(cls, "_delete_submission_retry_payload($self, payload)");
+    def_method<delete_submission_queue_item>(cls, "_delete_submission_queue_item($self, queue_id)");
+    def_method<delete_submission_retry_item>(cls, "_delete_submission_retry_item($self, retry_id)");
+    def_method<has_in_memory_submission_work>(cls, "_has_in_memory_submission_work($self)");
 }
 
 void register_construction(handle cls) {
