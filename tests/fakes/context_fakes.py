@@ -25,7 +25,7 @@ class MemoryTracker:
 
     def __init__(self, eval_id="eval-1", record_error=None, stats=None, with_stats=True, count=None):
         self.eval_id, self.record_error, self.stats, self.count = eval_id, record_error, stats, count
-        self.records, self.enqueued, self.lock_seen, self.active = [], [], [], []
+        self.records, self.enqueued, self.lock_seen, self.active, self.retries = [], [], [], [], []
         self.enqueue_error = self.lock = None
         if with_stats:
             self.get_search_stats = self._get_search_stats
@@ -56,6 +56,12 @@ class MemoryTracker:
         if self.enqueue_error is not None:
             raise self.enqueue_error
         self.enqueued.append(args)
+
+    def enqueue_retry(self, *args, **kwargs):
+        self.retries.append(("enqueue_retry", args, kwargs))
+
+    def increment_retry(self, *args, **kwargs):
+        self.retries.append(("increment_retry", args, kwargs))
 
 
 class PersistentTracker(MemoryTracker):

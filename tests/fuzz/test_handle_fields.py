@@ -168,7 +168,7 @@ ROW = hs.one_of(hostile(), hs.tuples(*[hs.one_of(numbers(), texts(), hostile())]
        fields=fields_from(["_tracker_write_lock", "_tracker_uses_persistent_store", "_submission_owner",
                            "_submission_claim_columns_ready", "_retry_claim_columns_ready", "_errors", "_lock",
                            "_finished_queue_ids", "_retry_queue", "_pending_receipts_by_queue_id",
-                           "_submission_queue"]))
+                           "_submission_queue", "_submission_wakeup", "_submission_discarded"]))
 def test_claim_helpers(rows, dialect, table, rowcount, payload, fields):
     tracker = type("T", (), {})()
     tracker._conn = FakeConn(rows, dialect, rowcount)
@@ -183,6 +183,12 @@ def test_claim_helpers(rows, dialect, table, rowcount, payload, fields):
     settle(lambda: h._delete_claimed_submission_source(payload))
     settle(lambda: h._delete_submission_queue_item(rowcount))
     settle(h._has_in_memory_submission_work)
+    settle(lambda: h._enqueue_retry_payload(payload, table, retry_after=rowcount))
+    settle(lambda: h._move_claimed_queue_to_retry(payload, table, table, rowcount))
+    settle(lambda: h._update_claimed_retry_payload(payload, table, table, rowcount, rowcount))
+    settle(lambda: h._defer_claimed_retry_payload(payload, rowcount, table))
+    settle(lambda: h._defer_claimed_queue_payload(payload))
+    settle(lambda: h._finalize_retry_exhausted_payload(payload, table))
 
 
 @given(message=texts(), data_dir=hs.one_of(texts(), hostile()))

@@ -1,6 +1,7 @@
 import pytest
 
 import tarnwicket.search_templates as st
+from tarnwicket.search_tracking import SearchTracker
 from fakes.runtime import FakeAuth, FakeBacktester, FakeObfuscation, MemoryTracker, era_config
 
 
@@ -36,3 +37,21 @@ def make_handle(seed_dir):
 @pytest.fixture(autouse=True)
 def _fresh_module_state(module_state_reset):
     yield
+
+
+@pytest.fixture
+def store(tmp_path):
+    """A real SQLite store."""
+    tracker = SearchTracker(str(tmp_path / "store"))
+    yield tracker
+    tracker.close()
+
+
+@pytest.fixture
+def h(make_handle, store):
+    """A handle on the real store whose background failures are collected in `h.failures`."""
+    handle = make_handle(tracker=store)
+    handle.failures = []
+    handle._record_background_failure = lambda component, operation, exc, backoff=True: \
+        handle.failures.append((component, operation, str(exc), backoff))
+    return handle

@@ -6,29 +6,13 @@ import time
 import pytest
 
 import tarnwicket.search_templates as st
-from tarnwicket.search_tracking import SearchTracker
+from fakes.collaborators import payload as make_payload
 
 LEASE = st.SUBMISSION_QUEUE_LEASE_SECONDS
 
 
 def payload(eval_id, **extra):
-    return {"eval_id": eval_id, "submission_type": "signal", "era_id": 3, "graph": {"type": "feature"}, **extra}
-
-
-@pytest.fixture
-def store(tmp_path):
-    tracker = SearchTracker(str(tmp_path / "store"))
-    yield tracker
-    tracker.close()
-
-
-@pytest.fixture
-def h(make_handle, store):
-    handle = make_handle(tracker=store)
-    handle.failures = []
-    handle._record_background_failure = lambda component, operation, exc, backoff=True: \
-        handle.failures.append((component, operation, str(exc), backoff))
-    return handle
+    return make_payload(eval_id, era_id=3, **extra)[0]
 
 
 def rows(store, table, columns="*"):

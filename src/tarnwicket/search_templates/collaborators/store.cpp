@@ -39,6 +39,21 @@ std::string text(Stmt s, Dialect, Table t) {
         case Stmt::claim_retry_row:
             return "UPDATE submission_retry SET in_flight_owner=?, in_flight_at=? WHERE retry_id=? AND (in_flight_owner "
                    "IS NULL OR in_flight_owner=? OR in_flight_at IS NULL OR in_flight_at < ?)";
+        case Stmt::insert_retry_from_queue:
+            return "INSERT INTO submission_retry (eval_id, eval_type, pool_id, payload_json, era_id, retry_count, "
+                   "last_rejection_reason, retry_after, created_at) VALUES (?, ?, ?, ?, ?, 0, ?, ?, ?)";
+        case Stmt::open_submission_of_eval:
+            return "SELECT submission_id FROM submission_status WHERE eval_id=? AND eval_type=? AND era_id=? AND "
+                   "finalized_at IS NULL ORDER BY submitted_at DESC LIMIT 1";
+        case Stmt::delete_queue_where: return "DELETE FROM submission_queue WHERE ";
+        case Stmt::update_retry_after_rejection_where:
+            return "UPDATE submission_retry SET payload_json=?, retry_count=?, last_rejection_reason=?, retry_after=?, "
+                   "created_at=?, in_flight_owner=NULL, in_flight_at=NULL WHERE ";
+        case Stmt::defer_retry_where:
+            return "UPDATE submission_retry SET payload_json=?, last_rejection_reason=?, retry_after=?, "
+                   "in_flight_owner=NULL, in_flight_at=NULL WHERE ";
+        case Stmt::defer_queue_where:
+            return "UPDATE submission_queue SET priority=1, in_flight_owner=NULL, in_flight_at=NULL WHERE ";
         case Stmt::delete_claimed_retry: return "DELETE FROM submission_retry WHERE retry_id=? AND in_flight_owner=?";
         case Stmt::delete_queue_item:
             return "DELETE FROM submission_queue WHERE queue_id=? AND (in_flight_owner IS NULL OR in_flight_owner=?)";
@@ -72,6 +87,15 @@ object execute(handle conn, Stmt s, std::initializer_list<handle> params) {
 
 object execute(handle conn, Stmt s, Table t, std::initializer_list<handle> params) {
     return run(conn, text(s, dialect_of(conn), t), params);
+}
+
+object execute_where(handle conn, Stmt s, handle where, std::initializer_list<handle> head, handle where_params) {
+    object sql = ftext({str_of(text(s, dialect_of(conn))), where});
+    object all = new_list();
+    for (auto h : head) list_append(all, h);
+    object rest = list_from(where_params);
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rest.ptr()); ++i) list_append(all, PyList_GET_ITEM(rest.ptr(), i));
+    return call_method(conn, ID("execute"), {sql, steal(PyList_AsTuple(all.ptr()))});
 }
 
 object delete_matching(handle conn, Table t, handle where, handle params, handle owner) {

@@ -32,6 +32,14 @@ enum class Stmt {
     delete_claimed_retry,         // (retry_id, owner): only while we hold the claim
     delete_queue_item,            // (queue_id, owner): free or ours
     delete_retry_item,            // (retry_id, owner): free or ours
+    // retry scheduling
+    insert_retry_from_queue,      // (eval_id, type, pool_id, payload_json, era_id, reason, retry_after, created_at)
+    open_submission_of_eval,      // (eval_id, type, era_id) -> latest unfinalised submission_id
+    // statements that end in the predicates of a claimed row (execute_where)
+    delete_queue_where,           // where
+    update_retry_after_rejection_where,  // (payload_json, retry_count, reason, retry_after, created_at) + where
+    defer_retry_where,            // (payload_json, reason, retry_after) + where
+    defer_queue_where,            // where
     // rows of a search stopped for its replacement
     delete_owned_payloads,        // table; (payload pattern)
     delete_owned_payloads_or_claims,  // table; (payload pattern, owner)
@@ -49,6 +57,10 @@ std::string text(Stmt s, Dialect d, Table t = Table::submission_queue);
 // conn.execute(text, params); returns the cursor.
 object execute(handle conn, Stmt s, std::initializer_list<handle> params = {});
 object execute(handle conn, Stmt s, Table t, std::initializer_list<handle> params = {});
+
+// A statement of the *_where family followed by `where`, with `head` and then
+// the parameters of `where`.
+object execute_where(handle conn, Stmt s, handle where, std::initializer_list<handle> head, handle where_params);
 
 // "DELETE FROM <table> WHERE <where> AND (in_flight_owner IS NULL OR
 // in_flight_owner=?)" with `params` and then `owner`: a row proven by the

@@ -7,7 +7,6 @@
 // Every statement runs under `_tracker_write_lock` on the tracker's `_conn`.
 #include "handle/handle.hpp"
 
-#include "collaborators/store.hpp"
 #include "submission/payload.hpp"
 
 namespace tw::hnd {
@@ -17,8 +16,6 @@ namespace {
 const LateFn k_load("_load_submission_payload");
 const LateFn k_require_typed_keys("_require_payload_typed_keys");
 
-object conn_of(handle self) { return get_attr(field(self, ID("_tracker")), ID("_conn")); }
-object write_lock_of(handle self) { return field(self, ID("_tracker_write_lock")); }
 bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
 
 void record_failure(handle self, const char* operation, handle exc, bool backoff) {
@@ -32,20 +29,6 @@ bool rowcount_is_one(handle cursor) {
 }
 
 object row_at(handle row, long i) { return getitem(row, int_of(i)); }
-
-// ROLLBACK after a failed claim; a failure of the store driver itself is
-// logged and passed over, any other propagates.
-void rollback_after(handle self, const char* message) {
-    with_lock(write_lock_of(self), [&] {
-        object conn = conn_of(self);
-        try {
-            store::execute(conn, store::Stmt::rollback);
-        } catch (py::error_already_set& e) {
-            if (!ordinary(e) || !matches(e, import_attr("sqlite3", ID("Error")))) throw;
-            log_warning(message, {exc_value(e)});
-        }
-    });
-}
 
 // The claim of one row of `table`: BEGIN IMMEDIATE, select, owner-proving
 // update, COMMIT. The row, or None when there is nothing to claim now.
@@ -64,8 +47,8 @@ object claim_row(handle self, const ClaimSql& q) {
     object owner = field(self, ID("_submission_owner"));
     object row = none();
     try {
-        with_lock(write_lock_of(self), [&] {
-            object conn = conn_of(self);
+        with_lock(tracker_write_lock(self), [&] {
+            object conn = tracker_conn(self);
             store::execute(conn, store::Stmt::begin_immediate);
             object cur = q.table == store::Table::submission_queue
                              ? store::execute(conn, q.select, {owner, expired_before})
@@ -87,7 +70,7 @@ object claim_row(handle self, const ClaimSql& q) {
         });
     } catch (py::error_already_set& e) {
         if (!ordinary(e)) throw;
-        rollback_after(self, q.rollback_message);
+        rollback_quietly(self, q.rollback_message);
         record_failure(self, q.failed_operation, exc_value(e), true);
         return none();
     }
@@ -98,8 +81,8 @@ template <class Run>
 object delete_source(handle self, handle id, const char* failure_name, Run run) {
     if (is_none(id) || !persistent(self)) return bool_of(true);
     try {
-        return with_lock(write_lock_of(self), [&] {
-            object conn = conn_of(self);
+        return with_lock(tracker_write_lock(self), [&] {
+            object conn = tracker_conn(self);
             object cur = run(conn, field(self, ID("_submission_owner")));
             call_method(conn, ID("commit"));
             return bool_of(rowcount_is_one(cur));
@@ -126,14 +109,14 @@ object delete_payload(handle self, handle payload, const char* id_key, const cha
 // ---------------------------------------------------------------- schema
 
 object persistent_table_columns(handle self, handle table_name) {
-    return store::table_columns(conn_of(self), table_name);
+    return store::table_columns(tracker_conn(self), table_name);
 }
 
 static object ensure_claim_columns(handle self, handle ready_field, store::Table table, const char* failure_name) {
     if (field_true(self, ready_field) || !persistent(self)) return bool_of(true);
     try {
-        with_lock(write_lock_of(self), [&] {
-            object conn = conn_of(self);
+        with_lock(tracker_write_lock(self), [&] {
+            object conn = tracker_conn(self);
             object cols = call_method(self, ID("_persistent_table_columns"), {str_of(store::table_name(table))});
             if (!contains(cols, ID("in_flight_owner"))) store::execute(conn, store::Stmt::add_in_flight_owner, table);
             if (!contains(cols, ID("in_flight_at"))) store::execute(conn, store::Stmt::add_in_flight_at, table);
@@ -213,8 +196,8 @@ object peek_retry_payload(handle self) {
         if (!ordinary(e)) throw;
         record_failure(self, "payload_json decode", exc_value(e), false);
         // No try of its own: a store failure here goes up to the loop.
-        with_lock(write_lock_of(self), [&] {
-            object conn = conn_of(self);
+        with_lock(tracker_write_lock(self), [&] {
+            object conn = tracker_conn(self);
             store::execute(conn, store::Stmt::delete_claimed_retry, {retry_id, field(self, ID("_submission_owner"))});
             call_method(conn, ID("commit"));
         });

@@ -16,6 +16,18 @@ void add_int(handle self, handle name, long long delta) {
     set_field(self, name, steal(PyNumber_Add(cur.ptr(), d.ptr())));
 }
 
+void rollback_quietly(handle self, const char* message) {
+    with_lock(tracker_write_lock(self), [&] {
+        object conn = tracker_conn(self);
+        try {
+            store::execute(conn, store::Stmt::rollback);
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e) || !matches(e, import_attr("sqlite3", ID("Error")))) throw;
+            log_warning(message, {exc_value(e)});
+        }
+    });
+}
+
 bool wait_event(handle ev, double seconds) {
     object t = float_of(seconds);
     return truthy(call_method(ev, ID("wait"), {t}));

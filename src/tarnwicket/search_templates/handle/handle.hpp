@@ -1,6 +1,7 @@
 // Shared helpers of _SearchHandleImpl: field access, host locks and threads.
 #pragma once
 
+#include "collaborators/store.hpp"
 #include "core/module.hpp"
 
 namespace tw::hnd {
@@ -38,6 +39,40 @@ void add_int(handle self, handle name, long long delta);
 // Wait on the stop event for `seconds`, through the host's Event.wait.
 bool wait_event(handle ev, double seconds);
 
+// ---------------------------------------------------------------- the tracker's store
+
+inline object tracker_conn(handle self) { return get_attr(field(self, ID("_tracker")), ID("_conn")); }
+inline object tracker_write_lock(handle self) { return field(self, ID("_tracker_write_lock")); }
+
+// ROLLBACK on the tracker's connection under the write lock; a failure of the
+// store driver itself (sqlite3.Error) is logged at warning level with
+// `message` (one %s) and passed over, any other propagates.
+void rollback_quietly(handle self, const char* message);
+
+// Under the write lock: BEGIN IMMEDIATE, body(conn), COMMIT. On any failure,
+// ROLLBACK through rollback_quietly, and the failure goes on.
+template <class F>
+auto immediate_transaction(handle self, const char* rollback_message, F&& body) -> decltype(body(handle())) {
+    return with_lock(tracker_write_lock(self), [&] {
+        object conn = tracker_conn(self);
+        store::execute(conn, store::Stmt::begin_immediate);
+        try {
+            if constexpr (std::is_void_v<decltype(body(handle()))>) {
+                body(conn);
+                store::execute(conn, store::Stmt::commit);
+            } else {
+                auto r = body(conn);
+                store::execute(conn, store::Stmt::commit);
+                return r;
+            }
+        } catch (py::error_already_set& e) {
+            if (!ordinary(e)) throw;
+            rollback_quietly(self, rollback_message);
+            throw;
+        }
+    });
+}
+
 }  // namespace tw::hnd
 
 
@@ -57,6 +92,15 @@ object delete_submission_retry_payload(handle self, handle payload);
 object delete_submission_queue_item(handle self, handle queue_id);
 object delete_submission_retry_item(handle self, handle retry_id);
 bool has_in_memory_submission_work(handle self);
+object enqueue_retry_payload(handle self, handle payload, handle rejection_reason, handle retry_after);
+object move_claimed_queue_to_retry(handle self, handle payload, handle payload_json, handle rejection_reason,
+                                   handle retry_after);
+void update_claimed_retry_payload(handle self, handle payload, handle payload_json, handle rejection_reason,
+                                  handle retry_count, handle retry_after);
+void defer_claimed_retry_payload(handle self, handle payload, handle retry_after, handle rejection_reason);
+void defer_claimed_queue_payload(handle self, handle payload);
+object retry_exhausted_submission_id(handle self, handle payload);
+bool finalize_retry_exhausted_payload(handle self, handle payload, handle rejection_reason);
 object do_per_era_init(handle self);
 object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir);
 object abort_event_handle(handle self);

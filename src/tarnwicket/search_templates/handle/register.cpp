@@ -20,6 +20,18 @@ void register_claims(handle cls) {
     def_method<has_in_memory_submission_work>(cls, "_has_in_memory_submission_work($self)");
 }
 
+void register_retries(handle cls) {
+    def_method<enqueue_retry_payload>(cls, "_enqueue_retry_payload($self, payload, rejection_reason, retry_after=None)");
+    def_method<move_claimed_queue_to_retry>(
+        cls, "_move_claimed_queue_to_retry($self, payload, payload_json, rejection_reason, retry_after)");
+    def_method<update_claimed_retry_payload>(
+        cls, "_update_claimed_retry_payload($self, payload, payload_json, rejection_reason, retry_count, retry_after)");
+    def_method<defer_claimed_retry_payload>(cls, "_defer_claimed_retry_payload($self, payload, retry_after, rejection_reason)");
+    def_method<defer_claimed_queue_payload>(cls, "_defer_claimed_queue_payload($self, payload)");
+    def_method<retry_exhausted_submission_id>(cls, "_retry_exhausted_submission_id($self, payload)");
+    def_method<finalize_retry_exhausted_payload>(cls, "_finalize_retry_exhausted_payload($self, payload, rejection_reason)");
+}
+
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
                             "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
@@ -86,6 +98,7 @@ void register_handle(handle m) {
     hnd::register_shutdown(cls);
     hnd::register_status(cls);
     hnd::register_claims(cls);
+    hnd::register_retries(cls);
     set_global("_SearchHandleImpl", cls);
     set_global("SearchHandle", cls);
 }
