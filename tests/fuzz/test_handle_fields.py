@@ -225,3 +225,23 @@ def test_worker_loop_with_stop_set(n_jobs, count, worker_id):
     del h._worker_loop  # the real loop, which returns at once on the set event
     settle(lambda: h._worker_loop(worker_id))
     settle(lambda: h._worker_loop_inner(worker_id))
+
+
+@given(outcome=hs.sampled_from([ConnectionError("down"), ValueError("bad"), None]), status=hostile(),
+       details=hostile(), payload=hs.one_of(hostile(), hs.dictionaries(texts(), hostile())),
+       fields=fields_from(["_tracker_write_lock", "_tracker_uses_persistent_store", "_submission_backoff_seconds",
+                           "_submission_queue", "_submission_wakeup", "_finished_queue_ids", "_lock", "_errors",
+                           "_submission_start_lock", "_tracker"]))
+def test_submit_payload(outcome, status, details, payload, fields):
+    from tarnwicket.submit import SubmissionRejectedError
+
+    def send(p):
+        raise outcome if outcome is not None else SubmissionRejectedError(status, details, details)
+
+    with pytest.MonkeyPatch.context() as mp:
+        mp.setattr(st, "_submit_signal_payload", send)
+        mp.setattr(st, "_submission_backoff_sleep", lambda seconds: None)
+        h = bare_handle(**fields)
+        settle(lambda: h._submit_payload(payload))
+        settle(lambda: h._ensure_submission_idempotency_key(payload))
+        settle(lambda: h._drop_replacement_aborted_payload(payload, details))

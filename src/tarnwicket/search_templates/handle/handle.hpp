@@ -101,6 +101,10 @@ void defer_claimed_retry_payload(handle self, handle payload, handle retry_after
 void defer_claimed_queue_payload(handle self, handle payload);
 object retry_exhausted_submission_id(handle self, handle payload);
 bool finalize_retry_exhausted_payload(handle self, handle payload, handle rejection_reason);
+object submit_payload(handle self, handle payload);
+object ensure_submission_idempotency_key(handle self, handle payload);
+void record_submission_attempt_started(handle self, handle payload);
+void drop_replacement_aborted_payload(handle self, handle payload, handle journal_key);
 object do_per_era_init(handle self);
 object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir);
 object abort_event_handle(handle self);

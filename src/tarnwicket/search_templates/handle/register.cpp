@@ -32,6 +32,13 @@ void register_retries(handle cls) {
     def_method<finalize_retry_exhausted_payload>(cls, "_finalize_retry_exhausted_payload($self, payload, rejection_reason)");
 }
 
+void register_attempt(handle cls) {
+    def_method<submit_payload>(cls, "_submit_payload($self, payload)");
+    def_method<ensure_submission_idempotency_key>(cls, "_ensure_submission_idempotency_key($self, payload)");
+    def_method<record_submission_attempt_started>(cls, "_record_submission_attempt_started($self, payload)");
+    def_method<drop_replacement_aborted_payload>(cls, "_drop_replacement_aborted_payload($self, payload, journal_key=None)");
+}
+
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
                             "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
@@ -99,6 +106,7 @@ void register_handle(handle m) {
     hnd::register_status(cls);
     hnd::register_claims(cls);
     hnd::register_retries(cls);
+    hnd::register_attempt(cls);
     set_global("_SearchHandleImpl", cls);
     set_global("SearchHandle", cls);
 }
