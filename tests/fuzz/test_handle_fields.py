@@ -245,3 +245,14 @@ def test_submit_payload(outcome, status, details, payload, fields):
         settle(lambda: h._submit_payload(payload))
         settle(lambda: h._ensure_submission_idempotency_key(payload))
         settle(lambda: h._drop_replacement_aborted_payload(payload, details))
+
+
+@given(payload=hs.one_of(hostile(), hs.dictionaries(texts(), hostile())), receipt=hostile(), rows=hostile(),
+       fields=fields_from(["_tracker_write_lock", "_tracker_uses_persistent_store", "_submission_owner", "_lock",
+                           "_pending_submissions", "_total_found", "_submission_backoff_seconds"]))
+def test_receipt_recording(payload, receipt, rows, fields):
+    tracker = type("T", (), {})()
+    tracker._conn = FakeConn(rows, "sqlite", rows)
+    h = bare_handle(**{"_tracker_uses_persistent_store": True, **fields, "_tracker": tracker})
+    settle(lambda: h._record_submission_and_delete_queue(payload, receipt))
+    settle(lambda: h._finalize_persisted_receipt(payload, receipt))

@@ -45,6 +45,12 @@ std::string text(Stmt s, Dialect, Table t) {
         case Stmt::open_submission_of_eval:
             return "SELECT submission_id FROM submission_status WHERE eval_id=? AND eval_type=? AND era_id=? AND "
                    "finalized_at IS NULL ORDER BY submitted_at DESC LIMIT 1";
+        case Stmt::insert_pending_status:
+            return "INSERT INTO submission_status (eval_id, eval_type, pool_id, signal_pool_id, submission_id, sim_id, "
+                   "era_id, status, submitted_at) VALUES (?, ?, ?, ?, ?, ?, ?, 'pending', ?)";
+        case Stmt::mark_signal_submitted: return "UPDATE signal_evaluations SET submitted=1 WHERE eval_id=?";
+        case Stmt::mark_strategy_submitted: return "UPDATE strategy_evaluations SET submitted=1 WHERE eval_id=?";
+        case Stmt::delete_claimed_queue: return "DELETE FROM submission_queue WHERE queue_id=? AND in_flight_owner=?";
         case Stmt::delete_queue_where: return "DELETE FROM submission_queue WHERE ";
         case Stmt::update_retry_after_rejection_where:
             return "UPDATE submission_retry SET payload_json=?, retry_count=?, last_rejection_reason=?, retry_after=?, "
@@ -104,6 +110,24 @@ object delete_matching(handle conn, Table t, handle where, handle params, handle
     object all = list_from(params);
     list_append(all, owner);
     return call_method(conn, ID("execute"), {sql, steal(PyList_AsTuple(all.ptr()))});
+}
+
+object delete_by_identity(handle conn, Table t, handle id, handle eval_id, handle eval_type, handle era_id,
+                          handle created_at, handle payload_json) {
+    std::string sql = std::string("DELETE FROM ") + table_name(t) + " WHERE " +
+                      (t == Table::submission_queue ? "queue_id" : "retry_id") +
+                      "=? AND eval_id=? AND eval_type=? AND era_id=?";
+    object params = new_list();
+    for (handle h : {id, eval_id, eval_type, era_id}) list_append(params, h);
+    if (!is_none(created_at)) {
+        sql += " AND created_at=?";
+        list_append(params, created_at);
+    }
+    if (!is_none(payload_json)) {
+        sql += " AND payload_json=?";
+        list_append(params, payload_json);
+    }
+    return call_method(conn, ID("execute"), {str_of(sql), steal(PyList_AsTuple(params.ptr()))});
 }
 
 object table_columns(handle conn, handle table) {

@@ -35,6 +35,11 @@ enum class Stmt {
     // retry scheduling
     insert_retry_from_queue,      // (eval_id, type, pool_id, payload_json, era_id, reason, retry_after, created_at)
     open_submission_of_eval,      // (eval_id, type, era_id) -> latest unfinalised submission_id
+    // recording a receipt
+    insert_pending_status,        // (eval_id, type, pool_id, signal_pool_id, submission_id, sim_id, era_id, submitted_at)
+    mark_signal_submitted,        // (eval_id)
+    mark_strategy_submitted,      // (eval_id)
+    delete_claimed_queue,         // (queue_id, owner): only while we hold the claim
     // statements that end in the predicates of a claimed row (execute_where)
     delete_queue_where,           // where
     update_retry_after_rejection_where,  // (payload_json, retry_count, reason, retry_after, created_at) + where
@@ -66,6 +71,13 @@ object execute_where(handle conn, Stmt s, handle where, std::initializer_list<ha
 // in_flight_owner=?)" with `params` and then `owner`: a row proven by the
 // predicates of its source that is free or ours.
 object delete_matching(handle conn, Table t, handle where, handle params, handle owner);
+
+// The source row of a receipt replayed from the journal, proven by its
+// identity instead of a claim: "DELETE FROM <table> WHERE <id>=? AND eval_id=?
+// AND eval_type=? AND era_id=?", then " AND created_at=?" and
+// " AND payload_json=?" for each of the two that is not None.
+object delete_by_identity(handle conn, Table t, handle id, handle eval_id, handle eval_type, handle era_id,
+                          handle created_at, handle payload_json);
 
 // The names of a table's columns, as a set.
 object table_columns(handle conn, handle table);

@@ -195,13 +195,7 @@ void record_submission_attempt_started(handle self, handle payload) {
     object key = call_method(self, ID("_ensure_submission_idempotency_key"), {payload});
     if (!persistent(self)) return;
     object submission_type = getitem(payload, ID("submission_type"));
-    object pool_id = none();
-    if (check_int(PyObject_RichCompareBool(submission_type.ptr(), ID("strategy").ptr(), Py_EQ)) == 1)
-        pool_id = get(payload, "strategy_pool_id");
-    if (is_none(pool_id)) {
-        object plain = get(payload, "pool_id");
-        pool_id = truthy(plain) ? plain : get(payload, "signal_pool_id");
-    }
+    object pool_id = payload::recorded_pool_id(payload);
     object payload_json = storage_json(payload);  // holds the key just set
     with_lock(tracker_write_lock(self), [&] {
         call_method_kw(field(self, ID("_tracker")), ID("record_submission_attempt_started"),

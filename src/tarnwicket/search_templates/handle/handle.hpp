@@ -105,6 +105,8 @@ object submit_payload(handle self, handle payload);
 object ensure_submission_idempotency_key(handle self, handle payload);
 void record_submission_attempt_started(handle self, handle payload);
 void drop_replacement_aborted_payload(handle self, handle payload, handle journal_key);
+void record_submission_and_delete_queue(handle self, handle payload, handle receipt);
+void finalize_persisted_receipt(handle self, handle payload, handle submission_id);
 object do_per_era_init(handle self);
 object handle_init(handle self, handle template_, handle n_jobs, handle tracker, handle sync_mgr, handle bt, handle obf, handle era_cfg, handle auth_mock, handle data_dir);
 object abort_event_handle(handle self);

@@ -39,6 +39,11 @@ void register_attempt(handle cls) {
     def_method<drop_replacement_aborted_payload>(cls, "_drop_replacement_aborted_payload($self, payload, journal_key=None)");
 }
 
+void register_receipts(handle cls) {
+    def_method<record_submission_and_delete_queue>(cls, "_record_submission_and_delete_queue($self, payload, receipt)");
+    def_method<finalize_persisted_receipt>(cls, "_finalize_persisted_receipt($self, payload, submission_id)");
+}
+
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
                             "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
@@ -107,6 +112,7 @@ void register_handle(handle m) {
     hnd::register_claims(cls);
     hnd::register_retries(cls);
     hnd::register_attempt(cls);
+    hnd::register_receipts(cls);
     set_global("_SearchHandleImpl", cls);
     set_global("SearchHandle", cls);
 }

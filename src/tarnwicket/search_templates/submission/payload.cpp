@@ -181,5 +181,16 @@ object f_for_storage(handle payload) {
     return for_storage(payload);
 }
 
-}  // namespace tw::payload
+object recorded_pool_id(handle payload) {
+    object type = getitem(payload, ID("submission_type"));
+    object pool_id = none();
+    if (check_int(PyObject_RichCompareBool(type.ptr(), ID("strategy").ptr(), Py_EQ)) == 1)
+        pool_id = mapping_get(payload, ID("strategy_pool_id"), Py_None);
+    if (is_none(pool_id)) {
+        object plain = mapping_get(payload, ID("pool_id"), Py_None);
+        pool_id = truthy(plain) ? plain : mapping_get(payload, ID("signal_pool_id"), Py_None);
+    }
+    return pool_id;
+}
 
+}  // namespace tw::payload

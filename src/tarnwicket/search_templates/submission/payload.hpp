@@ -19,6 +19,9 @@ object submit_kwargs(handle payload, handle allowed);
 // Through the module namespace, obeying a replaced `_submit_kwargs_from_payload`.
 object call_submit_kwargs(handle payload, handle allowed);
 void backoff_sleep(handle seconds);
+// The pool a payload is recorded under: `strategy_pool_id` for a strategy,
+// else `pool_id` when truthy, else `signal_pool_id`.
+object recorded_pool_id(handle payload);
 
 }  // namespace tw::payload
 
