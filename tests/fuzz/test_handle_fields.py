@@ -256,3 +256,10 @@ def test_receipt_recording(payload, receipt, rows, fields):
     h = bare_handle(**{"_tracker_uses_persistent_store": True, **fields, "_tracker": tracker})
     settle(lambda: h._record_submission_and_delete_queue(payload, receipt))
     settle(lambda: h._finalize_persisted_receipt(payload, receipt))
+    with tempfile.TemporaryDirectory() as data_dir:
+        h._data_dir = data_dir
+        settle(lambda: h._append_receipt_journal(payload, receipt))
+        settle(lambda: h._receipt_journal_file_path(payload))
+        settle(h._replay_receipt_journal)
+        settle(lambda: h._journal_source_still_matches(payload))
+        settle(lambda: h._rewrite_receipt_journal_without(h._receipt_journal_key_for_payload(payload, receipt)))

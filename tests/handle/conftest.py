@@ -55,3 +55,16 @@ def h(make_handle, store):
     handle._record_background_failure = lambda component, operation, exc, backoff=True: \
         handle.failures.append((component, operation, str(exc), backoff))
     return handle
+
+
+@pytest.fixture
+def claimed(h, store):
+    """A claimed queue payload of a recorded evaluation; the handle's discovery nudges are counted in `h.nudges`."""
+    from fakes.collaborators import payload
+
+    eval_id = store.record_signal_evaluation({"type": "feature", "node": "close"}, None, 3, True, "u", {},
+                                             pool_id="pool_a")
+    store.enqueue_submission(payload(eval_id, era_id=3)[0])
+    h.nudges = []
+    h._maybe_fire_discovery_rate_declining_nudge = lambda: h.nudges.append(1)
+    return h._peek_submission_payload()

@@ -15,17 +15,6 @@ def table(store, name, columns):
     return store._conn.execute(f"SELECT {columns} FROM {name} ORDER BY 1").fetchall()
 
 
-@pytest.fixture
-def claimed(h, store):
-    """A claimed queue payload of a recorded evaluation."""
-    eval_id = store.record_signal_evaluation({"type": "feature", "node": "close"}, None, 3, True, "u", {},
-                                             pool_id="pool_a")
-    store.enqueue_submission(make_payload(eval_id, era_id=3)[0])
-    h.nudges = []
-    h._maybe_fire_discovery_rate_declining_nudge = lambda: h.nudges.append(1)
-    return h._peek_submission_payload()
-
-
 def test_the_receipt_the_evaluation_and_the_row_in_one_transaction(h, store, claimed):
     h._record_submission_and_delete_queue(claimed, RECEIPT)
     assert table(store, "submission_status", "eval_id, pool_id, signal_pool_id, submission_id, status, era_id") == [

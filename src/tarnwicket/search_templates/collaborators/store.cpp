@@ -51,6 +51,10 @@ std::string text(Stmt s, Dialect, Table t) {
         case Stmt::mark_signal_submitted: return "UPDATE signal_evaluations SET submitted=1 WHERE eval_id=?";
         case Stmt::mark_strategy_submitted: return "UPDATE strategy_evaluations SET submitted=1 WHERE eval_id=?";
         case Stmt::delete_claimed_queue: return "DELETE FROM submission_queue WHERE queue_id=? AND in_flight_owner=?";
+        case Stmt::status_of_submission: return "SELECT status_id FROM submission_status WHERE submission_id=? LIMIT 1";
+        case Stmt::source_identity:
+            return "SELECT eval_id, eval_type, era_id, payload_json, created_at FROM " + table + " WHERE " +
+                   (t == Table::submission_queue ? "queue_id" : "retry_id") + "=?";
         case Stmt::delete_queue_where: return "DELETE FROM submission_queue WHERE ";
         case Stmt::update_retry_after_rejection_where:
             return "UPDATE submission_retry SET payload_json=?, retry_count=?, last_rejection_reason=?, retry_after=?, "

@@ -40,6 +40,9 @@ enum class Stmt {
     mark_signal_submitted,        // (eval_id)
     mark_strategy_submitted,      // (eval_id)
     delete_claimed_queue,         // (queue_id, owner): only while we hold the claim
+    // the receipt journal's checks before a replay
+    status_of_submission,         // (submission_id) -> status_id
+    source_identity,              // table; (id) -> eval_id, eval_type, era_id, payload_json, created_at
     // statements that end in the predicates of a claimed row (execute_where)
     delete_queue_where,           // where
     update_retry_after_rejection_where,  // (payload_json, retry_count, reason, retry_after, created_at) + where

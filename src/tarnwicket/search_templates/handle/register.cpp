@@ -44,6 +44,21 @@ void register_receipts(handle cls) {
     def_method<finalize_persisted_receipt>(cls, "_finalize_persisted_receipt($self, payload, submission_id)");
 }
 
+void register_journal(handle cls) {
+    def_method<receipt_journal_path>(cls, "_receipt_journal_path($self)");
+    def_method<receipt_journal_entry>(cls, "_receipt_journal_entry($self, payload, receipt)");
+    def_method<receipt_journal_key>(cls, "_receipt_journal_key($self, entry)");
+    def_method<receipt_journal_key_for_payload>(cls, "_receipt_journal_key_for_payload($self, payload, submission_id)");
+    def_method<receipt_journal_file_path>(cls, "_receipt_journal_file_path($self, key)");
+    def_method<append_receipt_journal>(cls, "_append_receipt_journal($self, payload, receipt, required=False)");
+    def_method<append_receipt_journal_until_durable>(cls, "_append_receipt_journal_until_durable($self, payload, receipt)");
+    def_method<read_receipt_journal>(cls, "_read_receipt_journal($self)");
+    def_method<rewrite_receipt_journal_without>(cls, "_rewrite_receipt_journal_without($self, completed_key)");
+    def_method<submission_status_exists>(cls, "_submission_status_exists($self, submission_id)");
+    def_method<journal_source_still_matches>(cls, "_journal_source_still_matches($self, payload)");
+    def_method<replay_receipt_journal>(cls, "_replay_receipt_journal($self)");
+}
+
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
                             "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
@@ -113,6 +128,7 @@ void register_handle(handle m) {
     hnd::register_retries(cls);
     hnd::register_attempt(cls);
     hnd::register_receipts(cls);
+    hnd::register_journal(cls);
     set_global("_SearchHandleImpl", cls);
     set_global("SearchHandle", cls);
 }
