@@ -49,8 +49,12 @@ def store(tmp_path):
 
 @pytest.fixture
 def h(make_handle, store):
-    """A handle on the real store whose background failures are collected in `h.failures`."""
+    """A stopped handle on the real store (no thread of its own runs), whose background
+    failures are collected in `h.failures`."""
     handle = make_handle(tracker=store)
+    handle.stop(join_timeout=1.0)  # the tests drive the pipeline's steps themselves
+    assert not handle._submission_thread.is_alive()
+    handle._stop_event.clear()
     handle.failures = []
     handle._record_background_failure = lambda component, operation, exc, backoff=True: \
         handle.failures.append((component, operation, str(exc), backoff))

@@ -184,3 +184,4 @@ def test_work_in_memory(h, caplog):
     assert "Submission queue size unavailable: NotImplementedError" in caplog.text
     h._pending_receipts_by_queue_id[1] = object()
     assert h._has_in_memory_submission_work() is True
+    h._pending_receipts_by_queue_id.clear()  # else the submission thread would keep trying after stop

@@ -122,3 +122,34 @@ def test_a_worker_that_outlives_its_join_is_unwound_quietly(tmp_path):
     proc = subprocess.run([sys.executable, str(script), data_dir], capture_output=True, text=True, timeout=60)
     assert (proc.returncode, proc.stderr, proc.stdout) == (0, "", "running\n")
     assert not search_active(data_dir)
+
+
+def test_a_submission_thread_still_busy_at_exit_ends_quietly(tmp_path):
+    # A receipt that can never be recorded keeps the submission thread going
+    # after stop(); the process ends while it is retrying.
+    script = tmp_path / "busy.py"
+    script.write_text(textwrap.dedent("""
+        import sys, time, types
+        sys.path.insert(0, sys.argv[2])
+        import tarnwicket.search_templates as st
+        from fakes.context_fakes import FakeBacktester, MemoryTracker
+        from fakes.runtime import FakeAuth, FakeObfuscation, era_config
+
+        open(sys.argv[1] + "/shuffle_seed.enc", "wb").write(b"s" * 60)
+        h = st._SearchHandleImpl(template=lambda ctx: None, n_jobs=1, tracker=MemoryTracker(), sync_mgr=None,
+                                 bt=FakeBacktester(passes=False), obf=FakeObfuscation(), era_cfg=era_config(),
+                                 auth_mock=FakeAuth(), data_dir=sys.argv[1])
+        h._record_background_failure = lambda *a, **kw: None  # never degrades
+        st._submission_backoff_sleep = lambda seconds: time.sleep(0.0005)  # awake all through finalisation
+        garbage = [{"n": [i]} for i in range(300000)]  # and finalisation takes a while
+        h._pending_receipts_by_queue_id[("queue", 1)] = ({"eval_id": "e1"}, types.SimpleNamespace(submission_id="s"))
+        h.stop(join_timeout=0.2)
+        assert h._submission_thread.is_alive()
+        print("left running", flush=True)
+    """))
+    tests_dir = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    done = subprocess.run([sys.executable, str(script), str(tmp_path), tests_dir], capture_output=True, text=True,
+                          timeout=60)
+    assert (done.returncode, done.stdout) == (0, "left running\n"), done.stderr
+    assert "terminate" not in done.stderr and "Fatal" not in done.stderr
+

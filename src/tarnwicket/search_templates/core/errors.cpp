@@ -39,4 +39,10 @@ void close_resource(handle resource) {
     if (PyCallable_Check(close.ptr())) call(close);
 }
 
+void reraise(handle exc) {
+    PyObject* tb = PyException_GetTraceback(exc.ptr());  // new reference or null
+    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), Py_NewRef(exc.ptr()), tb);
+    throw_py();
+}
+
 }  // namespace tw

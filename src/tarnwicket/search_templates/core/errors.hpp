@@ -22,6 +22,32 @@ void set_context(handle newer, handle older);
 // taken over) as its context. Nothing is set when nothing was fetched.
 void chain_fetched_error(PyObject* type, PyObject* value, PyObject* traceback);
 
+// Runs `body` and hands back the ordinary Python exception it raised (the
+// exception object), or a null object:
+//
+//     if (object exc = caught([&] { ... })) record_failure(self, "claim", exc);
+//
+// What handles the error then runs after the C++ exception is gone. A thread
+// that the host ends at exit while a handler calls into Python must not
+// unwind through a pending C++ exception: destroying it takes the interpreter
+// lock, which a thread being ended cannot, and the process would abort.
+template <class F>
+object caught(F&& body) {
+    try {
+        body();
+    } catch (py::error_already_set& e) {
+        if (!ordinary(e)) throw;
+        return e.value();
+    }
+    return object();
+}
+
+// True when the exception object `exc` is an instance of `type`.
+inline bool is_a(handle exc, handle type) { return PyErr_GivenExceptionMatches(exc.ptr(), type.ptr()) != 0; }
+
+// Raises the exception object `exc` again, with its traceback.
+[[noreturn]] void reraise(handle exc);
+
 // `close = getattr(resource, "close", None); if callable(close): close()`.
 void close_resource(handle resource);
 

@@ -81,16 +81,15 @@ void on_network_failure(handle self, handle payload, handle submission_type) {
         } else if (!is_none(queue_id) && persistent(self)) {
             call_method(self, ID("_defer_claimed_queue_payload"), {payload});
         } else {
-            try {
+            object exc = caught([&] {
                 call_method(field(self, ID("_tracker")), ID("requeue_submission"),
                             {getitem(payload, ID("eval_id")), submission_type, storage_json(payload),
                              getitem(payload, ID("era_id"))});
-            } catch (py::error_already_set& e) {
-                if (!ordinary(e)) throw;
+            });
+            if (exc)
                 call_method_kw(self, ID("_record_background_failure"),
-                               {str_of("submission"), str_of("requeue_submission"), exc_value(e)},
+                               {str_of("submission"), str_of("requeue_submission"), exc},
                                {{ID("backoff"), handle(Py_True)}});
-            }
             object copy = PyDict_CheckExact(payload.ptr()) ? dict_copy(payload) : call_method(payload, ID("copy"));
             call_method(field(self, ID("_submission_queue")), ID("put"), {copy});
             event_set(field(self, ID("_submission_wakeup")));
@@ -145,8 +144,9 @@ void on_failure(handle self, handle payload, handle exc) {
 object submit_payload(handle self, handle payload) {
     object submission_type = getitem(payload, ID("submission_type"));
     object receipt;
-    try {
-        bool dropped = with_lock(call_method(self, ID("_submission_start_guard")), [&] {
+    bool dropped = false;
+    object exc = caught([&] {
+        dropped = with_lock(call_method(self, ID("_submission_start_guard")), [&] {
             if (aborted(self)) {
                 drop(self, payload);
                 return true;
@@ -155,11 +155,9 @@ object submit_payload(handle self, handle payload) {
             receipt = k_submit_signal_payload.run<binding::submit_signal_payload>(payload);
             return false;
         });
-        if (dropped) return none();
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        object exc = exc_value(e);
-        if (matches(e, PyExc_ConnectionError))
+    });
+    if (exc) {
+        if (is_a(exc, PyExc_ConnectionError))
             on_network_failure(self, payload, submission_type);
         else if (is_refusal(exc))
             on_refusal(self, payload, exc);
@@ -167,6 +165,7 @@ object submit_payload(handle self, handle payload) {
             on_failure(self, payload, exc);
         return none();
     }
+    if (dropped) return none();
     if (aborted(self)) {
         drop(self, payload);  // an accepted receipt is then deliberately not recorded
         return none();

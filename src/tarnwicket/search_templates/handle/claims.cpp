@@ -46,7 +46,7 @@ object claim_row(handle self, const ClaimSql& q) {
     object expired_before = steal(PyNumber_Subtract(now.ptr(), global(ID("SUBMISSION_QUEUE_LEASE_SECONDS")).ptr()));
     object owner = field(self, ID("_submission_owner"));
     object row = none();
-    try {
+    object exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
             store::execute(conn, store::Stmt::begin_immediate);
@@ -68,10 +68,10 @@ object claim_row(handle self, const ClaimSql& q) {
             store::execute(conn, store::Stmt::commit);
             row = found;
         });
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
+    });
+    if (exc) {
         rollback_quietly(self, q.rollback_message);
-        record_failure(self, q.failed_operation, exc_value(e), true);
+        record_failure(self, q.failed_operation, exc, true);
         return none();
     }
     return row;
@@ -80,18 +80,17 @@ object claim_row(handle self, const ClaimSql& q) {
 template <class Run>
 object delete_source(handle self, handle id, const char* failure_name, Run run) {
     if (is_none(id) || !persistent(self)) return bool_of(true);
-    try {
-        return with_lock(tracker_write_lock(self), [&] {
+    bool deleted = false;
+    object exc = caught([&] {
+        deleted = with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
             object cur = run(conn, field(self, ID("_submission_owner")));
             call_method(conn, ID("commit"));
-            return bool_of(rowcount_is_one(cur));
+            return rowcount_is_one(cur);
         });
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        record_failure(self, failure_name, exc_value(e), true);
-        return bool_of(false);
-    }
+    });
+    if (exc) record_failure(self, failure_name, exc, true);
+    return bool_of(deleted && !exc);
 }
 
 // `id_key`: where the payload keeps the row's id; `id_name`: the table's id column.
@@ -114,7 +113,7 @@ object persistent_table_columns(handle self, handle table_name) {
 
 static object ensure_claim_columns(handle self, handle ready_field, store::Table table, const char* failure_name) {
     if (field_true(self, ready_field) || !persistent(self)) return bool_of(true);
-    try {
+    object exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
             object cols = call_method(self, ID("_persistent_table_columns"), {str_of(store::table_name(table))});
@@ -123,12 +122,9 @@ static object ensure_claim_columns(handle self, handle ready_field, store::Table
             call_method(conn, ID("commit"));
             set_field(self, ready_field, bool_of(true));
         });
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        record_failure(self, failure_name, exc_value(e), true);
-        return bool_of(false);
-    }
-    return bool_of(true);
+    });
+    if (exc) record_failure(self, failure_name, exc, true);
+    return bool_of(!exc);
 }
 
 object ensure_submission_claim_columns(handle self) {
@@ -163,11 +159,8 @@ object peek_submission_payload(handle self) {
     }
 
     object payload;
-    try {
-        payload = k_load.run<payload::load>(payload_json);
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        record_failure(self, "payload_json decode", exc_value(e), false);
+    if (object exc = caught([&] { payload = k_load.run<payload::load>(payload_json); })) {
+        record_failure(self, "payload_json decode", exc, false);
         call_method(self, ID("_delete_submission_queue_item"), {queue_id});
         return new_dict();
     }
@@ -190,11 +183,8 @@ object peek_retry_payload(handle self) {
     object payload_json = row_at(row, 3);
 
     object payload;
-    try {
-        payload = k_load.run<payload::load>(payload_json);
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        record_failure(self, "payload_json decode", exc_value(e), false);
+    if (object exc = caught([&] { payload = k_load.run<payload::load>(payload_json); })) {
+        record_failure(self, "payload_json decode", exc, false);
         // No try of its own: a store failure here goes up to the loop.
         with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
@@ -216,17 +206,16 @@ object peek_retry_payload(handle self) {
 
 object payload_from_tracker_item(handle self, handle item) {
     object item_queue_id = get_attr_or_none(item, ID("queue_id"));
-    try {
-        object payload = k_load.run<payload::load>(get_attr_or_none(item, ID("payload_json")));
+    object payload;
+    object exc = caught([&] {
+        payload = k_load.run<payload::load>(get_attr_or_none(item, ID("payload_json")));
         k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("tracker_item"), item_queue_id);
         if (!contains(payload, ID("_queue_id")) && !is_none(item_queue_id))
             setitem(payload, ID("_queue_id"), item_queue_id);
-        return payload;
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        record_failure(self, "payload_json decode", exc_value(e), false);
-        return none();
-    }
+    });
+    if (!exc) return payload;
+    record_failure(self, "payload_json decode", exc, false);
+    return none();
 }
 
 // ---------------------------------------------------------------- proof of a row, deletes
@@ -284,13 +273,15 @@ object delete_claimed_submission_source(handle self, handle payload) {
 // ---------------------------------------------------------------- work in memory
 
 bool has_in_memory_submission_work(handle self) {
-    try {
+    bool queued = false;
+    object exc = caught([&] {
         object size = call_method(field(self, ID("_submission_queue")), ID("qsize"));
-        if (check_int(PyObject_RichCompareBool(size.ptr(), int_of(0).ptr(), Py_GT)) == 1) return true;
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        object type_name = get_attr(handle(reinterpret_cast<PyObject*>(Py_TYPE(exc_value(e).ptr()))), ID("__name__"));
-        if (matches(e, PyExc_NotImplementedError))
+        queued = check_int(PyObject_RichCompareBool(size.ptr(), int_of(0).ptr(), Py_GT)) == 1;
+    });
+    if (queued) return true;
+    if (exc) {
+        object type_name = get_attr(handle(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr()))), ID("__name__"));
+        if (is_a(exc, PyExc_NotImplementedError))
             log_debug("Submission queue size unavailable: %s", {type_name});
         else
             log_warning("Failed to inspect submission queue size: %s", {type_name});

@@ -33,16 +33,21 @@ object sanitized(handle part) {
     return steal(PyUnicode_FromKindAndData(PyUnicode_4BYTE_KIND, out.data(), n));
 }
 
+// `try: body() finally: close()`: an error of close() wins, with the body's as its context.
+template <class Body, class Close>
+void finally_close(Body&& body, Close&& close) {
+    object exc = caught(body);
+    if (object close_exc = caught(close)) {
+        if (exc) set_context(close_exc, exc);
+        reraise(close_exc);
+    }
+    if (exc) reraise(exc);
+}
+
 // fsync of a directory: open read-only, sync, close in every case.
 void sync_directory(handle dir) {
     object fd = call(os_fn("open"), {dir, get_attr(import_module("os"), ID("O_RDONLY"))});
-    try {
-        call(os_fn("fsync"), {fd});
-    } catch (py::error_already_set&) {
-        call(os_fn("close"), {fd});
-        throw;
-    }
-    call(os_fn("close"), {fd});
+    finally_close([&] { call(os_fn("fsync"), {fd}); }, [&] { call(os_fn("close"), {fd}); });
 }
 
 bool is_dir(handle path) { return truthy(call(path_fn("isdir"), {path})); }
@@ -56,13 +61,7 @@ object json_text(handle value) {
 template <class F>
 void with_file(handle path, const char* mode, F&& body) {
     object f = call_kw(import_attr("io", ID("open")), {path, str_of(mode)}, {{ID("encoding"), str_of("utf-8")}});
-    try {
-        body(f);
-    } catch (py::error_already_set&) {
-        call_method(f, ID("close"));
-        throw;
-    }
-    call_method(f, ID("close"));
+    finally_close([&] { body(f); }, [&] { call_method(f, ID("close")); });
 }
 
 }  // namespace
@@ -138,7 +137,7 @@ void append_receipt_journal(handle self, handle payload, handle receipt, handle 
         if (required) raise(PyExc_RuntimeError, "receipt journal path unavailable");
         return;
     }
-    try {
+    object exc = caught([&] {
         call_kw(os_fn("makedirs"), {dir}, {{ID("exist_ok"), handle(Py_True)}});
         object tmp = ftext({path, str_of("."), field(self, ID("_submission_owner")), str_of(".tmp")});
         // content on disk before the name exists; the rename replaces atomically; the directory sync keeps the name
@@ -150,22 +149,20 @@ void append_receipt_journal(handle self, handle payload, handle receipt, handle 
         });
         call(os_fn("replace"), {tmp, path});
         sync_directory(dir);
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e) || required) throw;
-        record_failure(self, "receipt_journal_write", exc_value(e), false);
-    }
+    });
+    if (!exc) return;
+    if (required) reraise(exc);
+    record_failure(self, "receipt_journal_write", exc, false);
 }
 
 void append_receipt_journal_until_durable(handle self, handle payload, handle receipt) {
     for (;;) {
-        try {
+        object exc = caught([&] {
             call_method_kw(self, ID("_append_receipt_journal"), {payload, receipt}, {{ID("required"), handle(Py_True)}});
-            return;
-        } catch (py::error_already_set& e) {
-            if (!ordinary(e)) throw;
-            record_failure(self, "receipt_journal_write", exc_value(e), true);
-            call(global(ID("_submission_backoff_sleep")), {field(self, ID("_submission_backoff_seconds"))});
-        }
+        });
+        if (!exc) return;
+        record_failure(self, "receipt_journal_write", exc, true);
+        call(global(ID("_submission_backoff_sleep")), {field(self, ID("_submission_backoff_seconds"))});
     }
 }
 
@@ -173,27 +170,24 @@ object read_receipt_journal(handle self) {
     object entries = new_list();
     object dir = call_method(self, ID("_receipt_journal_path"));
     if (is_none(dir) || !is_dir(dir)) return entries;
-    try {
+    object exc = caught([&] {
         object names = list_from(call(os_fn("listdir"), {dir}));
         check_int(PyList_Sort(names.ptr()));
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(names.ptr()); ++i) {
             object name = borrow(PyList_GET_ITEM(names.ptr(), i));
             if (!truthy(call_method(name, ID("endswith"), {str_of(".json")}))) continue;
             object value;
-            try {
-                with_file(call(path_fn("join"), {dir, name}), "r",
-                          [&](handle f) { value = call(import_attr("json", ID("load")), {f}); });
-            } catch (py::error_already_set& e) {
-                if (!ordinary(e)) throw;
-                record_failure(self, "receipt_journal_decode", exc_value(e), false);
+            if (object bad = caught([&] {
+                    with_file(call(path_fn("join"), {dir, name}), "r",
+                              [&](handle f) { value = call(import_attr("json", ID("load")), {f}); });
+                })) {
+                record_failure(self, "receipt_journal_decode", bad, false);
                 continue;
             }
             if (is_dict(value)) list_append(entries, value);
         }
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        record_failure(self, "receipt_journal_read", exc_value(e), true);
-    }
+    });
+    if (exc) record_failure(self, "receipt_journal_read", exc, true);
     return entries;
 }
 
@@ -201,22 +195,17 @@ void rewrite_receipt_journal_without(handle self, handle completed_key) {
     if (is_none(completed_key)) return;
     object path = call_method(self, ID("_receipt_journal_file_path"), {completed_key});
     if (is_none(path)) return;
-    try {
+    object exc = caught([&] {
         call(os_fn("remove"), {path});
         object dir = call_method(self, ID("_receipt_journal_path"));
         if (truthy(dir) && is_dir(dir)) {
             sync_directory(dir);
-            try {
-                call(os_fn("rmdir"), {dir});  // only once it is empty
-            } catch (py::error_already_set& e) {
-                if (!matches(e, PyExc_OSError)) throw;
-            }
+            object busy = caught([&] { call(os_fn("rmdir"), {dir}); });  // only once it is empty
+            if (busy && !is_a(busy, PyExc_OSError)) reraise(busy);
         }
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        if (matches(e, PyExc_FileNotFoundError)) return;  // the entry is gone already
-        record_failure(self, "receipt_journal_compact", exc_value(e), false);
-    }
+    });
+    if (!exc || is_a(exc, PyExc_FileNotFoundError)) return;  // done, or the entry was gone already
+    record_failure(self, "receipt_journal_compact", exc, false);
 }
 
 bool submission_status_exists(handle self, handle submission_id) {
@@ -286,24 +275,28 @@ bool replay_receipt_journal(handle self) {
         }
         if (check_int(PyDict_Contains(payload.ptr(), str_of(take_out).ptr())) == 1)
             check_int(PyDict_DelItem(payload.ptr(), str_of(take_out).ptr()));
-        try {
+        bool dropped = false;
+        object exc = caught([&] {
             if (truthy(call_method(self, ID("_submission_status_exists"), {submission_id}))) {
                 forget();  // recorded already: only the removal was lost
-                continue;
+                dropped = true;
+                return;
             }
             if (!truthy(call_method(self, ID("_journal_source_still_matches"), {payload}))) {
                 call_method(self, ID("_append_error"),
                             {str_of("submission receipt journal source row missing or mismatched; dropping stale entry")});
                 forget();
-                continue;
+                dropped = true;
+                return;
             }
             call_method(self, ID("_record_submission_and_delete_queue"),
                         {payload, call(global(ID("_ReceiptRecord")), {submission_id})});
-        } catch (py::error_already_set& e) {
-            if (!ordinary(e)) throw;
-            record_failure(self, "receipt_journal_replay", exc_value(e), true);
-            return false;
+        });
+        if (exc) {
+            record_failure(self, "receipt_journal_replay", exc, true);
+            return false;  // later entries wait for the next pass
         }
+        if (dropped) continue;
         forget();
         call_method(self, ID("_finalize_persisted_receipt"), {payload, submission_id});
     }

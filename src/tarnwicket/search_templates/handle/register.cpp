@@ -59,6 +59,15 @@ void register_journal(handle cls) {
     def_method<replay_receipt_journal>(cls, "_replay_receipt_journal($self)");
 }
 
+void register_loop(handle cls) {
+    def_method<submission_loop>(cls, "_submission_loop($self)");
+    def_method<submission_loop_inner>(cls, "_submission_loop_inner($self)");
+    def_method<dequeue_submission_payload>(cls, "_dequeue_submission_payload($self)");
+    def_method<dequeue_retry_payload>(cls, "_dequeue_retry_payload($self)");
+    def_method<flush_pending_receipt_finalizations>(cls, "_flush_pending_receipt_finalizations($self)");
+    def_method<handle_submission_success>(cls, "_handle_submission_success($self, payload, receipt)");
+}
+
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
                             "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
@@ -129,6 +138,7 @@ void register_handle(handle m) {
     hnd::register_attempt(cls);
     hnd::register_receipts(cls);
     hnd::register_journal(cls);
+    hnd::register_loop(cls);
     set_global("_SearchHandleImpl", cls);
     set_global("SearchHandle", cls);
 }

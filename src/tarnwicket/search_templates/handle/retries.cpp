@@ -70,7 +70,7 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
     }
 
     bool persisted = false;
-    try {
+    object exc = caught([&] {
         object retry_id = get(payload, "retry_id");
         object previous = steal(PyNumber_Subtract(next_count.ptr(), one.ptr()));
         persisted = true;
@@ -97,9 +97,9 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
         } else {
             persisted = false;  // persistent, no source row, a later rejection: nothing is written
         }
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of("enqueue_retry"), exc_value(e)},
+    });
+    if (exc) {
+        call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of("enqueue_retry"), exc},
                        {{ID("backoff"), handle(Py_True)}});
         if (persistent(self) && (!is_none(get(payload, "_queue_id")) || !is_none(get(payload, "retry_id")))) {
             update_counts(self);  // the claimed source row is still there, with its old count
@@ -208,7 +208,7 @@ bool finalize_retry_exhausted_payload(handle self, handle payload, handle reject
     if (!truthy(submission_id)) return true;  // nothing to finalise: the caller discards
     object reason = truthy(rejection_reason) ? ftext({str_of("retry_exhausted: "), rejection_reason})
                                              : str_of("retry_exhausted");
-    try {
+    object exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
             object tracker = field(self, ID("_tracker"));
             call_kw(global(ID("notify_submission_status")), {submission_id, str_of("not_useful")},
@@ -217,14 +217,11 @@ bool finalize_retry_exhausted_payload(handle self, handle payload, handle reject
                      {ID("rejection_reason"), reason},
                      {ID("require_tracker"), handle(Py_True)}});
         });
-        return true;
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        call_method_kw(self, ID("_record_background_failure"),
-                       {str_of("submission"), str_of("finalize_retry_exhausted"), exc_value(e)},
-                       {{ID("backoff"), handle(Py_True)}});
-        return false;
-    }
+    });
+    if (!exc) return true;
+    call_method_kw(self, ID("_record_background_failure"),
+                   {str_of("submission"), str_of("finalize_retry_exhausted"), exc}, {{ID("backoff"), handle(Py_True)}});
+    return false;
 }
 
 }  // namespace tw::hnd

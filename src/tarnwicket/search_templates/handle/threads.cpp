@@ -51,6 +51,10 @@ object start_all_threads(handle self) {
         if (!ordinary(e)) throw;
         log_warning("Failed to start era thread: %s", {exc_value(e)});
     }
+    // Not guarded: a failure here leaves the constructor.
+    object submission = new_thread(get_attr(self, ID("_submission_loop")), "submission_thread");
+    set_field(self, ID("_submission_thread"), submission);
+    start_thread(submission);
 
     object n_jobs_obj = field(self, ID("_n_jobs"));
     long long n_jobs = PyLong_AsLongLong(n_jobs_obj.ptr());
