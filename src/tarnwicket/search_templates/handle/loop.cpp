@@ -83,22 +83,25 @@ object ask_tracker(handle self, const char* method, const char* failure_name) {
 
 }  // namespace
 
-object dequeue_submission_payload(handle self) {
+namespace {
+
+// The shape of both dequeues: no new work during an abort or while a receipt
+// is stuck; without a store, the tracker's own item first; then what memory
+// holds (`from_memory` gives a null object for nothing); with a store, the
+// claim of a row.
+template <class FromMemory>
+object dequeue(handle self, const char* tracker_method, const char* peek, FromMemory&& from_memory) {
     if (!may_take_work(self)) return none();
     bool pers = persistent(self);
     if (!pers) {
-        object item = ask_tracker(self, "dequeue_submission", "dequeue_submission");
+        object item = ask_tracker(self, tracker_method, tracker_method);
         if (!is_none(item)) {
             bool dropped = false;
             if (object payload = from_tracker_item(self, item, dropped)) return payload;
             if (dropped) return none();
         }
     }
-    object item;
-    if (object exc = caught([&] { item = call_method(field(self, ID("_submission_queue")), ID("get_nowait")); })) {
-        if (!is_a(exc, field(self, ID("_queue_empty")))) log_warning("Failed to get from submission queue: %s", {exc});
-    }
-    if (item && !pers) {
+    if (object item = from_memory(pers)) {
         if (aborted(self)) {
             drop(self, item);
             return none();
@@ -106,46 +109,41 @@ object dequeue_submission_payload(handle self) {
         update_counts(self);
         return item;
     }
-    // With a store the in-memory queue is only a wake-up: the row is the truth.
     if (!pers) {
         update_counts(self);
         return none();
     }
-    return claim_loop(self, "_peek_submission_payload");
+    return claim_loop(self, peek);
+}
+
+}  // namespace
+
+object dequeue_submission_payload(handle self) {
+    return dequeue(self, "dequeue_submission", "_peek_submission_payload", [&](bool pers) {
+        object item;
+        if (object exc = caught([&] { item = call_method(field(self, ID("_submission_queue")), ID("get_nowait")); })) {
+            if (!is_a(exc, field(self, ID("_queue_empty")))) log_warning("Failed to get from submission queue: %s", {exc});
+        }
+        // With a store the in-memory queue is only a wake-up: the row is the truth.
+        return pers ? object() : item;
+    });
 }
 
 object dequeue_retry_payload(handle self) {
-    if (!may_take_work(self)) return none();
-    bool pers = persistent(self);
-    if (!pers) {
-        object item = ask_tracker(self, "dequeue_retryable", "dequeue_retryable");
-        if (!is_none(item)) {
-            bool dropped = false;
-            if (object payload = from_tracker_item(self, item, dropped)) return payload;
-            if (dropped) return none();
+    return dequeue(self, "dequeue_retryable", "_peek_retry_payload", [&](bool) {
+        object now = float_of(wall_time());
+        object retry_queue = field(self, ID("_retry_queue"));
+        object snapshot = list_from(retry_queue);
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(snapshot.ptr()); ++i) {
+            object item = borrow(PyList_GET_ITEM(snapshot.ptr(), i));
+            object retry_after = get(item, "retry_after");
+            if (is_none(retry_after) || check_int(PyObject_RichCompareBool(retry_after.ptr(), now.ptr(), Py_LE)) == 1) {
+                call_method(retry_queue, ID("pop"), {int_of(i)});
+                return item;
+            }
         }
-    }
-    object now = float_of(wall_time());
-    object retry_queue = field(self, ID("_retry_queue"));
-    object snapshot = list_from(retry_queue);
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(snapshot.ptr()); ++i) {
-        object item = borrow(PyList_GET_ITEM(snapshot.ptr(), i));
-        object retry_after = get(item, "retry_after");
-        if (!is_none(retry_after) && check_int(PyObject_RichCompareBool(retry_after.ptr(), now.ptr(), Py_LE)) != 1)
-            continue;
-        call_method(retry_queue, ID("pop"), {int_of(i)});
-        if (aborted(self)) {
-            drop(self, item);
-            return none();
-        }
-        update_counts(self);
-        return item;
-    }
-    if (!pers) {
-        update_counts(self);
-        return none();
-    }
-    return claim_loop(self, "_peek_retry_payload");
+        return object();
+    });
 }
 
 bool flush_pending_receipt_finalizations(handle self) {
