@@ -6,7 +6,7 @@
 // `_tracker_write_lock`, then `_lock`. Every handler checks for a replacement
 // abort again once it holds the write lock: the abort may have come during
 // the request.
-#include "handle/handle.hpp"
+#include "handle/pipeline.hpp"
 
 #include "submission/binding.hpp"
 #include "submission/payload.hpp"
@@ -15,18 +15,7 @@ namespace tw::hnd {
 
 namespace {
 
-const LateFn k_for_storage("_submission_payload_for_storage");
 const LateFn k_submit_signal_payload("_submit_signal_payload");
-
-bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
-object get(handle payload, const char* key) { return mapping_get(payload, str_of(key), Py_None); }
-bool aborted(handle self) { return truthy(call_method(self, ID("_replacement_abort_requested"))); }
-void drop(handle self, handle payload) { call_method(self, ID("_drop_replacement_aborted_payload"), {payload}); }
-void update_counts(handle self) { call_method(self, ID("_update_submission_counts")); }
-
-object storage_json(handle payload) {
-    return payload::serialize_late(k_for_storage.run<payload::f_for_storage>(payload));
-}
 
 bool is_instance(handle obj, handle cls) {
     return !is_none(cls) && check_int(PyObject_IsInstance(obj.ptr(), cls.ptr())) == 1;
@@ -52,17 +41,17 @@ void discard(handle self, handle payload, handle error_text, bool reset_backoff)
         }
     });
     call_method(self, ID("_append_error"), {error_text});
-    object queue_id = get(payload, "_queue_id");
+    object queue_id = payload_get(payload, "_queue_id");
     if (!truthy(call_method(self, ID("_delete_claimed_submission_source"), {payload})) && !is_none(queue_id))
         with_lock(lock_of(self), [&] { call_method(field(self, ID("_finished_queue_ids")), ID("add"), {queue_id}); });
 }
 
 void on_network_failure(handle self, handle payload, handle submission_type) {
-    object queue_id = get(payload, "_queue_id");
+    object queue_id = payload_get(payload, "_queue_id");
     object current_backoff = field(self, ID("_submission_backoff_seconds"));
     bool dropped = with_lock(tracker_write_lock(self), [&] {
         if (aborted(self)) {
-            drop(self, payload);
+            drop_aborted(self, payload);
             return true;
         }
         with_lock(lock_of(self), [&] {
@@ -75,7 +64,7 @@ void on_network_failure(handle self, handle payload, handle submission_type) {
             set_field(self, ID("_submission_backoff_until"),
                       steal(PyNumber_Add(float_of(monotonic()).ptr(), current_backoff.ptr())));
         });
-        if (!is_none(get(payload, "retry_id")) && persistent(self)) {
+        if (!is_none(payload_get(payload, "retry_id")) && persistent(self)) {
             object retry_after = steal(PyNumber_Add(float_of(wall_time()).ptr(), current_backoff.ptr()));
             call_method(self, ID("_defer_claimed_retry_payload"), {payload, retry_after, str_of("network_error")});
         } else if (!is_none(queue_id) && persistent(self)) {
@@ -90,7 +79,7 @@ void on_network_failure(handle self, handle payload, handle submission_type) {
                 call_method_kw(self, ID("_record_background_failure"),
                                {str_of("submission"), str_of("requeue_submission"), exc},
                                {{ID("backoff"), handle(Py_True)}});
-            object copy = PyDict_CheckExact(payload.ptr()) ? dict_copy(payload) : call_method(payload, ID("copy"));
+            object copy = shallow_copy(payload);
             call_method(field(self, ID("_submission_queue")), ID("put"), {copy});
             event_set(field(self, ID("_submission_wakeup")));
         }
@@ -109,7 +98,7 @@ void on_refusal(handle self, handle payload, handle exc) {
     if (!truthy(reason)) reason = str_of("unknown");
     with_lock(tracker_write_lock(self), [&] {
         if (aborted(self)) {
-            drop(self, payload);
+            drop_aborted(self, payload);
             return;
         }
         object status = get_attr_or_none(exc, ID("status_code"));
@@ -131,7 +120,7 @@ void on_refusal(handle self, handle payload, handle exc) {
 void on_failure(handle self, handle payload, handle exc) {
     with_lock(tracker_write_lock(self), [&] {
         if (aborted(self)) {
-            drop(self, payload);
+            drop_aborted(self, payload);
             return;
         }
         discard(self, payload, ftext({str_of("submission failed: "), exc}), false);
@@ -148,7 +137,7 @@ object submit_payload(handle self, handle payload) {
     object exc = caught([&] {
         dropped = with_lock(call_method(self, ID("_submission_start_guard")), [&] {
             if (aborted(self)) {
-                drop(self, payload);
+                drop_aborted(self, payload);
                 return true;
             }
             call_method(self, ID("_record_submission_attempt_started"), {payload});
@@ -167,7 +156,7 @@ object submit_payload(handle self, handle payload) {
     }
     if (dropped) return none();
     if (aborted(self)) {
-        drop(self, payload);  // an accepted receipt is then deliberately not recorded
+        drop_aborted(self, payload);  // an accepted receipt is then deliberately not recorded
         return none();
     }
     call_method(self, ID("_handle_submission_success"), {payload, receipt});
@@ -175,7 +164,7 @@ object submit_payload(handle self, handle payload) {
 }
 
 object ensure_submission_idempotency_key(handle self, handle payload) {
-    object known = get(payload, "idempotency_key");
+    object known = payload_get(payload, "idempotency_key");
     if (truthy(known)) return getitem(payload, ID("idempotency_key"));
     object client = import_attr("tarnwicket.submit", ID("SignalServiceClient"));
     object body = new_dict();

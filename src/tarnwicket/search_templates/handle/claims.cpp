@@ -5,28 +5,12 @@
 // A claim writes the owner and the time into the row; a row is claimable when
 // it is free, ours, or its lease (SUBMISSION_QUEUE_LEASE_SECONDS) has run out.
 // Every statement runs under `_tracker_write_lock` on the tracker's `_conn`.
-#include "handle/handle.hpp"
+#include "handle/pipeline.hpp"
 
-#include "submission/payload.hpp"
 
 namespace tw::hnd {
 
 namespace {
-
-const LateFn k_load("_load_submission_payload");
-const LateFn k_require_typed_keys("_require_payload_typed_keys");
-
-bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
-
-void record_failure(handle self, const char* operation, handle exc, bool backoff) {
-    call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of(operation), exc},
-                   {{ID("backoff"), bool_of(backoff)}});
-}
-
-bool rowcount_is_one(handle cursor) {
-    object n = get_attr(cursor, ID("rowcount"));
-    return check_int(PyObject_RichCompareBool(n.ptr(), int_of(1).ptr(), Py_EQ)) == 1;
-}
 
 object row_at(handle row, long i) { return getitem(row, int_of(i)); }
 
@@ -159,13 +143,13 @@ object peek_submission_payload(handle self) {
     }
 
     object payload;
-    if (object exc = caught([&] { payload = k_load.run<payload::load>(payload_json); })) {
+    if (object exc = caught([&] { payload = load_payload(payload_json); })) {
         record_failure(self, "payload_json decode", exc, false);
         call_method(self, ID("_delete_submission_queue_item"), {queue_id});
         return new_dict();
     }
     // Outside every try: a row without its keys stays claimed and goes up to the loop.
-    k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("submission_queue"), queue_id);
+    require_typed_keys(payload, "submission_queue", queue_id);
     setitem(payload, ID("_queue_id"), queue_id);
     setitem(payload, ID("_source_created_at"), row_at(row, 6));
     setitem(payload, ID("_source_payload_json"), payload_json);
@@ -183,7 +167,7 @@ object peek_retry_payload(handle self) {
     object payload_json = row_at(row, 3);
 
     object payload;
-    if (object exc = caught([&] { payload = k_load.run<payload::load>(payload_json); })) {
+    if (object exc = caught([&] { payload = load_payload(payload_json); })) {
         record_failure(self, "payload_json decode", exc, false);
         // No try of its own: a store failure here goes up to the loop.
         with_lock(tracker_write_lock(self), [&] {
@@ -193,7 +177,7 @@ object peek_retry_payload(handle self) {
         });
         return new_dict();
     }
-    k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("submission_retry"), retry_id);
+    require_typed_keys(payload, "submission_retry", retry_id);
     // A stale queue id inside the stored text never travels with a retry.
     if (contains(payload, ID("_queue_id"))) check_int(PyObject_DelItem(payload.ptr(), ID("_queue_id").ptr()));
     setitem(payload, ID("retry_count"), row_at(row, 5));
@@ -208,8 +192,8 @@ object payload_from_tracker_item(handle self, handle item) {
     object item_queue_id = get_attr_or_none(item, ID("queue_id"));
     object payload;
     object exc = caught([&] {
-        payload = k_load.run<payload::load>(get_attr_or_none(item, ID("payload_json")));
-        k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("tracker_item"), item_queue_id);
+        payload = load_payload(get_attr_or_none(item, ID("payload_json")));
+        require_typed_keys(payload, "tracker_item", item_queue_id);
         if (!contains(payload, ID("_queue_id")) && !is_none(item_queue_id))
             setitem(payload, ID("_queue_id"), item_queue_id);
     });
@@ -222,8 +206,7 @@ object payload_from_tracker_item(handle self, handle item) {
 
 object source_sql_predicates(handle self, handle payload, handle id_name, handle source_id, handle require_owner) {
     bool queue = check_int(PyObject_RichCompareBool(id_name.ptr(), ID("queue_id").ptr(), Py_EQ)) == 1;
-    k_require_typed_keys.run<payload::require_typed_keys>(
-        payload, str_of(queue ? "submission_queue" : "submission_retry"), source_id);
+    require_typed_keys(payload, queue ? "submission_queue" : "submission_retry", source_id);
     object clauses = new_list(), params = new_list();
     auto add = [&](handle clause, handle param) {
         list_append(clauses, clause);

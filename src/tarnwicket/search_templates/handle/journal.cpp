@@ -3,7 +3,7 @@
 // (temporary file, fsync, atomic rename, directory fsync), removed after the
 // store write, replayed by a later pass while its source row still matches.
 // File work goes through the host's own os, io and json modules.
-#include "handle/handle.hpp"
+#include "handle/pipeline.hpp"
 
 namespace tw::hnd {
 
@@ -11,13 +11,6 @@ namespace {
 
 object os_fn(const char* name) { return import_attr("os", str_of(name)); }
 object path_fn(const char* name) { return import_attr("os.path", str_of(name)); }
-object get(handle payload, const char* key) { return mapping_get(payload, str_of(key), Py_None); }
-bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
-
-void record_failure(handle self, const char* operation, handle exc, bool backoff) {
-    call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of(operation), exc},
-                   {{ID("backoff"), bool_of(backoff)}});
-}
 
 // A part of a file name: alphanumerics and "-._" kept, anything else "_".
 object sanitized(handle part) {
@@ -80,7 +73,7 @@ object receipt_journal_path(handle self) {
 
 object receipt_journal_entry(handle self, handle payload, handle receipt) {
     if (!persistent(self)) return none();
-    object retry_id = get(payload, "retry_id"), queue_id = get(payload, "_queue_id");
+    object retry_id = payload_get(payload, "retry_id"), queue_id = payload_get(payload, "_queue_id");
     object kind, source_id;
     if (!is_none(retry_id)) {
         kind = str_of("retry");
@@ -109,7 +102,7 @@ object receipt_journal_key(handle self, handle entry) {
 
 object receipt_journal_key_for_payload(handle self, handle payload, handle submission_id) {
     (void)self;
-    object retry_id = get(payload, "retry_id"), queue_id = get(payload, "_queue_id");
+    object retry_id = payload_get(payload, "retry_id"), queue_id = payload_get(payload, "_queue_id");
     if (!is_none(retry_id)) return tuple_of({str_of("retry"), py_str(retry_id), py_str(submission_id)});
     if (!is_none(queue_id)) return tuple_of({str_of("queue"), py_str(queue_id), py_str(submission_id)});
     return none();
@@ -216,7 +209,7 @@ bool submission_status_exists(handle self, handle submission_id) {
 }
 
 bool journal_source_still_matches(handle self, handle payload) {
-    object retry_id = get(payload, "retry_id"), queue_id = get(payload, "_queue_id");
+    object retry_id = payload_get(payload, "retry_id"), queue_id = payload_get(payload, "_queue_id");
     if (is_none(retry_id) && is_none(queue_id)) return false;
     bool retry = !is_none(retry_id);
     object row = with_lock(tracker_write_lock(self), [&] {
@@ -229,13 +222,13 @@ bool journal_source_still_matches(handle self, handle payload) {
     auto same_text = [](handle a, handle b) {
         return check_int(PyObject_RichCompareBool(py_str(a).ptr(), py_str(b).ptr(), Py_EQ)) == 1;
     };
-    if (!same_text(getitem(row, int_of(0)), get(payload, "eval_id")) ||
-        !same_text(getitem(row, int_of(1)), get(payload, "submission_type")) ||
-        !same_text(getitem(row, int_of(2)), get(payload, "era_id")))
+    if (!same_text(getitem(row, int_of(0)), payload_get(payload, "eval_id")) ||
+        !same_text(getitem(row, int_of(1)), payload_get(payload, "submission_type")) ||
+        !same_text(getitem(row, int_of(2)), payload_get(payload, "era_id")))
         return false;
-    object created = get(payload, "_source_created_at");
+    object created = payload_get(payload, "_source_created_at");
     if (!is_none(created) && !same_text(getitem(row, int_of(4)), created)) return false;
-    object stored = get(payload, "_source_payload_json");
+    object stored = payload_get(payload, "_source_payload_json");
     if (!is_none(stored) && check_int(PyObject_RichCompareBool(getitem(row, int_of(3)).ptr(), stored.ptr(), Py_EQ)) != 1)
         return false;
     return true;

@@ -2,33 +2,19 @@
 // queue item, then one retry item), the dequeues, the success path with its
 // crash-safe ordering (journal, store transaction, journal removal), and the
 // flush of receipts whose recording failed.
-#include "handle/handle.hpp"
+#include "handle/pipeline.hpp"
 
 namespace tw::hnd {
 
 namespace {
 
-object get(handle payload, const char* key) { return mapping_get(payload, str_of(key), Py_None); }
-bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
-bool aborted(handle self) { return truthy(call_method(self, ID("_replacement_abort_requested"))); }
 bool stop_set(handle self) { return event_is_set(field(self, ID("_stop_event"))); }
 bool degraded(handle self) { return field_true(self, ID("_submission_degraded")); }
 bool has_work(handle self) { return truthy(call_method(self, ID("_has_in_memory_submission_work"))); }
 bool stopping_idle(handle self) { return stop_set(self) && !has_work(self); }
-void update_counts(handle self) { call_method(self, ID("_update_submission_counts")); }
-void drop(handle self, handle payload) { call_method(self, ID("_drop_replacement_aborted_payload"), {payload}); }
 bool in_backoff(handle self) { return field_true(self, ID("_submission_backoff")); }
 // Once the host shuts its threads down, the loop leaves at its next pass.
 bool host_exiting() { return g_interpreter_exiting.load(std::memory_order_relaxed); }
-
-void record_failure(handle self, const char* operation, handle exc, bool backoff) {
-    call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of(operation), exc},
-                   {{ID("backoff"), bool_of(backoff)}});
-}
-
-object shallow_copy(handle payload) {
-    return call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {payload});
-}
 
 bool is_empty_map(handle payload) { return is_dict(payload) && PyDict_GET_SIZE(payload.ptr()) == 0; }
 
@@ -38,7 +24,7 @@ object from_tracker_item(handle self, handle item, bool& dropped) {
     object payload = is_dict(item) ? shallow_copy(item) : call_method(self, ID("_payload_from_tracker_item"), {item});
     if (is_none(payload)) return object();
     if (aborted(self)) {
-        drop(self, is_dict(item) ? handle(item) : handle(payload));
+        drop_aborted(self, is_dict(item) ? handle(item) : handle(payload));
         dropped = true;
         return object();
     }
@@ -53,7 +39,7 @@ object claim_loop(handle self, const char* peek) {
         if (is_none(payload)) break;
         if (is_empty_map(payload)) continue;  // a row was consumed: look again
         if (aborted(self)) {
-            drop(self, payload);
+            drop_aborted(self, payload);
             update_counts(self);
             return none();
         }
@@ -103,7 +89,7 @@ object dequeue(handle self, const char* tracker_method, const char* peek, FromMe
     }
     if (object item = from_memory(pers)) {
         if (aborted(self)) {
-            drop(self, item);
+            drop_aborted(self, item);
             return none();
         }
         update_counts(self);
@@ -136,7 +122,7 @@ object dequeue_retry_payload(handle self) {
         object snapshot = list_from(retry_queue);
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(snapshot.ptr()); ++i) {
             object item = borrow(PyList_GET_ITEM(snapshot.ptr(), i));
-            object retry_after = get(item, "retry_after");
+            object retry_after = payload_get(item, "retry_after");
             if (is_none(retry_after) || check_int(PyObject_RichCompareBool(retry_after.ptr(), now.ptr(), Py_LE)) == 1) {
                 call_method(retry_queue, ID("pop"), {int_of(i)});
                 return item;
@@ -174,13 +160,13 @@ bool flush_pending_receipt_finalizations(handle self) {
 }
 
 void handle_submission_success(handle self, handle payload, handle receipt) {
-    object eval_id = get(payload, "eval_id"), submission_type = get(payload, "submission_type");
+    object eval_id = payload_get(payload, "eval_id"), submission_type = payload_get(payload, "submission_type");
     object journal_key = none();
     bool dropped = false;
     object exc = caught([&] {
         dropped = with_lock(tracker_write_lock(self), [&] {
             if (aborted(self)) {
-                drop(self, payload);
+                drop_aborted(self, payload);
                 return true;
             }
             // Durable before any store write. The key is kept only when the file
@@ -192,7 +178,7 @@ void handle_submission_success(handle self, handle payload, handle receipt) {
             if (!is_none(path) && truthy(call(import_attr("os.path", ID("exists")), {path}))) journal_key = key;
             call_method(self, ID("_record_submission_and_delete_queue"), {payload, receipt});
             call_method(self, ID("_rewrite_receipt_journal_without"), {journal_key});
-            if (is_none(get(payload, "_queue_id")) || !persistent(self)) {
+            if (is_none(payload_get(payload, "_queue_id")) || !persistent(self)) {
                 object tracker = field(self, ID("_tracker"));
                 object exc = caught([&] {
                     call_method_kw(tracker, ID("mark_submitted"), {eval_id}, {{ID("eval_type"), submission_type}});
@@ -216,7 +202,7 @@ void handle_submission_success(handle self, handle payload, handle receipt) {
         // The receipt of an accepted submission must not be lost.
         if (!is_none(call_method(self, ID("_receipt_journal_entry"), {payload, receipt})) && is_none(journal_key))
             call_method(self, ID("_append_receipt_journal_until_durable"), {payload, receipt});
-        object queue_id = get(payload, "_queue_id"), retry_id = get(payload, "retry_id");
+        object queue_id = payload_get(payload, "_queue_id"), retry_id = payload_get(payload, "retry_id");
         object pending_key = !is_none(queue_id)   ? tuple_of({str_of("queue"), queue_id})
                              : !is_none(retry_id) ? tuple_of({str_of("retry"), retry_id})
                                                   : none();

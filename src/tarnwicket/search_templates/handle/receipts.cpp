@@ -1,6 +1,6 @@
 // Recording a receipt: the status row, the evaluation marked submitted and the
 // source row deleted, in one transaction; then the handle's own bookkeeping.
-#include "handle/handle.hpp"
+#include "handle/pipeline.hpp"
 
 #include "submission/payload.hpp"
 
@@ -8,12 +8,8 @@ namespace tw::hnd {
 
 namespace {
 
-const LateFn k_resolve_pool_ids("_resolve_submission_pool_ids");
-
-object get(handle payload, const char* key) { return mapping_get(payload, str_of(key), Py_None); }
-
 object sim_id_of(handle payload, handle eval_id, handle submission_type) {
-    object sim_id = get(payload, "sim_id");
+    object sim_id = payload_get(payload, "sim_id");
     if (truthy(sim_id)) return sim_id;
     return call(global(ID("_synthetic_submission_sim_id")), {eval_id, submission_type});
 }
@@ -27,16 +23,16 @@ void nudge(handle self) { call_method(self, ID("_maybe_fire_discovery_rate_decli
 }  // namespace
 
 void record_submission_and_delete_queue(handle self, handle payload, handle receipt) {
-    object queue_id = get(payload, "_queue_id");
-    object retry_id = get(payload, "retry_id");
+    object queue_id = payload_get(payload, "_queue_id");
+    object retry_id = payload_get(payload, "retry_id");
     object submission_id = get_attr(receipt, ID("submission_id"));
 
-    if ((is_none(queue_id) && is_none(retry_id)) || !field_true(self, ID("_tracker_uses_persistent_store"))) {
+    if ((is_none(queue_id) && is_none(retry_id)) || !persistent(self)) {
         object eval_id = getitem(payload, ID("eval_id"));
         object submission_type = getitem(payload, ID("submission_type"));
         object sim_id = sim_id_of(payload, eval_id, submission_type);
         object pool_id = payload::recorded_pool_id(payload);
-        object signal_pool_id = get(payload, "signal_pool_id");
+        object signal_pool_id = payload_get(payload, "signal_pool_id");
         if (is_text(submission_type, "signal") && is_none(signal_pool_id)) signal_pool_id = pool_id;
         with_lock(tracker_write_lock(self), [&] {
             call_method_kw(field(self, ID("_tracker")), ID("record_submission"),
@@ -47,13 +43,13 @@ void record_submission_and_delete_queue(handle self, handle payload, handle rece
         return;
     }
 
-    object submission_type = get(payload, "submission_type");
-    object eval_id = get(payload, "eval_id");
-    object era_id = get(payload, "era_id");
+    object submission_type = payload_get(payload, "submission_type");
+    object eval_id = payload_get(payload, "eval_id");
+    object era_id = payload_get(payload, "era_id");
     object sim_id = sim_id_of(payload, eval_id, submission_type);
     bool journal_replay = truthy(mapping_get(payload, ID("_journal_replay"), Py_False));
     immediate_transaction(self, "ROLLBACK failed during submission commit: %s", [&](handle conn) {
-        object pools = k_resolve_pool_ids.run<payload::resolve_pool_ids>(conn, payload);
+        object pools = resolve_pool_ids(conn, payload);
         object pool_id = getitem(pools, int_of(0));
         object signal_pool_id = getitem(pools, int_of(1));
         if (!truthy(pool_id)) raise(PyExc_ValueError, "pool_id must be a non-empty string");
@@ -64,8 +60,7 @@ void record_submission_and_delete_queue(handle self, handle payload, handle rece
         bool strategy = is_text(submission_type, "strategy");
         object marked = store::execute(conn, strategy ? store::Stmt::mark_strategy_submitted : store::Stmt::mark_signal_submitted,
                                        {eval_id});
-        object one = int_of(1);
-        if (check_int(PyObject_RichCompareBool(get_attr(marked, ID("rowcount")).ptr(), one.ptr(), Py_EQ)) != 1)
+        if (!rowcount_is_one(marked))
             raise_text(PyExc_ValueError, ftext({str_of("eval_id="), eval_id, str_of(" not found in "),
                                                 str_of(strategy ? "strategy_evaluations" : "signal_evaluations")}));
         // The retry row first: a payload may carry a stale queue id as well.
@@ -75,24 +70,23 @@ void record_submission_and_delete_queue(handle self, handle payload, handle rece
             deleted = store::execute(conn, store::Stmt::delete_claimed_retry, {retry_id, owner});
         else if (!is_none(retry_id))
             deleted = store::delete_by_identity(conn, store::Table::submission_retry, retry_id, eval_id, submission_type,
-                                                era_id, get(payload, "_source_created_at"),
-                                                get(payload, "_source_payload_json"));
+                                                era_id, payload_get(payload, "_source_created_at"),
+                                                payload_get(payload, "_source_payload_json"));
         else if (!journal_replay)
             deleted = store::execute(conn, store::Stmt::delete_claimed_queue, {queue_id, owner});
         else
             deleted = store::delete_by_identity(conn, store::Table::submission_queue, queue_id, eval_id, submission_type,
-                                                era_id, get(payload, "_source_created_at"),
-                                                get(payload, "_source_payload_json"));
-        if (check_int(PyObject_RichCompareBool(get_attr(deleted, ID("rowcount")).ptr(), one.ptr(), Py_EQ)) != 1)
-            raise(PyExc_RuntimeError, "claimed submission row was not deleted");
+                                                era_id, payload_get(payload, "_source_created_at"),
+                                                payload_get(payload, "_source_payload_json"));
+        require_rowcount_one(deleted, "claimed submission row was not deleted");
     });
     nudge(self);
 }
 
 void finalize_persisted_receipt(handle self, handle payload, handle submission_id) {
-    object submission_type = get(payload, "submission_type");
-    object eval_id = get(payload, "eval_id");
-    object era_id = get(payload, "era_id");
+    object submission_type = payload_get(payload, "submission_type");
+    object eval_id = payload_get(payload, "eval_id");
+    object era_id = payload_get(payload, "era_id");
     object sim_id = sim_id_of(payload, eval_id, submission_type);
     object previous_total, new_total;
     with_lock(lock_of(self), [&] {

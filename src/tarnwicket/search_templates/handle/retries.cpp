@@ -5,25 +5,14 @@
 //
 // The transactions work on a row this handle has claimed and prove the claim
 // with _source_sql_predicates(..., require_owner=True).
-#include "handle/handle.hpp"
+#include "handle/pipeline.hpp"
 
-#include "submission/payload.hpp"
 
 namespace tw::hnd {
 
 namespace {
 
-const LateFn k_for_storage("_submission_payload_for_storage");
-const LateFn k_require_typed_keys("_require_payload_typed_keys");
-const LateFn k_resolve_pool_ids("_resolve_submission_pool_ids");
-
-bool persistent(handle self) { return field_true(self, ID("_tracker_uses_persistent_store")); }
-object get(handle payload, const char* key) { return mapping_get(payload, str_of(key), Py_None); }
 object item(handle payload, const char* key) { return getitem(payload, str_of(key)); }
-
-object storage_json(handle payload) {
-    return payload::serialize_late(k_for_storage.run<payload::f_for_storage>(payload));
-}
 
 // (where, where_params) proving this handle's claim of the row.
 std::pair<object, object> claim_predicates(handle self, handle payload, const char* id_name, handle id) {
@@ -31,13 +20,6 @@ std::pair<object, object> claim_predicates(handle self, handle payload, const ch
                                  {{ID("require_owner"), handle(Py_True)}});
     return {getitem(pred, int_of(0)), getitem(pred, int_of(1))};
 }
-
-void require_rowcount_one(handle cursor, const char* text) {
-    object n = get_attr(cursor, ID("rowcount"));
-    if (check_int(PyObject_RichCompareBool(n.ptr(), int_of(1).ptr(), Py_EQ)) != 1) raise(PyExc_RuntimeError, text);
-}
-
-void update_counts(handle self) { call_method(self, ID("_update_submission_counts")); }
 
 // tracker.<method>(id, eval_id, type, payload_json, era_id, reason, count, retry_after=...) under the write lock
 void tell_tracker(handle self, const char* method, std::initializer_list<handle> args, handle retry_after) {
@@ -71,7 +53,7 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
 
     bool persisted = false;
     object exc = caught([&] {
-        object retry_id = get(payload, "retry_id");
+        object retry_id = payload_get(payload, "retry_id");
         object previous = steal(PyNumber_Subtract(next_count.ptr(), one.ptr()));
         persisted = true;
         if (!is_none(retry_id) && persistent(self)) {
@@ -82,7 +64,7 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
                          {retry_id, item(payload, "eval_id"), item(payload, "submission_type"), payload_json,
                           item(payload, "era_id"), rejection_reason, previous},
                          retry_after);
-        } else if (!is_none(get(payload, "_queue_id")) && persistent(self)) {
+        } else if (!is_none(payload_get(payload, "_queue_id")) && persistent(self)) {
             call_method(self, ID("_move_claimed_queue_to_retry"), {payload, payload_json, rejection_reason, retry_after});
         } else if (check_int(PyObject_RichCompareBool(next_count.ptr(), one.ptr(), Py_EQ)) == 1) {
             tell_tracker(self, "enqueue_retry",
@@ -101,7 +83,7 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
     if (exc) {
         call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of("enqueue_retry"), exc},
                        {{ID("backoff"), handle(Py_True)}});
-        if (persistent(self) && (!is_none(get(payload, "_queue_id")) || !is_none(get(payload, "retry_id")))) {
+        if (persistent(self) && (!is_none(payload_get(payload, "_queue_id")) || !is_none(payload_get(payload, "retry_id")))) {
             update_counts(self);  // the claimed source row is still there, with its old count
             return none();
         }
@@ -112,7 +94,7 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
         return none();
     }
 
-    object retry_payload = PyDict_CheckExact(payload.ptr()) ? dict_copy(payload) : call_method(payload, ID("copy"));
+    object retry_payload = shallow_copy(payload);
     setitem(retry_payload, ID("retry_count"), next_count);
     setitem(retry_payload, ID("retry_after"), retry_after);
     append_to(field(self, ID("_retry_queue")), retry_payload);
@@ -125,12 +107,12 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
 
 object move_claimed_queue_to_retry(handle self, handle payload, handle payload_json, handle rejection_reason,
                                    handle retry_after) {
-    object queue_id = get(payload, "_queue_id");
+    object queue_id = payload_get(payload, "_queue_id");
     if (is_none(queue_id)) raise(PyExc_ValueError, "queue_id required to move submission_queue row to retry");
-    k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("submission_queue"), queue_id);
+    require_typed_keys(payload, "submission_queue", queue_id);
     return immediate_transaction(self, "ROLLBACK failed during retry-move: %s", [&](handle conn) {
         auto [where, where_params] = claim_predicates(self, payload, "queue_id", queue_id);
-        object pool_id = getitem(k_resolve_pool_ids.run<payload::resolve_pool_ids>(conn, payload), int_of(0));
+        object pool_id = getitem(resolve_pool_ids(conn, payload), int_of(0));
         if (!truthy(pool_id)) raise(PyExc_ValueError, "pool_id must be a non-empty string");
         object inserted = store::execute(conn, store::Stmt::insert_retry_from_queue,
                                          {item(payload, "eval_id"), item(payload, "submission_type"), pool_id,
@@ -144,9 +126,9 @@ object move_claimed_queue_to_retry(handle self, handle payload, handle payload_j
 
 void update_claimed_retry_payload(handle self, handle payload, handle payload_json, handle rejection_reason,
                                   handle retry_count, handle retry_after) {
-    object retry_id = get(payload, "retry_id");
+    object retry_id = payload_get(payload, "retry_id");
     if (is_none(retry_id)) raise(PyExc_ValueError, "retry_id required to update submission_retry row");
-    k_require_typed_keys.run<payload::require_typed_keys>(payload, str_of("submission_retry"), retry_id);
+    require_typed_keys(payload, "submission_retry", retry_id);
     if (!truthy(call_method(self, ID("_ensure_retry_claim_columns"))))
         raise(PyExc_RuntimeError, "submission_retry claim columns unavailable");
     immediate_transaction(self, "ROLLBACK failed during retry-payload update: %s", [&](handle conn) {
@@ -160,7 +142,7 @@ void update_claimed_retry_payload(handle self, handle payload, handle payload_js
 }
 
 void defer_claimed_retry_payload(handle self, handle payload, handle retry_after, handle rejection_reason) {
-    object retry_id = get(payload, "retry_id");
+    object retry_id = payload_get(payload, "retry_id");
     if (is_none(retry_id)) raise(PyExc_ValueError, "retry_id required to defer submission_retry row");
     if (!truthy(call_method(self, ID("_ensure_retry_claim_columns"))))
         raise(PyExc_RuntimeError, "submission_retry claim columns unavailable");
@@ -175,7 +157,7 @@ void defer_claimed_retry_payload(handle self, handle payload, handle retry_after
 }
 
 void defer_claimed_queue_payload(handle self, handle payload) {
-    object queue_id = get(payload, "_queue_id");
+    object queue_id = payload_get(payload, "_queue_id");
     if (is_none(queue_id)) raise(PyExc_ValueError, "queue_id required to defer submission_queue row");
     if (!truthy(call_method(self, ID("_ensure_submission_claim_columns"))))
         raise(PyExc_RuntimeError, "submission_queue claim columns unavailable");
@@ -189,10 +171,10 @@ void defer_claimed_queue_payload(handle self, handle payload) {
 // ---------------------------------------------------------------- exhaustion
 
 object retry_exhausted_submission_id(handle self, handle payload) {
-    object known = get(payload, "submission_id");
+    object known = payload_get(payload, "submission_id");
     if (truthy(known)) return known;
     if (!persistent(self)) return none();
-    object eval_id = get(payload, "eval_id"), type = get(payload, "submission_type"), era_id = get(payload, "era_id");
+    object eval_id = payload_get(payload, "eval_id"), type = payload_get(payload, "submission_type"), era_id = payload_get(payload, "era_id");
     if (is_none(eval_id) || is_none(type) || is_none(era_id)) return none();
     object row = with_lock(tracker_write_lock(self), [&] {
         object cur = store::execute(tracker_conn(self), store::Stmt::open_submission_of_eval, {eval_id, type, era_id});
