@@ -60,14 +60,17 @@ def test_outcome_hook_decides_the_terminal_status(service, client):
         "not_useful", "too correlated", None)
 
 
-def test_idempotency_key_returns_the_same_submission(service, client):
+def test_one_submission_per_idempotency_key(service, client):
     first = client.submit_signal(**signal_kwargs())
-    again = client.submit_signal(**signal_kwargs(is_pnl_mi=0.2))
+    again = client.submit_signal(**signal_kwargs())
     other = client.submit_signal(**signal_kwargs(idempotency_key="key-2"))
-    assert again.submission_id == first.submission_id
-    assert other.submission_id != first.submission_id
-    assert service.submission_count == 2
-    assert service.request_counts["submit"] == 3
+    reused = client.submit_signal(**signal_kwargs(is_pnl_mi=0.2))
+    assert (first.status_code, again.status_code, again.body["duplicate"]) == (201, 200, True)
+    assert again.submission_id == first.submission_id != other.submission_id
+    assert (reused.status_code, reused.submission_id) == (409, None)
+    assert service.submission_count == 2 and service.request_counts["submit"] == 4
+    # key-2 carries the same signal under a second key: the service holds that body twice
+    assert service.counts() == {"submissions": 2, "repeats": 1, "key_conflicts": 1, "bodies_held_twice": 1}
 
 
 def test_key_derived_from_the_body_when_none_is_given(service, client):
@@ -153,3 +156,50 @@ def test_rejection_error_exposes_the_error_text_as_reason():
     err = SubmissionRejectedError(403, "banned", {"ban_expiry": 5}, body=[1])
     assert (err.status_code, err.reason, err.details, err.body) == (
         403, "banned", {"ban_expiry": 5}, [1])
+
+
+def test_fault_rates_text():
+    from tarnwicket.local_signal_service import FaultRates
+
+    rates = FaultRates.parse(" drop=0.1, 5xx=0.2,401=0.05 ,403=0.05,lost=0.1,slow=0.5,slow_seconds=2,seed=7")
+    assert (rates.drop, rates.lost, rates.slow, rates.slow_seconds, rates.seed) == (0.1, 0.1, 0.5, 2.0, 7)
+    assert rates.codes == ((401, 0.05), (403, 0.05), (503, 0.2))
+    assert FaultRates.parse("") == FaultRates()
+    for bad, words in [("drop", "name=value"), ("flood=0.1", "unknown fault"), ("drop=x", "not a number"),
+                       ("drop=1.5", "out of range"), ("302=0.1", "unknown fault"), ("slow_seconds=-1", "out of range"),
+                       ("drop=nan", "out of range"), ("drop=0.6,500=0.6", "more than 1")]:
+        with pytest.raises(ValueError, match=words):
+            FaultRates.parse(bad)
+
+
+def test_random_faults_and_an_answer_lost_after_the_work_was_done():
+    with LocalSignalService(token=TOKEN, faults="drop=0.25,503=0.25,403=0.25,lost=0.25,seed=1") as svc, \
+            SignalServiceClient(svc.url, TOKEN, timeout=5.0) as client:
+        results = [client.submit_signal(**signal_kwargs(idempotency_key=f"k{i}")) for i in range(40)]
+        codes = {r.status_code for r in results}
+        assert codes == {0, 403, 503}  # every request faulted: a drop and a lost answer both read as 0
+        assert all(r.body["ban_expiry"] > 0 for r in results if r.status_code == 403)
+        assert set(svc.fault_counts) == {"drop", "lost", "403", "503"}
+        assert svc.submission_count == svc.fault_counts["lost"]  # lost answers: done, never heard of
+        svc.clear_faults()
+        held = {s.idempotency_key: s.submission_id for s in svc.submissions()}
+        again = [client.submit_signal(**signal_kwargs(idempotency_key=k)) for k in held]
+        assert [r.submission_id for r in again] == list(held.values())  # the re-send finds its submission
+        assert svc.counts()["repeats"] == len(held)
+
+
+def test_what_the_service_accepted_survives_its_restart(tmp_path):
+    path = str(tmp_path / "service.db")
+    with LocalSignalService(token=TOKEN, db_path=path) as first, \
+            SignalServiceClient(first.url, TOKEN) as client:
+        sid = client.submit_signal(**signal_kwargs()).submission_id
+        assert client.get_signal_status(sid).body["status"] == "is_validating"
+    first.close()
+    second = LocalSignalService(token=TOKEN, db_path=path, polls_to_terminal=1).start()
+    try:
+        with SignalServiceClient(second.url, TOKEN) as client:
+            assert client.submit_signal(**signal_kwargs()).submission_id == sid
+            assert client.get_signal_status(sid).body["status"] == "found"  # its second poll
+        assert second.get(sid).polls == 2 and second.counts()["repeats"] == 1
+    finally:
+        second.close()

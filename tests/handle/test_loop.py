@@ -107,3 +107,26 @@ def test_after_stop_the_loop_finishes_the_work_held_in_memory(make_handle, accep
     h.stop(join_timeout=5.0)
     assert not h._submission_thread.is_alive()
     assert sorted(accept) == ["m0", "m1", "m2"] and h._submission_queue.empty()
+
+
+def test_a_backoff_with_rows_waiting_is_waited_out_not_spun(h, store, claimed):
+    """Rows keep arriving during an outage; the thread must leave the evaluators the CPU."""
+    import threading
+    import time
+
+    passes = []
+    h._flush_pending_receipt_finalizations = lambda: passes.append(1) or True
+    h._submission_queue.put({"eval_id": "wake-up"})  # in-memory work: no idle wait
+    h._submission_backoff = True
+    h._submission_backoff_until = time.monotonic() + 60.0
+
+    def stop():
+        h._stop_event.set()
+        h._submission_queue.get_nowait()
+
+    threading.Timer(1.2, stop).start()
+    started = time.monotonic()
+    h._submission_loop_inner()
+    assert len(passes) <= 5  # a poll interval per pass, not thousands of passes
+    assert time.monotonic() - started < 3.0  # the stop ends the wait
+    assert table(store, "submission_queue", "in_flight_owner") == [(h._submission_owner,)]  # nothing taken

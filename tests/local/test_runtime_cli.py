@@ -106,6 +106,7 @@ def test_prepare_local_runtime(tmp_path):
 class _Status:
     def __init__(self, n):
         self.total_evaluated, self.total_found, self.submission_queued, self.errors = n, n // 10, 0, []
+        self.submission_discarded = 0
 
 
 class _FakeHandle:

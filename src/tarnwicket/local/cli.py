@@ -69,8 +69,22 @@ def build_parser() -> argparse.ArgumentParser:
                         help="seed of the synthetic data set, used when it is first written "
                              "(default: 0)")
     search.add_argument("--server-url", default=None, metavar="URL",
-                        help="signal service to submit to (default: none configured)")
+                        help="signal service to submit to (default: a loopback service started "
+                             "for this search, keeping what it accepted in the data directory)")
+    search.add_argument("--service-faults", type=_fault_rates, default=None, metavar="SPEC",
+                        help="make the loopback service inject faults at random, e.g. "
+                             "drop=0.1,5xx=0.1,401=0.05,403=0.05,lost=0.05,slow=0.1,seed=1 "
+                             "(default: the environment variable TARNWICKET_SERVICE_FAULTS)")
     return parser
+
+
+def _fault_rates(text: str):
+    from tarnwicket.local_signal_service import FaultRates
+
+    try:
+        return FaultRates.parse(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
 
 
 def _err(message: str) -> None:
@@ -207,7 +221,8 @@ def _prepare(args, out, stops):
             out.line(f"Preparing the local runtime in {os.path.expanduser(args.data_dir)} ...")
             if out.closed:
                 return EXIT_PIPE
-            return prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url)
+            return prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url,
+                                         service_faults=args.service_faults)
         finally:
             stops.interrupting = False
     except _Interrupted:
@@ -228,7 +243,13 @@ def _run_search(args, out, stops) -> int:
     runtime = _prepare(args, out, stops)
     if isinstance(runtime, int):
         return runtime
+    try:
+        return _search_with(runtime, args, out, stops)
+    finally:
+        runtime.close()
 
+
+def _search_with(runtime, args, out, stops) -> int:
     import tarnwicket.search_templates as st
 
     search = getattr(st, "search", None)
@@ -238,6 +259,7 @@ def _run_search(args, out, stops) -> int:
         return EXIT_FAILED
     if stops.signum is not None or out.reader_gone():
         return EXIT_FAILED
+    since = time.time()
     try:
         handle = search(template, n_jobs=args.jobs)
     except Exception as exc:                      # a start-up refusal, told in one line
@@ -245,14 +267,14 @@ def _run_search(args, out, stops) -> int:
         _mark_ended(runtime)
         return EXIT_FAILED
     try:
-        evaluated, elapsed, failure = _watch(handle, args.seconds, runtime, out, stops)
+        evaluated, elapsed, failure = _watch(handle, args.seconds, runtime, out, stops, since)
     finally:
         try:
             handle.stop()
         except Exception as exc:
             _err(f"stopping the search failed: {exc}")
         _mark_ended(runtime)
-    _print_summary(runtime, evaluated, elapsed, out)
+    _print_summary(runtime, evaluated, elapsed, out, since)
     if failure is not None:
         _err(f"the search ended with an error: {failure}")
         return EXIT_FAILED
@@ -269,11 +291,11 @@ def _mark_ended(runtime) -> None:
         _err(f"could not mark the search as ended in the store: {exc}")
 
 
-def _watch(handle, seconds: float, runtime, out: _Output, stops: _StopRequests):
+def _watch(handle, seconds: float, runtime, out: _Output, stops: _StopRequests, since: float):
     """Show progress until the time limit, a stop request or a closed output; return (evaluated, elapsed, failure)."""
     from .summary import LiveCounts, find_store, progress_line
 
-    counts = LiveCounts(find_store(runtime.search_tracker, runtime.data_dir), time.time())
+    counts = LiveCounts(find_store(runtime.search_tracker, runtime.data_dir), since)
     tty = sys.stdout.isatty()
     start = time.monotonic()
     baseline = None
@@ -293,8 +315,8 @@ def _watch(handle, seconds: float, runtime, out: _Output, stops: _StopRequests):
                 baseline = s.total_evaluated
             evaluated = s.total_evaluated - baseline
             rate = evaluated / elapsed if elapsed > 0 else 0.0
-            found, queued = counts.read()
-            line = progress_line(evaluated, rate, found, queued, len(s.errors), elapsed, seconds)
+            line = progress_line(evaluated, rate, counts.read(), s.submission_discarded,
+                                 len(s.errors), elapsed, seconds)
             if tty:
                 out.line("\r" + line.ljust(100), end="")
             elif now - last_print >= 5.0:
@@ -312,8 +334,8 @@ def _watch(handle, seconds: float, runtime, out: _Output, stops: _StopRequests):
     return evaluated, time.monotonic() - start, failure
 
 
-def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output) -> None:
-    from .summary import find_store, stored_evaluations, summary_lines
+def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output, since: float) -> None:
+    from .summary import find_store, stored_evaluations, submissions_line, summary_lines
 
     if out.closed:
         return
@@ -322,6 +344,7 @@ def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output) -> Non
     passed = runtime.evaluator.passed_signals()
     for line in summary_lines(passed, stored, db_path, evaluated, elapsed):
         out.line(line)
+    out.line(submissions_line(db_path, since, runtime.server_url))
     out.line(f"Local data and settings: {runtime.data_dir}")
 
 

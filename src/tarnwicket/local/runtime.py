@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import importlib
 import os
+import sqlite3
 
 from .checks import check_store, check_vocabulary
 from .data_source import LocalMarketSource
+from .files import DamagedFile
 from .era import LocalAuth, LocalEraConfig, ensure_seed_file, load_or_create_wallet_secret
 from .evaluator import LocalEvaluator
 from .market_data import UNIVERSE_ID, load_panel, panel_path
@@ -21,7 +23,7 @@ class LocalRuntime:
     vocabulary_raw = None          # the vocabulary file is read through load_vocabulary
 
     def __init__(self, *, data_dir, auth_proxy, sync_manager, search_tracker,
-                 search_era_config, evaluator, source, server_url=None):
+                 search_era_config, evaluator, source, server_url=None, signal_service=None):
         self.data_dir = data_dir
         self.auth_proxy = auth_proxy
         self.sync_manager = sync_manager
@@ -30,6 +32,13 @@ class LocalRuntime:
         self.evaluator = evaluator
         self.source = source
         self.server_url = server_url
+        self.signal_service = signal_service   # the loopback service this runtime started, if any
+
+    def close(self) -> None:
+        """Stop the loopback signal service, if this runtime started one."""
+        service, self.signal_service = self.signal_service, None
+        if service is not None:
+            service.close()
 
     def __repr__(self) -> str:
         return f"LocalRuntime(data_dir={self.data_dir!r}, universe={self.valid_universe_id!r})"
@@ -63,16 +72,46 @@ def usable_data_dir(data_dir: str) -> str:
     return path
 
 
+def start_signal_service(data_dir: str, token: str, faults=None):
+    """The loopback signal service of ``data_dir``, serving on a free port.
+
+    ``faults`` (text or ``FaultRates``) injects faults at random; when it is
+    None the environment variable named by ``FAULTS_ENV`` is read instead.
+    """
+    from tarnwicket.local_signal_service import DB_FILENAME, FAULTS_ENV, LocalSignalService
+
+    if faults is None:
+        faults = os.environ.get(FAULTS_ENV) or None
+    path = os.path.join(data_dir, DB_FILENAME)
+    try:
+        service = LocalSignalService(token=token, db_path=path, faults=faults)
+    except sqlite3.DatabaseError as exc:
+        raise DamagedFile(path, f"cannot be used as the signal service's store ({exc})",
+                          "move it away to start the local signal service afresh "
+                          "(what it holds was already recorded by the searches that sent it)") from None
+    try:
+        return service.start()
+    except BaseException:
+        service.close()
+        raise
+
+
 def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
-                          server_url: str | None = None) -> LocalRuntime:
+                          server_url: str | None = None, service_faults=None) -> LocalRuntime:
     """Build the local runtime, syncing the local data set first if needed.
+
+    Unless ``server_url`` names a signal service, the loopback one is started
+    for this runtime (``runtime.signal_service``; ``runtime.close()`` stops it)
+    with the runtime's own token, keeping what it accepted in the data
+    directory; ``service_faults`` makes it inject faults (see
+    ``tarnwicket.local_signal_service.FaultRates``).
 
     The store, the market data, the vocabulary and the wallet secret are checked
     before anything is written; a damaged one raises ``DamagedFile`` (a
     ``ValueError``) and is left as it is.
 
     Also points ``tarnwicket.agent_onboarding._config`` at the data directory
-    (and the server URL, when given) and publishes the runtime as
+    and the server URL, and publishes the runtime as
     ``tarnwicket.search_templates._library_runtime``.
     """
     from tarnwicket.search_tracking import DB_FILENAME, SearchTracker
@@ -88,17 +127,28 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     wallet_secret = load_or_create_wallet_secret(data_dir)
     era_config = LocalEraConfig()
     ensure_seed_file(data_dir, wallet_secret, era_config.era_id)
+    auth = LocalAuth(wallet_secret)
+    service = None
+    if server_url is None:
+        service = start_signal_service(data_dir, auth.get_token(), service_faults)
+        server_url = service.url
 
-    runtime = LocalRuntime(
-        data_dir=data_dir,
-        auth_proxy=LocalAuth(wallet_secret),
-        sync_manager=sync_manager,
-        search_tracker=SearchTracker(data_dir),
-        search_era_config=era_config,
-        evaluator=LocalEvaluator(data_dir, UNIVERSE_ID, thresholds=era_config.thresholds),
-        source=source,
-        server_url=server_url,
-    )
+    try:
+        runtime = LocalRuntime(
+            data_dir=data_dir,
+            auth_proxy=auth,
+            sync_manager=sync_manager,
+            search_tracker=SearchTracker(data_dir),
+            search_era_config=era_config,
+            evaluator=LocalEvaluator(data_dir, UNIVERSE_ID, thresholds=era_config.thresholds),
+            source=source,
+            server_url=server_url,
+            signal_service=service,
+        )
+    except BaseException:
+        if service is not None:
+            service.close()
+        raise
     try:
         onboarding = importlib.import_module("tarnwicket.agent_onboarding")
     except ModuleNotFoundError as exc:
@@ -106,8 +156,7 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
             raise
     else:
         onboarding._config["data_dir"] = data_dir
-        if server_url is not None:
-            onboarding._config["server_url"] = server_url
+        onboarding._config["server_url"] = server_url
     search_templates = importlib.import_module("tarnwicket.search_templates")
     search_templates._library_runtime = runtime
     return runtime

@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 import os
 import sqlite3
-from typing import Any, Iterable
+from typing import Any, Iterable, NamedTuple
 
 
 def expression_text(graph: Any) -> str:
@@ -24,40 +24,71 @@ def expression_text(graph: Any) -> str:
     return f"{node}({args})"
 
 
-def progress_line(evaluated: int, rate: float, found: int, queued: int, errors: int,
+class Counts(NamedTuple):
+    found: int = 0      # evaluations of this run that passed
+    queued: int = 0     # rows waiting in the submission queue
+    sent: int = 0       # receipts of this run recorded in the store
+    retrying: int = 0   # rows waiting in the retry table
+
+
+def progress_line(evaluated: int, rate: float, counts: Counts, discarded: int, errors: int,
                   elapsed: float, limit: float) -> str:
-    return (f"[{elapsed:5.0f}s/{limit:.0f}s] evaluated {evaluated:,}  "
-            f"{rate:,.0f}/s  signals {found:,}  queued {queued:,}  errors {errors}")
+    return (f"[{elapsed:5.0f}s/{limit:.0f}s] evaluated {evaluated:,}  {rate:,.0f}/s  "
+            f"signals {counts.found:,}  queued {counts.queued:,}  sent {counts.sent:,}  "
+            f"retrying {counts.retrying:,}  discarded {discarded:,}  errors {errors}")
+
+
+_COUNTS_SQL = (
+    "SELECT (SELECT COUNT(*) FROM signal_evaluations WHERE passed=1 AND created_at>=:since), "
+    "(SELECT COUNT(*) FROM submission_queue), "
+    "(SELECT COUNT(*) FROM submission_status WHERE submitted_at>=:since), "
+    "(SELECT COUNT(*) FROM submission_retry)")
+
+
+def read_counts(conn: sqlite3.Connection, since: float) -> Counts:
+    return Counts(*(int(n) for n in conn.execute(_COUNTS_SQL, {"since": since}).fetchone()))
 
 
 class LiveCounts:
-    """Signals passed in this run and rows waiting in the queue, read from the store."""
+    """The run's counts, read from the store while the search writes it."""
 
     def __init__(self, db_path: str | None, since: float):
         self.since = since
         self.conn = None
         if db_path:
-            import sqlite3
-
             try:
                 self.conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, check_same_thread=False)
             except sqlite3.Error:
                 self.conn = None
 
-    def read(self) -> tuple[int, int]:
+    def read(self) -> Counts:
         if self.conn is None:
-            return 0, 0
+            return Counts()
         try:
-            found = self.conn.execute("SELECT COUNT(*) FROM signal_evaluations WHERE passed=1 AND created_at>=?",
-                                      (self.since,)).fetchone()[0]
-            queued = self.conn.execute("SELECT COUNT(*) FROM submission_queue").fetchone()[0]
-            return int(found), int(queued)
-        except Exception:
-            return 0, 0
+            return read_counts(self.conn, self.since)
+        except sqlite3.Error:          # busy or not yet created: the next look will tell
+            return Counts()
 
     def close(self) -> None:
         if self.conn is not None:
             self.conn.close()
+
+
+def submissions_line(db_path: str | None, since: float, server_url: str | None) -> str:
+    """What the run sent to the signal service, and what is still waiting."""
+    if not db_path:
+        return "No store was found, so nothing can be said about submissions."
+    try:
+        conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, timeout=5.0)
+        try:
+            counts = read_counts(conn, since)
+        finally:
+            conn.close()
+    except sqlite3.Error as exc:
+        return f"Submissions could not be counted: {exc}"
+    plural = "" if counts.sent == 1 else "s"
+    return (f"Sent {counts.sent:,} signal{plural} to the signal service at {server_url}; "
+            f"{counts.queued:,} waiting in the queue, {counts.retrying:,} waiting to retry.")
 
 
 def find_store(tracker: Any, data_dir: str) -> str | None:

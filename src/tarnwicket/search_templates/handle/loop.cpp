@@ -216,6 +216,10 @@ void handle_submission_success(handle self, handle payload, handle receipt) {
     update_counts(self);
 }
 
+// Rows arriving during a backoff are in-memory work, which skips the idle wait:
+// without a sleep here the thread would spin until the window ends.
+static void wait_in_backoff(handle left) { call(global(ID("_submission_backoff_sleep")), {left}); }
+
 object submission_loop_inner(handle self) {
     for (;;) {
         if (host_exiting() || stopping_idle(self) || degraded(self) || aborted(self)) return none();
@@ -227,15 +231,19 @@ object submission_loop_inner(handle self) {
         if (aborted(self) || stopping_idle(self)) return none();
         call_method(self, ID("_flush_pending_receipt_finalizations"));
         if (aborted(self)) return none();
-        bool waiting = with_lock(lock_of(self), [&] {
-            if (!in_backoff(self)) return false;
+        object left = with_lock(lock_of(self), [&]() -> object {
+            if (!in_backoff(self)) return object();
             object now = float_of(monotonic());
-            if (check_int(PyObject_RichCompareBool(now.ptr(), field(self, ID("_submission_backoff_until")).ptr(), Py_LT)) == 1)
-                return true;
+            object until = field(self, ID("_submission_backoff_until"));
+            if (check_int(PyObject_RichCompareBool(now.ptr(), until.ptr(), Py_LT)) == 1)
+                return steal(PyNumber_Subtract(until.ptr(), now.ptr()));
             set_field(self, ID("_submission_backoff"), bool_of(false));
-            return false;
+            return object();
         });
-        if (waiting) continue;  // nothing is taken during a backoff
+        if (left) {  // nothing is taken during a backoff
+            wait_in_backoff(left);
+            continue;
+        }
         for (;;) {
             if (stopping_idle(self) || aborted(self)) break;
             bool processed = false;
