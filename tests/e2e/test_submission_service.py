@@ -1,0 +1,156 @@
+"""Searches in child processes sending to the loopback signal service over HTTP:
+under injected faults, across a kill and a restart, and two processes on one
+store. The service's own store is the witness of what it was sent."""
+
+import os
+import shutil
+import signal
+import sqlite3
+import subprocess
+import sys
+import time
+
+import pytest
+
+from fakes.runtime import wait_until
+
+ASAN = "asan" in os.environ.get("LD_PRELOAD", "")
+SLOW = 3 if ASAN else 1  # the sanitizers make evaluation several times slower
+# A child process: the search command, with the claim lease of the module set from the environment.
+CHILD = ("import os, sys\n"
+         "import tarnwicket.search_templates as st\n"
+         "st.SUBMISSION_QUEUE_LEASE_SECONDS = float(os.environ['LEASE'])\n"
+         "from tarnwicket.local.cli import main\n"
+         "sys.exit(main(sys.argv[1:]))\n")
+
+
+def search(data_dir, seconds, *args, lease=300.0, jobs=1):
+    argv = [sys.executable, "-c", CHILD, "search", "--data-dir", str(data_dir), "--jobs", str(jobs),
+            "--seconds", str(seconds * SLOW), *args]
+    return subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            env=dict(os.environ, PYTHONUNBUFFERED="1", LEASE=str(lease)))
+
+
+def finish(child, timeout=120):
+    try:
+        out, err = child.communicate(timeout=timeout * SLOW)
+    finally:
+        if child.poll() is None:
+            child.kill()
+            child.communicate()
+    assert child.returncode == 0, err
+    assert "Traceback" not in err
+    return out
+
+
+@pytest.fixture(scope="module")
+def prepared(tmp_path_factory):
+    """A data directory with the data set and the wallet written, and an empty store."""
+    data_dir = tmp_path_factory.mktemp("prepared") / "local"
+    code = ("import sys; from tarnwicket.local.runtime import prepare_local_runtime as p; "
+            "p(sys.argv[1], server_url='http://unused.invalid').close()")
+    subprocess.run([sys.executable, "-c", code, str(data_dir)], check=True, timeout=120)
+    return data_dir
+
+
+@pytest.fixture
+def data_dir(prepared, tmp_path):
+    copy = tmp_path / "local"
+    shutil.copytree(prepared, copy)
+    return copy
+
+
+@pytest.fixture
+def service(data_dir, tmp_path):
+    """The service in a process of its own, with the token of `data_dir`'s wallet."""
+    from tarnwicket.local.era import LocalAuth, load_or_create_wallet_secret
+
+    token = LocalAuth(load_or_create_wallet_secret(str(data_dir))).get_token()
+    db = str(tmp_path / "service.db")
+    proc = subprocess.Popen([sys.executable, "-m", "tarnwicket.local_signal_service", "--db", db,
+                             "--token", token], stdout=subprocess.PIPE, text=True)
+    try:
+        url = proc.stdout.readline().strip()
+        assert url.startswith("http://127.0.0.1:"), url
+        yield url, db
+    finally:
+        proc.send_signal(signal.SIGTERM)
+        proc.wait(10)
+
+
+def reconcile(data_dir, service_db):
+    """Every submission the service holds is recorded once in the store, and every
+    passed evaluation sits in one place: queue, retry table or status table."""
+    from tarnwicket.local_signal_service import read_store
+
+    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    try:
+        passed = {r[0] for r in store.execute("SELECT eval_id FROM signal_evaluations WHERE passed=1")}
+        places = [("queue", r[0]) for r in store.execute("SELECT eval_id FROM submission_queue")]
+        places += [("retry", r[0]) for r in store.execute("SELECT eval_id FROM submission_retry")]
+        statuses = store.execute("SELECT eval_id, submission_id, rejection_reason FROM submission_status").fetchall()
+        attempts = store.execute("SELECT COUNT(*), COALESCE(SUM(attempt_count), 0) FROM submission_attempts").fetchone()
+    finally:
+        store.close()
+    places += [("status", r[0]) for r in statuses]
+    held = sqlite3.connect(f"file:{service_db}?mode=ro", uri=True)
+    try:
+        service_ids = {r[0] for r in held.execute("SELECT submission_id FROM submissions")}
+    finally:
+        held.close()
+    recorded = [sid for _, sid, reason in statuses if not (reason or "").startswith("retry_exhausted")]
+    assert sorted(recorded) == sorted(service_ids)  # each accepted submission recorded exactly once
+    placed = [eval_id for _, eval_id in places]
+    assert len(placed) == len(set(placed)) and set(placed) <= passed
+    counts = read_store(service_db)
+    assert counts["key_conflicts"] == 0 and counts["bodies_held_twice"] == 0
+    return {"passed": len(passed), "unplaced": len(passed) - len(placed), "sent": len(service_ids),
+            "waiting": sum(kind != "status" for kind, _ in places), "repeats": counts["repeats"],
+            "attempts": attempts[0], "sends": attempts[1]}
+
+
+def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
+    faults = "drop=0.06,5xx=0.06,401=0.12,403=0.12,ban_seconds=1,seed=11"
+    first = finish(search(data_dir, 12, "--service-faults", faults, jobs=2))
+    assert "retrying" in first
+    # The same data directory without faults: what waited is sent, by the same service store.
+    finish(search(data_dir, 10))
+    r = reconcile(data_dir, str(data_dir / "signal_service.db"))
+    assert r["sends"] > r["attempts"]  # faults made some attempts go again
+    assert r["repeats"] == 0 and r["sent"] >= 10
+    assert r["unplaced"] <= 2  # a pass recorded as each run stopped may have missed its row
+
+
+def test_a_search_killed_and_restarted_sends_nothing_the_service_holds(data_dir, service):
+    url, db = service
+    from tarnwicket.local_signal_service import read_store
+
+    child = search(data_dir, 60, "--server-url", url, lease=3.0)
+    try:
+        assert wait_until(lambda: read_store(db)["submissions"] >= 5, timeout=60 * SLOW, interval=0.05)
+    finally:
+        child.kill()
+        child.communicate()
+    killed_at = time.time()
+    out = finish(search(data_dir, 8, "--server-url", url, lease=3.0))
+    assert "Sent " in out
+    r = reconcile(data_dir, db)
+    assert r["unplaced"] <= 2  # one pass at the kill, one at the stop may have missed their rows
+    assert r["repeats"] <= 1  # only an answer the kill cut off before its journal entry goes again
+    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    try:  # the dead owner's claims ran out and its rows were sent by the next process
+        left = store.execute("SELECT COUNT(*) FROM submission_queue WHERE created_at < ?", (killed_at,)).fetchone()[0]
+    finally:
+        store.close()
+    assert left == 0
+
+
+def test_two_processes_on_one_store_never_both_send_a_row(data_dir, service):
+    url, db = service
+    children = [search(data_dir, 12, "--server-url", url, lease=5.0) for _ in range(2)]
+    for child in children:
+        finish(child)
+    r = reconcile(data_dir, db)
+    assert r["sent"] >= 10
+    assert r["repeats"] == 0  # a row sent by both would have reached the service twice under its key
+    assert r["unplaced"] <= 2
