@@ -19,6 +19,7 @@ class TestCommandLine:
         (["search", "--seconds", "nan"], "positive number of seconds"),
         (["search", "--seed", "x"], "--seed"),
         (["search", "--frobnicate"], "unrecognized arguments"),
+        (["search", "--service-faults", "drop=2"], "--service-faults: fault drop: 2.0 is out of range"),
         (["launch"], "invalid choice"),
     ])
     def test_bad_options_give_one_line_and_exit_2(self, capsys, argv, words):
@@ -101,6 +102,31 @@ def test_prepare_local_runtime(tmp_path):
                                               wallet_secret=runtime.auth_proxy.wallet_secret,
                                               era_id=runtime.search_era_config.era_id)
     assert runtime.evaluator.reconstructed
+
+
+def test_the_runtime_starts_its_own_service_unless_given_one(tmp_path, monkeypatch):
+    import tarnwicket.agent_onboarding as onboarding
+    from tarnwicket.local import prepare_local_runtime
+    from tarnwicket.submit import SignalServiceClient
+
+    monkeypatch.setenv("TARNWICKET_SERVICE_FAULTS", "503=1")
+    runtime = prepare_local_runtime(str(tmp_path / "d"))
+    try:
+        assert onboarding._config["server_url"] == runtime.server_url == runtime.signal_service.url
+        with SignalServiceClient(runtime.server_url, runtime.auth_proxy.get_token()) as client:
+            assert client.get_signal_status("sub_x").status_code == 503  # the environment's faults
+        runtime.signal_service.clear_faults()
+        with SignalServiceClient(runtime.server_url, runtime.auth_proxy.get_token()) as client:
+            assert client.get_signal_status("sub_x").status_code == 404  # the runtime's own token is good
+    finally:
+        runtime.close()
+    assert os.path.exists(tmp_path / "d" / "signal_service.db")
+    elsewhere = prepare_local_runtime(str(tmp_path / "d"), server_url="http://127.0.0.1:9")
+    assert elsewhere.signal_service is None and onboarding._config["server_url"] == "http://127.0.0.1:9"
+
+    (tmp_path / "d" / "signal_service.db").write_bytes(b"not a database" * 100)
+    with pytest.raises(ValueError, match="signal_service.db: cannot be used as the signal service's store"):
+        prepare_local_runtime(str(tmp_path / "d"))
 
 
 class _Status:
