@@ -1,7 +1,6 @@
 """How `python -m tarnwicket search` ends: signals, a closed output pipe, damaged data files."""
 
 import os
-import shutil
 import signal
 import sqlite3
 import subprocess
@@ -78,13 +77,6 @@ def prepared(tmp_path_factory):
     done = subprocess.run(command(data_dir, "--seconds", "2"), capture_output=True, text=True, timeout=60)
     assert done.returncode == 0, done.stderr
     return data_dir
-
-
-@pytest.fixture
-def data_dir(prepared, tmp_path):
-    copy = tmp_path / "local"
-    shutil.copytree(prepared, copy)
-    return copy
 
 
 @pytest.mark.parametrize("sig, code, word", [(signal.SIGINT, 130, "Interrupted"),

@@ -3,7 +3,6 @@ under injected faults, across a kill and a restart, and two processes on one
 store. The service's own store is the witness of what it was sent."""
 
 import os
-import shutil
 import signal
 import sqlite3
 import subprocess
@@ -51,13 +50,6 @@ def prepared(tmp_path_factory):
             "p(sys.argv[1], server_url='http://unused.invalid').close()")
     subprocess.run([sys.executable, "-c", code, str(data_dir)], check=True, timeout=120)
     return data_dir
-
-
-@pytest.fixture
-def data_dir(prepared, tmp_path):
-    copy = tmp_path / "local"
-    shutil.copytree(prepared, copy)
-    return copy
 
 
 @pytest.fixture
