@@ -21,6 +21,7 @@ from __future__ import annotations
 import argparse
 import collections
 import contextlib
+import hashlib
 import json
 import logging
 import random
@@ -174,7 +175,17 @@ class _Server(ThreadingHTTPServer):
                            exc_info=True)
 
 
+REJECTED_SHARE = 0.2
+_REJECTIONS = (("is_rejected", "too correlated with a signal already in the pool"),
+               ("not_useful", "adds nothing to the pool's out-of-sample performance"))
+
+
 def default_outcome(submission: Submission) -> tuple[str, str | None]:
+    """A review that always ends the same way for the same submission: a fifth
+    are rejected (with one of two reasons), the rest found."""
+    digest = hashlib.sha256(submission.idempotency_key.encode("utf-8")).digest()
+    if digest[0] < 256 * REJECTED_SHARE:
+        return _REJECTIONS[digest[1] % len(_REJECTIONS)]
     return "found", None
 
 

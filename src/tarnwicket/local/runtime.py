@@ -72,6 +72,9 @@ def usable_data_dir(data_dir: str) -> str:
     return path
 
 
+REVIEW_POLLS = 2    # polls the loopback service answers "is_validating" before its verdict
+
+
 def start_signal_service(data_dir: str, token: str, faults=None):
     """The loopback signal service of ``data_dir``, serving on a free port.
 
@@ -84,7 +87,8 @@ def start_signal_service(data_dir: str, token: str, faults=None):
         faults = os.environ.get(FAULTS_ENV) or None
     path = os.path.join(data_dir, DB_FILENAME)
     try:
-        service = LocalSignalService(token=token, db_path=path, faults=faults)
+        service = LocalSignalService(token=token, db_path=path, faults=faults,
+                                     polls_to_terminal=REVIEW_POLLS)
     except sqlite3.DatabaseError as exc:
         raise DamagedFile(path, f"cannot be used as the signal service's store ({exc})",
                           "move it away to start the local signal service afresh "

@@ -29,20 +29,29 @@ class Counts(NamedTuple):
     queued: int = 0     # rows waiting in the submission queue
     sent: int = 0       # receipts of this run recorded in the store
     retrying: int = 0   # rows waiting in the retry table
+    accepted: int = 0   # reviews that ended in this run with acceptance
+    rejected: int = 0   # ... with a rejection
+    in_review: int = 0  # sent submissions, of any run, whose review has not ended
 
 
 def progress_line(evaluated: int, rate: float, counts: Counts, discarded: int, errors: int,
                   elapsed: float, limit: float) -> str:
     return (f"[{elapsed:5.0f}s/{limit:.0f}s] evaluated {evaluated:,}  {rate:,.0f}/s  "
             f"signals {counts.found:,}  queued {counts.queued:,}  sent {counts.sent:,}  "
-            f"retrying {counts.retrying:,}  discarded {discarded:,}  errors {errors}")
+            f"retrying {counts.retrying:,}  discarded {discarded:,}  accepted {counts.accepted:,}  "
+            f"rejected {counts.rejected:,}  errors {errors}")
 
 
+ACCEPTED = ("found", "useful")
+REJECTED = ("is_rejected", "not_useful", "os_failed", "useful_transition_failed")
 _COUNTS_SQL = (
     "SELECT (SELECT COUNT(*) FROM signal_evaluations WHERE passed=1 AND created_at>=:since), "
     "(SELECT COUNT(*) FROM submission_queue), "
     "(SELECT COUNT(*) FROM submission_status WHERE submitted_at>=:since), "
-    "(SELECT COUNT(*) FROM submission_retry)")
+    "(SELECT COUNT(*) FROM submission_retry), "
+    f"(SELECT COUNT(*) FROM submission_status WHERE finalized_at>=:since AND status IN {ACCEPTED}), "
+    f"(SELECT COUNT(*) FROM submission_status WHERE finalized_at>=:since AND status IN {REJECTED}), "
+    "(SELECT COUNT(*) FROM submission_status WHERE finalized_at IS NULL)")
 
 
 def read_counts(conn: sqlite3.Connection, since: float) -> Counts:
@@ -88,7 +97,9 @@ def submissions_line(db_path: str | None, since: float, server_url: str | None) 
         return f"Submissions could not be counted: {exc}"
     plural = "" if counts.sent == 1 else "s"
     return (f"Sent {counts.sent:,} signal{plural} to the signal service at {server_url}; "
-            f"{counts.queued:,} waiting in the queue, {counts.retrying:,} waiting to retry.")
+            f"{counts.queued:,} waiting in the queue, {counts.retrying:,} waiting to retry. "
+            f"Reviews ended in this run: {counts.accepted:,} accepted, {counts.rejected:,} rejected; "
+            f"{counts.in_review:,} still in review.")
 
 
 def find_store(tracker: Any, data_dir: str) -> str | None:

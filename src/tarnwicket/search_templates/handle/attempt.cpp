@@ -17,17 +17,6 @@ namespace {
 
 const LateFn k_submit_signal_payload("_submit_signal_payload");
 
-bool is_instance(handle obj, handle cls) {
-    return !is_none(cls) && check_int(PyObject_IsInstance(obj.ptr(), cls.ptr())) == 1;
-}
-
-// The refusal class as tarnwicket.submit has it and as this module's namespace
-// has it now: an answer of either is a refusal.
-bool is_refusal(handle exc) {
-    return is_instance(exc, import_attr("tarnwicket.submit", ID("SubmissionRejectedError"))) ||
-           is_instance(exc, global_or(ID("SubmissionRejectedError"), Py_None));
-}
-
 // Final outcome without a send: counted, reported, the source deleted or, when
 // that fails, its queue id remembered so that it is never sent again.
 void discard(handle self, handle payload, handle error_text, bool reset_backoff) {
@@ -75,10 +64,7 @@ void on_network_failure(handle self, handle payload, handle submission_type) {
                             {getitem(payload, ID("eval_id")), submission_type, storage_json(payload),
                              getitem(payload, ID("era_id"))});
             });
-            if (exc)
-                call_method_kw(self, ID("_record_background_failure"),
-                               {str_of("submission"), str_of("requeue_submission"), exc},
-                               {{ID("backoff"), handle(Py_True)}});
+            if (exc) record_failure(self, "submission", "requeue_submission", exc, true);
             object copy = shallow_copy(payload);
             call_method(field(self, ID("_submission_queue")), ID("put"), {copy});
             event_set(field(self, ID("_submission_wakeup")));
@@ -91,11 +77,8 @@ void on_network_failure(handle self, handle payload, handle submission_type) {
 }
 
 void on_refusal(handle self, handle payload, handle exc) {
-    object details = get_attr_or_none(exc, ID("details"));
-    if (!is_dict(details)) details = new_dict();
-    object reason = get_attr_or_none(exc, ID("reason"));
-    if (!truthy(reason)) reason = mapping_get(details, ID("error"), Py_None);
-    if (!truthy(reason)) reason = str_of("unknown");
+    object details = refusal_details(exc);
+    object reason = refusal_reason(exc, details);
     with_lock(tracker_write_lock(self), [&] {
         if (aborted(self)) {
             drop_aborted(self, payload);

@@ -46,7 +46,7 @@ object claim_row(handle self, const ClaimSql& q) {
             object claimed = store::execute(conn, q.update, {owner, now, row_at(found, 0), owner, expired_before});
             if (!rowcount_is_one(claimed)) {
                 store::execute(conn, store::Stmt::rollback);
-                record_failure(self, q.lost_operation, call(handle(PyExc_RuntimeError), {str_of(q.lost_text)}), true);
+                record_failure(self, "submission", q.lost_operation, call(handle(PyExc_RuntimeError), {str_of(q.lost_text)}), true);
                 return;
             }
             store::execute(conn, store::Stmt::commit);
@@ -55,7 +55,7 @@ object claim_row(handle self, const ClaimSql& q) {
     });
     if (exc) {
         rollback_quietly(self, q.rollback_message);
-        record_failure(self, q.failed_operation, exc, true);
+        record_failure(self, "submission", q.failed_operation, exc, true);
         return none();
     }
     return row;
@@ -73,7 +73,7 @@ object delete_source(handle self, handle id, const char* failure_name, Run run) 
             return rowcount_is_one(cur);
         });
     });
-    if (exc) record_failure(self, failure_name, exc, true);
+    if (exc) record_failure(self, "submission", failure_name, exc, true);
     return bool_of(deleted && !exc);
 }
 
@@ -107,7 +107,7 @@ static object ensure_claim_columns(handle self, handle ready_field, store::Table
             set_field(self, ready_field, bool_of(true));
         });
     });
-    if (exc) record_failure(self, failure_name, exc, true);
+    if (exc) record_failure(self, "submission", failure_name, exc, true);
     return bool_of(!exc);
 }
 
@@ -144,7 +144,7 @@ object peek_submission_payload(handle self) {
 
     object payload;
     if (object exc = caught([&] { payload = load_payload(payload_json); })) {
-        record_failure(self, "payload_json decode", exc, false);
+        record_failure(self, "submission", "payload_json decode", exc, false);
         call_method(self, ID("_delete_submission_queue_item"), {queue_id});
         return new_dict();
     }
@@ -168,7 +168,7 @@ object peek_retry_payload(handle self) {
 
     object payload;
     if (object exc = caught([&] { payload = load_payload(payload_json); })) {
-        record_failure(self, "payload_json decode", exc, false);
+        record_failure(self, "submission", "payload_json decode", exc, false);
         // No try of its own: a store failure here goes up to the loop.
         with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
@@ -198,7 +198,7 @@ object payload_from_tracker_item(handle self, handle item) {
             setitem(payload, ID("_queue_id"), item_queue_id);
     });
     if (!exc) return payload;
-    record_failure(self, "payload_json decode", exc, false);
+    record_failure(self, "submission", "payload_json decode", exc, false);
     return none();
 }
 

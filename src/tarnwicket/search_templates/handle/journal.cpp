@@ -45,11 +45,6 @@ void sync_directory(handle dir) {
 
 bool is_dir(handle path) { return truthy(call(path_fn("isdir"), {path})); }
 
-object json_text(handle value) {
-    return call_kw(import_attr("json", ID("dumps")), {value},
-                   {{ID("sort_keys"), handle(Py_True)}, {ID("default"), handle(reinterpret_cast<PyObject*>(&PyUnicode_Type))}});
-}
-
 // A host file object used as `with open(...) as f: body(f)`.
 template <class F>
 void with_file(handle path, const char* mode, F&& body) {
@@ -145,7 +140,7 @@ void append_receipt_journal(handle self, handle payload, handle receipt, handle 
     });
     if (!exc) return;
     if (required) reraise(exc);
-    record_failure(self, "receipt_journal_write", exc, false);
+    record_failure(self, "submission", "receipt_journal_write", exc, false);
 }
 
 void append_receipt_journal_until_durable(handle self, handle payload, handle receipt) {
@@ -154,7 +149,7 @@ void append_receipt_journal_until_durable(handle self, handle payload, handle re
             call_method_kw(self, ID("_append_receipt_journal"), {payload, receipt}, {{ID("required"), handle(Py_True)}});
         });
         if (!exc) return;
-        record_failure(self, "receipt_journal_write", exc, true);
+        record_failure(self, "submission", "receipt_journal_write", exc, true);
         call(global(ID("_submission_backoff_sleep")), {field(self, ID("_submission_backoff_seconds"))});
     }
 }
@@ -174,13 +169,13 @@ object read_receipt_journal(handle self) {
                     with_file(call(path_fn("join"), {dir, name}), "r",
                               [&](handle f) { value = call(import_attr("json", ID("load")), {f}); });
                 })) {
-                record_failure(self, "receipt_journal_decode", bad, false);
+                record_failure(self, "submission", "receipt_journal_decode", bad, false);
                 continue;
             }
             if (is_dict(value)) list_append(entries, value);
         }
     });
-    if (exc) record_failure(self, "receipt_journal_read", exc, true);
+    if (exc) record_failure(self, "submission", "receipt_journal_read", exc, true);
     return entries;
 }
 
@@ -198,7 +193,7 @@ void rewrite_receipt_journal_without(handle self, handle completed_key) {
         }
     });
     if (!exc || is_a(exc, PyExc_FileNotFoundError)) return;  // done, or the entry was gone already
-    record_failure(self, "receipt_journal_compact", exc, false);
+    record_failure(self, "submission", "receipt_journal_compact", exc, false);
 }
 
 bool submission_status_exists(handle self, handle submission_id) {
@@ -286,7 +281,7 @@ bool replay_receipt_journal(handle self) {
                         {payload, call(global(ID("_ReceiptRecord")), {submission_id})});
         });
         if (exc) {
-            record_failure(self, "receipt_journal_replay", exc, true);
+            record_failure(self, "submission", "receipt_journal_replay", exc, true);
             return false;  // later entries wait for the next pass
         }
         if (dropped) continue;

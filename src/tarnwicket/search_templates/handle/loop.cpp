@@ -8,13 +8,10 @@ namespace tw::hnd {
 
 namespace {
 
-bool stop_set(handle self) { return event_is_set(field(self, ID("_stop_event"))); }
 bool degraded(handle self) { return field_true(self, ID("_submission_degraded")); }
 bool has_work(handle self) { return truthy(call_method(self, ID("_has_in_memory_submission_work"))); }
 bool stopping_idle(handle self) { return stop_set(self) && !has_work(self); }
 bool in_backoff(handle self) { return field_true(self, ID("_submission_backoff")); }
-// Once the host shuts its threads down, the loop leaves at its next pass.
-bool host_exiting() { return g_interpreter_exiting.load(std::memory_order_relaxed); }
 
 bool is_empty_map(handle payload) { return is_dict(payload) && PyDict_GET_SIZE(payload.ptr()) == 0; }
 
@@ -63,7 +60,7 @@ bool may_take_work(handle self) {
 object ask_tracker(handle self, const char* method, const char* failure_name) {
     object item = none();
     if (object exc = caught([&] { item = call_method(field(self, ID("_tracker")), str_of(method)); }))
-        record_failure(self, failure_name, exc, true);
+        record_failure(self, "submission", failure_name, exc, true);
     return item;
 }
 
@@ -146,7 +143,7 @@ bool flush_pending_receipt_finalizations(handle self) {
             object held = getitem(entry, int_of(1));
             object payload = getitem(held, int_of(0)), receipt = getitem(held, int_of(1));
             if (object exc = caught([&] { call_method(self, ID("_record_submission_and_delete_queue"), {payload, receipt}); })) {
-                record_failure(self, "record_submission", exc, true);
+                record_failure(self, "submission", "record_submission", exc, true);
                 return false;  // the entries not yet tried stay
             }
             with_lock(lock_of(self), [&] { call_method(pending_map, ID("pop"), {source_id, Py_None}); });
@@ -211,7 +208,7 @@ void handle_submission_success(handle self, handle payload, handle receipt) {
                 setitem(field(self, ID("_pending_receipts_by_queue_id")), pending_key,
                         tuple_of({shallow_copy(payload), receipt}));
             });
-        record_failure(self, "record_submission", exc, true);
+        record_failure(self, "submission", "record_submission", exc, true);
     });
     update_counts(self);
 }
@@ -270,7 +267,7 @@ object submission_loop(handle self) {
         if (degraded(self)) return none();
         object exc = caught([&] { call_method(self, ID("_submission_loop_inner")); });
         if (!exc) return none();
-        record_failure(self, "loop", exc, true);
+        record_failure(self, "submission", "loop", exc, true);
         if (degraded(self)) return none();
         call(global(ID("_submission_backoff_sleep")), {field(self, ID("_submission_backoff_seconds"))});
     }

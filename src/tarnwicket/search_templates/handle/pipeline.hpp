@@ -20,8 +20,27 @@ inline object shallow_copy(handle payload) {
     return call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {payload});
 }
 
-// _record_background_failure("submission", operation, exc, backoff=backoff)
-void record_failure(handle self, const char* operation, handle exc, bool backoff);
+bool stop_set(handle self);
+// Once the host shuts its threads down, the pipeline's loops leave at their next pass.
+inline bool host_exiting() { return g_interpreter_exiting.load(std::memory_order_relaxed); }
+
+// _record_background_failure(component, operation, exc, backoff=backoff)
+void record_failure(handle self, const char* component, const char* operation, handle exc, bool backoff);
+
+// A refusal by the service: SubmissionRejectedError as tarnwicket.submit has it,
+// or as this module's namespace has it now. Its details are a map (empty when
+// it has none); its reason the exception's, else details["error"], else "unknown".
+bool is_refusal(handle exc);
+object refusal_details(handle exc);
+object refusal_reason(handle exc, handle details);
+
+// json.dumps(value, sort_keys=True, default=str)
+object json_text(handle value);
+
+// notify_submission_status(submission_id, status, tracker=_tracker, data_dir=_tracker._data_dir,
+//                          **extra, require_tracker=True), through the module's namespace
+void notify_status(handle self, handle submission_id, handle status,
+                   std::initializer_list<std::pair<handle, handle>> extra);
 
 // cursor.rowcount == 1; the second form raises RuntimeError(text) otherwise.
 bool rowcount_is_one(handle cursor);

@@ -68,6 +68,14 @@ void register_loop(handle cls) {
     def_method<handle_submission_success>(cls, "_handle_submission_success($self, payload, receipt)");
 }
 
+void register_polling(handle cls) {
+    def_method<polling_loop>(cls, "_polling_loop($self)");
+    def_method<polling_loop_inner>(cls, "_polling_loop_inner($self)");
+    def_method<pending_payloads>(cls, "_pending_payloads($self)");
+    def_method<apply_polled_status>(cls, "_apply_polled_status($self, payload, poll_result)");
+    def_method<finalize_pending_error>(cls, "_finalize_pending_error($self, payload, status_code, reason)");
+}
+
 void register_construction(handle cls) {
     def_method<handle_init>(cls,
                             "__init__($self, template, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock, "
@@ -139,6 +147,7 @@ void register_handle(handle m) {
     hnd::register_receipts(cls);
     hnd::register_journal(cls);
     hnd::register_loop(cls);
+    hnd::register_polling(cls);
     set_global("_SearchHandleImpl", cls);
     set_global("SearchHandle", cls);
 }

@@ -81,8 +81,7 @@ object enqueue_retry_payload(handle self, handle payload, handle rejection_reaso
         }
     });
     if (exc) {
-        call_method_kw(self, ID("_record_background_failure"), {str_of("submission"), str_of("enqueue_retry"), exc},
-                       {{ID("backoff"), handle(Py_True)}});
+        record_failure(self, "submission", "enqueue_retry", exc, true);
         if (persistent(self) && (!is_none(payload_get(payload, "_queue_id")) || !is_none(payload_get(payload, "retry_id")))) {
             update_counts(self);  // the claimed source row is still there, with its old count
             return none();
@@ -192,17 +191,11 @@ bool finalize_retry_exhausted_payload(handle self, handle payload, handle reject
                                              : str_of("retry_exhausted");
     object exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
-            object tracker = field(self, ID("_tracker"));
-            call_kw(global(ID("notify_submission_status")), {submission_id, str_of("not_useful")},
-                    {{ID("tracker"), tracker},
-                     {ID("data_dir"), get_attr_or_none(tracker, ID("_data_dir"))},
-                     {ID("rejection_reason"), reason},
-                     {ID("require_tracker"), handle(Py_True)}});
+            notify_status(self, submission_id, str_of("not_useful"), {{ID("rejection_reason"), reason}});
         });
     });
     if (!exc) return true;
-    call_method_kw(self, ID("_record_background_failure"),
-                   {str_of("submission"), str_of("finalize_retry_exhausted"), exc}, {{ID("backoff"), handle(Py_True)}});
+    record_failure(self, "submission", "finalize_retry_exhausted", exc, true);
     return false;
 }
 

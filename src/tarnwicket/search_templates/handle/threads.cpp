@@ -55,6 +55,9 @@ object start_all_threads(handle self) {
     object submission = new_thread(get_attr(self, ID("_submission_loop")), "submission_thread");
     set_field(self, ID("_submission_thread"), submission);
     start_thread(submission);
+    object polling = new_thread(get_attr(self, ID("_polling_loop")), "polling_thread");
+    set_field(self, ID("_polling_thread"), polling);
+    start_thread(polling);
 
     object n_jobs_obj = field(self, ID("_n_jobs"));
     long long n_jobs = PyLong_AsLongLong(n_jobs_obj.ptr());
