@@ -130,3 +130,64 @@ def test_a_backoff_with_rows_waiting_is_waited_out_not_spun(h, store, claimed):
     assert len(passes) <= 5  # a poll interval per pass, not thousands of passes
     assert time.monotonic() - started < 3.0  # the stop ends the wait
     assert table(store, "submission_queue", "in_flight_owner") == [(h._submission_owner,)]  # nothing taken
+
+
+def test_an_unwritable_journal_loses_no_receipt(h, store, claimed, monkeypatch):
+    """The journal is only the fallback: the store takes the receipt without it; when
+    the store fails too, the submission thread waits until the journal holds it."""
+    import threading
+
+    monkeypatch.setattr(st, "_submission_backoff_sleep", lambda seconds: None)
+    journal = h._receipt_journal_path()
+    with open(journal, "w") as blocker:  # a file where the directory must go
+        blocker.write("x")
+    h._handle_submission_success(claimed, types.SimpleNamespace(submission_id="sub-1"))
+    assert table(store, "submission_status", "submission_id") == [("sub-1",)]
+    assert h.failures[0][:2] == ("submission", "receipt_journal_write") and h.failures[0][3] is False
+
+    eval_id = record_evaluation(store)
+    store.enqueue_submission(make_payload(eval_id, era_id=3)[0])
+    second = h._peek_submission_payload()
+    store._conn.execute("UPDATE signal_evaluations SET eval_id='elsewhere' WHERE eval_id=?", (eval_id,))
+    h.failures.clear()
+    waiting = threading.Thread(target=h._handle_submission_success,
+                               args=(second, types.SimpleNamespace(submission_id="sub-2")))
+    waiting.start()
+    assert wait_until(lambda: len(h.failures) >= 3)
+    assert waiting.is_alive() and {f[1] for f in h.failures} == {"receipt_journal_write"}
+    os.unlink(journal)
+    waiting.join(5.0)
+    assert os.listdir(journal) == ["queue__%d__sub-2.json" % second["_queue_id"]]
+    store._conn.execute("UPDATE signal_evaluations SET eval_id=? WHERE eval_id='elsewhere'", (eval_id,))
+    assert h._flush_pending_receipt_finalizations() is True
+    assert sorted(table(store, "submission_status", "submission_id")) == [("sub-1",), ("sub-2",)]
+    assert table(store, "submission_queue", "queue_id") == [] and not os.path.exists(journal)
+
+
+def test_a_store_that_fails_its_commit_loses_no_receipt(h, store, claimed):
+    import sqlite3
+
+    class FailingCommits:
+        def __init__(self, conn, failures):
+            self.conn, self.failures = conn, failures
+
+        def execute(self, sql, *args):
+            if sql == "COMMIT" and self.failures:
+                self.failures -= 1
+                raise sqlite3.OperationalError("disk I/O error")
+            return self.conn.execute(sql, *args)
+
+        def __getattr__(self, name):
+            return getattr(self.conn, name)
+
+    real = store._conn
+    store._conn = FailingCommits(real, 2)
+    h._handle_submission_success(claimed, types.SimpleNamespace(submission_id="sub-1"))
+    assert h.failures[-1][1:3] == ("record_submission", "disk I/O error")
+    assert h._flush_pending_receipt_finalizations() is False  # the second commit fails too
+    assert real.execute("SELECT COUNT(*) FROM submission_status").fetchone() == (0,)
+    assert len(os.listdir(h._receipt_journal_path())) == 1 and not real.in_transaction
+    assert h._flush_pending_receipt_finalizations() is True
+    store._conn = real
+    assert table(store, "submission_status", "submission_id") == [("sub-1",)]
+    assert table(store, "submission_queue", "queue_id") == [] and not os.path.exists(h._receipt_journal_path())
