@@ -15,19 +15,49 @@ from fakes.runtime import wait_until
 
 ASAN = "asan" in os.environ.get("LD_PRELOAD", "")
 SLOW = 3 if ASAN else 1  # the sanitizers make evaluation several times slower
-# A child process: the search command, with the claim lease of the module set from the environment.
-CHILD = ("import os, sys\n"
-         "import tarnwicket.search_templates as st\n"
-         "st.SUBMISSION_QUEUE_LEASE_SECONDS = float(os.environ['LEASE'])\n"
-         "from tarnwicket.local.cli import main\n"
-         "sys.exit(main(sys.argv[1:]))\n")
+# A child process: the search command, with the claim lease of the module set from
+# the environment, and, when KILL_AT names a boundary of a successful submission,
+# killed there (SIGKILL) the first time a submission reaches it.
+CHILD = """
+import os, signal, sys
+import tarnwicket.search_templates as st
+
+st.SUBMISSION_QUEUE_LEASE_SECONDS = float(os.environ["LEASE"])
 
 
-def search(data_dir, seconds, *args, lease=300.0, jobs=1):
+def die(*_):
+    os.kill(os.getpid(), signal.SIGKILL)
+
+
+def hook(owner, name, before):
+    real = getattr(owner, name)
+
+    def hooked(*args, **kwargs):
+        if before:
+            die()
+        result = real(*args, **kwargs)
+        die()
+        return result
+
+    setattr(owner, name, hooked)
+
+
+boundary = os.environ.get("KILL_AT")
+if boundary:
+    hook(*{"before_request": (st, "_submit_signal_payload", True),
+           "after_answer": (st, "_submit_signal_payload", False),
+           "after_journal": (st._SearchHandleImpl, "_record_submission_and_delete_queue", True),
+           "after_commit": (st._SearchHandleImpl, "_record_submission_and_delete_queue", False)}[boundary])
+from tarnwicket.local.cli import main
+sys.exit(main(sys.argv[1:]))
+"""
+
+
+def search(data_dir, seconds, *args, lease=300.0, jobs=1, kill_at=""):
     argv = [sys.executable, "-c", CHILD, "search", "--data-dir", str(data_dir), "--jobs", str(jobs),
             "--seconds", str(seconds * SLOW), *args]
     return subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                            env=dict(os.environ, PYTHONUNBUFFERED="1", LEASE=str(lease)))
+                            env=dict(os.environ, PYTHONUNBUFFERED="1", LEASE=str(lease), KILL_AT=kill_at))
 
 
 def finish(child, timeout=120):
@@ -146,3 +176,36 @@ def test_two_processes_on_one_store_never_both_send_a_row(data_dir, service):
     assert r["sent"] >= 10
     assert r["repeats"] == 0  # a row sent by both would have reached the service twice under its key
     assert r["unplaced"] <= 2
+
+
+def journal_files(data_dir):
+    path = data_dir / "submission_receipts_pending"
+    return sorted(os.listdir(path)) if path.exists() else []
+
+
+@pytest.mark.parametrize("boundary, service_holds, journaled, recorded, repeats", [
+    ("before_request", 0, 0, 0, 0),
+    ("after_answer", 1, 0, 0, 1),   # only the idempotency key recognises the second request
+    ("after_journal", 1, 1, 0, 0),  # the journal's replay records it
+    ("after_commit", 1, 1, 1, 0),   # the replay finds it recorded and drops the entry
+])
+def test_a_kill_at_each_boundary_of_a_success_loses_no_receipt_and_sends_nothing_twice(
+        data_dir, service, boundary, service_holds, journaled, recorded, repeats):
+    from tarnwicket.local_signal_service import read_store
+
+    url, db = service
+    killed = search(data_dir, 60, "--server-url", url, lease=2.0, kill_at=boundary)
+    killed.communicate(timeout=90 * SLOW)
+    assert killed.returncode == -signal.SIGKILL
+    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    try:
+        assert store.execute("SELECT COUNT(*) FROM submission_status").fetchone()[0] == recorded
+    finally:
+        store.close()
+    assert read_store(db)["submissions"] == service_holds
+    assert len(journal_files(data_dir)) == journaled
+
+    finish(search(data_dir, 6, "--server-url", url, lease=2.0))  # a fresh process on the same directory
+    r = reconcile(data_dir, db)
+    assert r["repeats"] == repeats and r["sent"] >= service_holds + 1
+    assert r["unplaced"] <= 2 and journal_files(data_dir) == []
