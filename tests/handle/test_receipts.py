@@ -83,3 +83,35 @@ def test_finalising_counts_resets_the_backoff_and_fires_each_milestone_once(make
     assert h._total_found == 100 and (h._submission_backoff, h._submission_backoff_seconds) == (False, 5.0)
     assert h._pending_submissions["s7"] == {"submission_id": "s7", "submission_type": "signal", "eval_id": "e7",
                                             "era_id": 3, "sim_id": st._synthetic_submission_sim_id("e7", "signal")}
+
+
+def test_the_discovery_rate_nudge_fires_once_per_crossing(h, store, monkeypatch, caplog):
+    import time
+
+    fired = []
+    monkeypatch.setattr(st, "_safe_update_nudge", lambda trigger, **kw: fired.append((trigger, kw)))
+
+    def rows(prior, current):
+        store._conn.execute("DELETE FROM submission_status")
+        now = time.time()
+        for i in range(prior):
+            store._conn.execute("INSERT INTO submission_status (submission_id, status, submitted_at) "
+                                "VALUES (?, 'pending', ?)", ("p%d" % i, now - 30000))
+        for i in range(current):
+            store._conn.execute("INSERT INTO submission_status (submission_id, status, submitted_at) "
+                                "VALUES (?, 'pending', ?)", ("c%d" % i, now - 60))
+        h._maybe_fire_discovery_rate_declining_nudge()
+
+    rows(10, 7)  # 10/6 * 0.7 is not above 7/6 in double precision
+    assert fired == []
+    rows(10, 6)
+    rows(10, 6)
+    assert fired == [("discovery_rate_declining", {"current_window": 1.0, "prior_window": 10 / 6})]
+    rows(0, 0)  # an empty prior window is no decline, and it ends the crossing
+    assert h._discovery_rate_declining_nudge_active is False
+    rows(10, 6)
+    assert len(fired) == 2
+
+    h._tracker = types.SimpleNamespace()  # no connection: one warning, nothing raised
+    h._maybe_fire_discovery_rate_declining_nudge()
+    assert "discovery_rate_declining nudge evaluation failed" in caplog.text

@@ -102,43 +102,30 @@ static double count_query(handle conn, store::Stmt sql, handle lo, handle hi) {
 
 object discovery_rate_nudge(handle self) {
     if (!field_true(self, ID("_tracker_uses_persistent_store"))) return none();
-    try {
+    object exc = caught([&] {
         object conn = get_attr(field(self, ID("_tracker")), ID("_conn"));
         double now = wall_time();
         object now_o = float_of(now), current_start = float_of(now - 21600), prior_start = float_of(now - 43200);
-        double prior_count, current_count;
-        {
-            with_lock(field(self, ID("_tracker_write_lock")), [&] {
-                prior_count = count_query(
-                    conn, store::Stmt::count_status_from_to_open,
-                    prior_start, current_start);
-                current_count = count_query(
-                    conn, store::Stmt::count_status_from_to_closed,
-                    current_start, now_o);
-            });
-        }
+        double prior_count = 0, current_count = 0;
+        with_lock(field(self, ID("_tracker_write_lock")), [&] {
+            prior_count = count_query(conn, store::Stmt::count_status_from_to_open, prior_start, current_start);
+            current_count = count_query(conn, store::Stmt::count_status_from_to_closed, current_start, now_o);
+        });
         double prior_window = prior_count / 6.0;
         double current_window = current_count / 6.0;
         bool declining = prior_window > 0 && prior_window * 0.7 > current_window;
-        bool should_fire = false;
-        {
-            with_lock(lock_of(self), [&] {
-                bool active = truthy(get_attr_or(self, ID("_discovery_rate_declining_nudge_active"), Py_False));
-                if (declining && !active) {
-                    set_field(self, ID("_discovery_rate_declining_nudge_active"), bool_of(true));
-                    should_fire = true;
-                } else if (!declining) {
-                    set_field(self, ID("_discovery_rate_declining_nudge_active"), bool_of(false));
-                }
-            });
-        }
+        bool should_fire = with_lock(lock_of(self), [&] {
+            bool active = truthy(get_attr_or(self, ID("_discovery_rate_declining_nudge_active"), Py_False));
+            if (!declining) set_field(self, ID("_discovery_rate_declining_nudge_active"), bool_of(false));
+            if (!declining || active) return false;
+            set_field(self, ID("_discovery_rate_declining_nudge_active"), bool_of(true));
+            return true;
+        });
         if (should_fire)
             call_kw(global(ID("_safe_update_nudge")), {str_of("discovery_rate_declining")},
                     {{ID("current_window"), float_of(current_window)}, {ID("prior_window"), float_of(prior_window)}});
-    } catch (py::error_already_set& e) {
-        if (!ordinary(e)) throw;
-        log_warning("discovery_rate_declining nudge evaluation failed: %s", {exc_value(e)});
-    }
+    });
+    if (exc) log_warning("discovery_rate_declining nudge evaluation failed: %s", {exc});
     return none();
 }
 
