@@ -31,7 +31,10 @@ def test_a_short_local_search_sends_each_pass_to_the_local_service_once(tmp_path
                                "submission_retry), (SELECT COUNT(*) FROM submission_status)").fetchone()
     assert evaluated >= passed >= 1 and sent >= 1
     assert passed - (waiting + sent) in (0, 1)  # the last pass may have missed its row at the stop
-    assert f"Sent {sent:,} signal" in done.stdout
+    assert f"Sent {sent:,} signal" in done.stdout and "accepted" in done.stdout and "rejected" in done.stdout
+    verdicts = db.execute("SELECT COUNT(*) FROM submission_status WHERE finalized_at IS NOT NULL").fetchone()[0]
+    assert verdicts >= 1  # the polling thread followed some to the service's verdict
+    assert not (data_dir / "submission_receipts_pending").exists()  # nothing left in the journal
     service = read_store(str(data_dir / "signal_service.db"))
     assert service == {"submissions": sent, "repeats": 0, "key_conflicts": 0, "bodies_held_twice": 0}
 

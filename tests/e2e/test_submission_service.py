@@ -205,7 +205,14 @@ def test_a_kill_at_each_boundary_of_a_success_loses_no_receipt_and_sends_nothing
     assert read_store(db)["submissions"] == service_holds
     assert len(journal_files(data_dir)) == journaled
 
+    restarted_at = time.time()
     finish(search(data_dir, 6, "--server-url", url, lease=2.0))  # a fresh process on the same directory
     r = reconcile(data_dir, db)
+    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    try:  # what the killed process recorded was polled to its verdict by the next one
+        assert store.execute("SELECT COUNT(*) FROM submission_status WHERE submitted_at < ? "
+                             "AND finalized_at IS NULL", (restarted_at,)).fetchone()[0] == 0
+    finally:
+        store.close()
     assert r["repeats"] == repeats and r["sent"] >= service_holds + 1
     assert r["unplaced"] <= 2 and journal_files(data_dir) == []
