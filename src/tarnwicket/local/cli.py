@@ -75,6 +75,17 @@ def build_parser() -> argparse.ArgumentParser:
                         help="make the loopback service inject faults at random, e.g. "
                              "drop=0.1,5xx=0.1,401=0.05,403=0.05,lost=0.05,slow=0.1,seed=1 "
                              "(default: the environment variable TARNWICKET_SERVICE_FAULTS)")
+    check = sub.add_parser(
+        "check", help="check a data directory's submissions against the signal service's record",
+        description=("Check that every passing signal is in one place, every submission the service "
+                     "holds is recorded once or still on its way, no key was reused with another body "
+                     "and no dead owner holds a claim. Exit 1 when something is broken."))
+    check.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
+                       help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+    check.add_argument("--service-db", default=None, metavar="PATH",
+                       help="the signal service's store (default: the data directory's own)")
+    check.add_argument("--lease", type=_positive_seconds, default=300.0, metavar="S",
+                       help="the claim lease the searches used (default: 300)")
     return parser
 
 
@@ -101,10 +112,26 @@ def main(argv: list[str] | None = None) -> int:
     except UsageError as exc:
         _err(str(exc))
         return EXIT_USAGE
-    if args.command != "search":
-        parser.print_help()
-        return EXIT_USAGE if args.command is None else EXIT_OK
-    return run_search(args)
+    if args.command == "search":
+        return run_search(args)
+    if args.command == "check":
+        return run_check(args)
+    parser.print_help()
+    return EXIT_USAGE
+
+
+def run_check(args) -> int:
+    from .invariants import check
+
+    data_dir = os.path.expanduser(args.data_dir)
+    try:
+        report = check(data_dir, args.service_db and os.path.expanduser(args.service_db), lease=args.lease)
+    except (OSError, sqlite3.Error) as exc:
+        _err(f"cannot check {data_dir!r}: {exc}")
+        return EXIT_USAGE
+    for line in report.lines():
+        print(line)
+    return EXIT_OK if report.ok else EXIT_FAILED
 
 
 class _Interrupted(BaseException):

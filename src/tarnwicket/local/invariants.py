@@ -1,0 +1,180 @@
+"""What must hold of a data directory and its signal service, whatever crashed.
+
+Reads the search store, the receipt journal and the loopback service's own
+store, and reports:
+
+- every passed evaluation is in at most one of the queue, the retry table and
+  the status table (the journal holds receipts in transit, not places);
+- every journal entry is recorded in the status table or still has its row;
+- every recorded submission is known to the service, and every submission
+  the service holds is recorded in the status table exactly once, or is
+  still in transit: in the journal, or its row still waits and
+  will be sent again under the same idempotency key;
+- no idempotency key reached the service with two different bodies, and no
+  signal is held by the service under two keys;
+- no row is claimed by an owner whose lease has run out (meaningful once a
+  search has made a pass after the lease);
+- passed evaluations in no place at all are listed with their times, so that
+  a driver can match them to its kills (the evaluation and its queue row are
+  two writes; a kill between them leaves the pass without a row).
+
+``python -m tarnwicket check --data-dir DIR`` prints the report and exits 1
+when an invariant fails.
+"""
+
+from __future__ import annotations
+
+import collections
+import json
+import os
+import sqlite3
+import time
+from dataclasses import dataclass, field
+
+from tarnwicket.local_signal_service import DB_FILENAME as SERVICE_DB
+from tarnwicket.search_tracking import DB_FILENAME as STORE_DB
+
+JOURNAL_DIR = "submission_receipts_pending"
+
+
+@dataclass
+class Report:
+    passed: int = 0
+    queued: int = 0
+    retrying: int = 0
+    recorded: int = 0               # status rows
+    accepted: int = 0               # verdicts of the service, as recorded
+    rejected: int = 0
+    in_review: int = 0
+    journal: int = 0                # entries in the journal
+    service_held: int = 0           # submissions the service holds
+    service_repeats: int = 0        # requests that repeated a key the service knew
+    in_transit: int = 0             # held by the service, not yet recorded, still on its way
+    unplaced: list = field(default_factory=list)        # (eval_id, created_at) of passes in no place
+    problems: list = field(default_factory=list)        # broken invariants, one text each
+
+    @property
+    def ok(self) -> bool:
+        return not self.problems
+
+    def lines(self) -> list[str]:
+        out = [f"passed {self.passed:,}: queued {self.queued:,}, retrying {self.retrying:,}, "
+               f"recorded {self.recorded:,} (accepted {self.accepted:,}, rejected {self.rejected:,}, "
+               f"in review {self.in_review:,}), in no place {len(self.unplaced):,}",
+               f"service holds {self.service_held:,} (repeated requests {self.service_repeats:,}); "
+               f"in transit {self.in_transit:,}; journal entries {self.journal:,}"]
+        out += [f"BROKEN: {p}" for p in self.problems] or ["every invariant holds"]
+        return out
+
+
+def _ro(path: str) -> sqlite3.Connection:
+    return sqlite3.connect(f"file:{path}?mode=ro", uri=True, timeout=30.0)
+
+
+def _stale_claims(store: sqlite3.Connection, table: str, before: float) -> int:
+    """Rows of ``table`` claimed before ``before``; none where no search has added the claim columns yet."""
+    if "in_flight_owner" not in {row[1] for row in store.execute(f"PRAGMA table_info({table})")}:
+        return 0
+    return store.execute(f"SELECT COUNT(*) FROM {table} WHERE in_flight_owner IS NOT NULL AND in_flight_at < ?",
+                         (before,)).fetchone()[0]
+
+
+def _journal_entries(data_dir: str, report: Report) -> list[dict]:
+    path = os.path.join(data_dir, JOURNAL_DIR)
+    entries = []
+    for name in sorted(os.listdir(path)) if os.path.isdir(path) else []:
+        if not name.endswith(".json"):
+            continue
+        try:
+            with open(os.path.join(path, name), encoding="utf-8") as fh:
+                entry = json.load(fh)
+        except (OSError, ValueError) as exc:
+            report.problems.append(f"journal entry {name} cannot be read: {exc}")
+            continue
+        if isinstance(entry, dict):
+            entries.append(entry)
+    return entries
+
+
+def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
+          now: float | None = None) -> Report:
+    """The report of ``data_dir`` (its store and journal) and of the service's store
+    (``signal_service.db`` in ``data_dir`` unless ``service_db`` names another)."""
+    report = Report()
+    now = time.time() if now is None else now
+    store = _ro(os.path.join(data_dir, STORE_DB))
+    try:
+        passed = dict(store.execute("SELECT eval_id, created_at FROM signal_evaluations WHERE passed=1"))
+        queue = [r[0] for r in store.execute("SELECT eval_id FROM submission_queue")]
+        retry = [r[0] for r in store.execute("SELECT eval_id FROM submission_retry")]
+        status = store.execute("SELECT eval_id, submission_id, status, finalized_at FROM submission_status").fetchall()
+        sources = {("queue", r[0]): r[1] for r in store.execute("SELECT queue_id, eval_id FROM submission_queue")}
+        sources.update({("retry", r[0]): r[1] for r in store.execute("SELECT retry_id, eval_id FROM submission_retry")})
+        key_to_eval = dict(store.execute("SELECT idempotency_key, eval_id FROM submission_attempts"))
+        stale = sum(_stale_claims(store, table, now - lease) for table in ("submission_queue", "submission_retry"))
+    finally:
+        store.close()
+
+    report.passed, report.queued, report.retrying, report.recorded = len(passed), len(queue), len(retry), len(status)
+    report.accepted = sum(s in ("found", "useful") for _, _, s, f in status if f is not None)
+    report.in_review = sum(f is None for *_, f in status)
+    report.rejected = report.recorded - report.accepted - report.in_review
+
+    places = collections.Counter(queue + retry + [e for e, *_ in status])
+    for eval_id, n in places.items():
+        if n > 1:
+            report.problems.append(f"evaluation {eval_id} is in {n} places")
+        if eval_id not in passed:
+            report.problems.append(f"evaluation {eval_id} has a submission row but did not pass")
+    report.unplaced = sorted(((e, t) for e, t in passed.items() if e not in places), key=lambda p: p[1])
+
+    recorded_ids = collections.Counter(sid for _, sid, *_ in status if sid)
+    for sid, n in recorded_ids.items():
+        if n > 1:
+            report.problems.append(f"submission {sid} is recorded {n} times")
+
+    journal = _journal_entries(data_dir, report)
+    report.journal = len(journal)
+    journal_ids = set()
+    for entry in journal:
+        sid, source = entry.get("submission_id"), (entry.get("source_kind"), entry.get("source_id"))
+        journal_ids.add(sid)
+        if sid not in recorded_ids and source not in sources:
+            report.problems.append(f"receipt {sid} in the journal is neither recorded nor has its row ({source})")
+
+    if stale:
+        report.problems.append(f"{stale} rows are claimed by an owner whose lease ran out")
+
+    service_path = service_db or os.path.join(data_dir, SERVICE_DB)
+    if os.path.exists(service_path):
+        _check_service(service_path, report, recorded_ids, journal_ids, key_to_eval, set(queue) | set(retry))
+    return report
+
+
+def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting):
+    service = _ro(path)
+    try:
+        held = service.execute("SELECT submission_id, idempotency_key, repeats FROM submissions").fetchall()
+        conflicts = service.execute("SELECT COUNT(*) FROM key_conflicts").fetchone()[0]
+        twice = service.execute("SELECT COUNT(*) FROM (SELECT body_json FROM submissions GROUP BY body_json "
+                                "HAVING COUNT(*) > 1)").fetchone()[0]
+    finally:
+        service.close()
+    report.service_held = len(held)
+    report.service_repeats = sum(r for *_, r in held)
+    if conflicts:
+        report.problems.append(f"{conflicts} requests reused an idempotency key with another body")
+    if twice:
+        report.problems.append(f"{twice} signals are held by the service under more than one key")
+    unknown = set(recorded_ids) - {sid for sid, *_ in held}
+    if unknown:
+        report.problems.append(f"{len(unknown)} recorded submissions are unknown to the service, "
+                               f"e.g. {sorted(unknown)[0]}")
+    for sid, key, _ in held:
+        if sid in recorded_ids:
+            continue
+        if sid in journal_ids or key_to_eval.get(key) in waiting:
+            report.in_transit += 1
+        else:
+            report.problems.append(f"submission {sid} held by the service is lost: not recorded, "
+                                   f"not in the journal, no row waits to send it again")
