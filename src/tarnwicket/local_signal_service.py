@@ -550,7 +550,8 @@ def _make_handler(service: LocalSignalService):
 
 
 def main(argv: list[str] | None = None) -> int:
-    """Serve until SIGINT or SIGTERM; the first line printed is the service's URL."""
+    """Serve until SIGINT or SIGTERM; the first line printed is the service's URL, the
+    last the requests served and the faults injected, by kind, as JSON."""
     parser = argparse.ArgumentParser(prog="python -m tarnwicket.local_signal_service",
                                      description="Run the loopback signal service on its own.")
     parser.add_argument("--db", required=True, metavar="PATH", help="the service's SQLite file")
@@ -573,6 +574,7 @@ def main(argv: list[str] | None = None) -> int:
     print(service.url, flush=True)
     done.wait()
     service.close()
+    print(json.dumps({"requests": dict(service.request_counts), "faults": dict(service.fault_counts)}), flush=True)
     return 0
 
 

@@ -50,6 +50,8 @@ class Report:
     service_held: int = 0           # submissions the service holds
     service_repeats: int = 0        # requests that repeated a key the service knew
     in_transit: int = 0             # held by the service, not yet recorded, still on its way
+    lost_receipts: int = 0          # accepted by the service, and neither recorded nor on its way
+    duplicates: int = 0             # submissions recorded twice, and signals held under two keys
     unplaced: list = field(default_factory=list)        # (eval_id, created_at) of passes in no place
     problems: list = field(default_factory=list)        # broken invariants, one text each
 
@@ -131,6 +133,7 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
     recorded_ids = collections.Counter(sid for _, sid, *_ in status if sid)
     for sid, n in recorded_ids.items():
         if n > 1:
+            report.duplicates += 1
             report.problems.append(f"submission {sid} is recorded {n} times")
 
     journal = _journal_entries(data_dir, report)
@@ -140,6 +143,7 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
         sid, source = entry.get("submission_id"), (entry.get("source_kind"), entry.get("source_id"))
         journal_ids.add(sid)
         if sid not in recorded_ids and source not in sources:
+            report.lost_receipts += 1
             report.problems.append(f"receipt {sid} in the journal is neither recorded nor has its row ({source})")
 
     if stale:
@@ -165,6 +169,7 @@ def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting
     if conflicts:
         report.problems.append(f"{conflicts} requests reused an idempotency key with another body")
     if twice:
+        report.duplicates += twice
         report.problems.append(f"{twice} signals are held by the service under more than one key")
     unknown = set(recorded_ids) - {sid for sid, *_ in held}
     if unknown:
@@ -176,5 +181,6 @@ def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting
         if sid in journal_ids or key_to_eval.get(key) in waiting:
             report.in_transit += 1
         else:
+            report.lost_receipts += 1
             report.problems.append(f"submission {sid} held by the service is lost: not recorded, "
                                    f"not in the journal, no row waits to send it again")

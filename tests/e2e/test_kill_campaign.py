@@ -1,0 +1,30 @@
+"""Random kills of searches on one store, with a faulty network; the long
+version (1,000 kills) runs with `-m soak`."""
+import os
+
+import pytest
+
+from tarnwicket.local.kill_campaign import Campaign, run
+
+ASAN = "asan" in os.environ.get("LD_PRELOAD", "")
+FAULTS = "drop=0.03,5xx=0.03,401=0.05,403=0.05,lost=0.03,slow=0.05,slow_seconds=0.5,ban_seconds=1,seed=3"
+
+
+def campaign(tmp_path, kills, **kw):
+    outcome = run(Campaign(str(tmp_path / "campaign"), kills=kills, **kw))
+    assert outcome.ok, "\n".join(outcome.lines())
+    return outcome
+
+
+def test_twenty_kills_of_two_processes_lose_nothing_and_send_nothing_twice(tmp_path):
+    outcome = campaign(tmp_path, 4 if ASAN else 20, processes=2, jobs=1, lease=2.0, faults=FAULTS,
+                       max_seconds=4.0, final_seconds=10.0)
+    r = outcome.report
+    assert outcome.kills == (4 if ASAN else 20) and outcome.faults
+    assert r.service_held >= 5 and r.duplicates == 0 and r.lost_receipts == 0
+    assert r.accepted + r.rejected >= 1  # the last search polled verdicts
+
+
+@pytest.mark.soak
+def test_a_thousand_kills(tmp_path):
+    campaign(tmp_path, 1000, processes=3, jobs=2, lease=3.0, faults=FAULTS, final_seconds=30.0)
