@@ -1,12 +1,10 @@
 """Random kills of searches on one store, with a faulty network; the long
 version (1,000 kills) runs with `-m soak`."""
-import os
-
 import pytest
 
+from fakes.searches import ASAN
 from tarnwicket.local.kill_campaign import Campaign, run
 
-ASAN = "asan" in os.environ.get("LD_PRELOAD", "")
 FAULTS = "drop=0.03,5xx=0.03,401=0.05,403=0.05,lost=0.03,slow=0.05,slow_seconds=0.5,ban_seconds=1,seed=3"
 
 

@@ -2,112 +2,14 @@
 under injected faults, across a kill and a restart, and two processes on one
 store. The service's own store is the witness of what it was sent."""
 
-import os
 import signal
 import sqlite3
-import subprocess
-import sys
 import time
 
 import pytest
 
 from fakes.runtime import wait_until
-
-ASAN = "asan" in os.environ.get("LD_PRELOAD", "")
-SLOW = 3 if ASAN else 1  # the sanitizers make evaluation several times slower
-# A child process: the search command, with the claim lease of the module set from
-# the environment, and, when KILL_AT names a boundary of a successful submission,
-# killed there (SIGKILL) the first time a submission reaches it.
-CHILD = """
-import os, signal, sys
-import tarnwicket.search_templates as st
-
-st.SUBMISSION_QUEUE_LEASE_SECONDS = float(os.environ["LEASE"])
-
-
-def die(*_):
-    os.kill(os.getpid(), signal.SIGKILL)
-
-
-def hook(owner, name, before):
-    real = getattr(owner, name)
-
-    def hooked(*args, **kwargs):
-        if before:
-            die()
-        result = real(*args, **kwargs)
-        die()
-        return result
-
-    setattr(owner, name, hooked)
-
-
-boundary = os.environ.get("KILL_AT")
-if boundary:
-    hook(*{"before_request": (st, "_submit_signal_payload", True),
-           "after_answer": (st, "_submit_signal_payload", False),
-           "after_journal": (st._SearchHandleImpl, "_record_submission_and_delete_queue", True),
-           "after_commit": (st._SearchHandleImpl, "_record_submission_and_delete_queue", False)}[boundary])
-from tarnwicket.local.cli import main
-sys.exit(main(sys.argv[1:]))
-"""
-
-
-def search(data_dir, seconds, *args, lease=300.0, jobs=1, kill_at=""):
-    argv = [sys.executable, "-c", CHILD, "search", "--data-dir", str(data_dir), "--jobs", str(jobs),
-            "--seconds", str(seconds * SLOW), *args]
-    return subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                            env=dict(os.environ, PYTHONUNBUFFERED="1", LEASE=str(lease), KILL_AT=kill_at))
-
-
-def finish(child, timeout=120):
-    try:
-        out, err = child.communicate(timeout=timeout * SLOW)
-    finally:
-        if child.poll() is None:
-            child.kill()
-            child.communicate()
-    assert child.returncode == 0, err
-    assert "Traceback" not in err
-    return out
-
-
-@pytest.fixture(scope="module")
-def prepared(tmp_path_factory):
-    """A data directory with the data set and the wallet written, and an empty store."""
-    data_dir = tmp_path_factory.mktemp("prepared") / "local"
-    code = ("import sys; from tarnwicket.local.runtime import prepare_local_runtime as p; "
-            "p(sys.argv[1], server_url='http://unused.invalid').close()")
-    subprocess.run([sys.executable, "-c", code, str(data_dir)], check=True, timeout=120)
-    return data_dir
-
-
-@pytest.fixture
-def service(data_dir, tmp_path):
-    """The service in a process of its own, with the token of `data_dir`'s wallet."""
-    from tarnwicket.local.era import LocalAuth, load_or_create_wallet_secret
-
-    token = LocalAuth(load_or_create_wallet_secret(str(data_dir))).get_token()
-    db = str(tmp_path / "service.db")
-    proc = subprocess.Popen([sys.executable, "-m", "tarnwicket.local_signal_service", "--db", db,
-                             "--token", token], stdout=subprocess.PIPE, text=True)
-    try:
-        url = proc.stdout.readline().strip()
-        assert url.startswith("http://127.0.0.1:"), url
-        yield url, db
-    finally:
-        proc.send_signal(signal.SIGTERM)
-        proc.wait(10)
-
-
-def reconcile(data_dir, service_db):
-    """The invariants hold after a clean stop, with nothing left in transit."""
-    from tarnwicket.local.invariants import check
-
-    report = check(str(data_dir), service_db)
-    assert report.ok, report.problems
-    assert report.in_transit == 0 and report.journal == 0
-    return report
+from fakes.searches import SLOW, finish, journal_files, reconcile, search
 
 
 def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
@@ -128,7 +30,7 @@ def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
 
 
 def test_a_search_killed_and_restarted_sends_nothing_the_service_holds(data_dir, service):
-    url, db = service
+    url, db = service.url, service.db
     from tarnwicket.local_signal_service import read_store
 
     child = search(data_dir, 60, "--server-url", url, lease=3.0)
@@ -152,7 +54,7 @@ def test_a_search_killed_and_restarted_sends_nothing_the_service_holds(data_dir,
 
 
 def test_two_processes_on_one_store_never_both_send_a_row(data_dir, service):
-    url, db = service
+    url, db = service.url, service.db
     children = [search(data_dir, 12, "--server-url", url, lease=5.0) for _ in range(2)]
     for child in children:
         finish(child)
@@ -160,11 +62,6 @@ def test_two_processes_on_one_store_never_both_send_a_row(data_dir, service):
     assert r.service_held >= 10
     assert r.service_repeats == 0  # a row sent by both would have reached the service twice under its key
     assert len(r.unplaced) <= 2
-
-
-def journal_files(data_dir):
-    path = data_dir / "submission_receipts_pending"
-    return sorted(os.listdir(path)) if path.exists() else []
 
 
 @pytest.mark.parametrize("boundary, service_holds, journaled, recorded, repeats", [
@@ -177,7 +74,7 @@ def test_a_kill_at_each_boundary_of_a_success_loses_no_receipt_and_sends_nothing
         data_dir, service, boundary, service_holds, journaled, recorded, repeats):
     from tarnwicket.local_signal_service import read_store
 
-    url, db = service
+    url, db = service.url, service.db
     killed = search(data_dir, 60, "--server-url", url, lease=2.0, kill_at=boundary)
     killed.communicate(timeout=90 * SLOW)
     assert killed.returncode == -signal.SIGKILL
