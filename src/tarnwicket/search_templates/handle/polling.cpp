@@ -163,11 +163,13 @@ object pending_payloads(handle self) {
     return list_from(call_method(pending, ID("values")));
 }
 
-void apply_polled_status(handle self, handle payload, handle poll_result) {
-    object submission_id = payload_get(payload, "submission_id");
-    object validating = str_of("is_validating");
-    object status = get_attr_or(poll_result, ID("status"), validating);
-    object payment = get_attr_or_none(poll_result, ID("payment"));
+namespace {
+
+// A status write of the polling thread: under `_tracker_write_lock`, and nothing
+// once a replacement abort is set; a failure is recorded and leaves the
+// submission open; the counts follow either way.
+template <class F>
+void status_write(handle self, F&& write) {
     bool abort_seen = false;
     object exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
@@ -175,30 +177,7 @@ void apply_polled_status(handle self, handle payload, handle poll_result) {
                 abort_seen = true;
                 return;
             }
-            object is_stats = get_attr_or_none(poll_result, ID("is_stats"));
-            object stats_json = json_text(truthy(is_stats) ? is_stats : new_dict());
-            object payment_json = is_none(payment) ? none() : json_text(payment);
-            auto attr = [&](const char* name) { return get_attr_or_none(poll_result, str_of(name)); };
-            notify_status(self, submission_id, status,
-                          {{ID("is_stats_json"), stats_json},
-                           {ID("payment_json"), payment_json},
-                           {ID("payment"), payment},
-                           {ID("rejection_reason"), attr("rejection_reason")},
-                           {ID("signal_pool_id"), attr("signal_pool_id")},
-                           {ID("is_correlation"), attr("is_correlation")},
-                           {ID("is_pnl_mi"), attr("is_pnl_mi")},
-                           {ID("agent_is_pnl_mi"), attr("agent_is_pnl_mi")},
-                           {ID("is_weights_mi"), attr("is_weights_mi")},
-                           {ID("failure_reason"), attr("failure_reason")},
-                           {ID("failure_detail"), attr("failure_detail")}});
-            if (member("_SUBMISSION_TERMINAL_STATUSES", status)) {
-                bool accepted = member("_SUBMISSION_ACCEPTED_STATUSES", status);
-                with_lock(lock_of(self), [&] {
-                    remove_pending(self, submission_id);
-                    add_int(self, accepted ? ID("_submission_accepted") : ID("_submission_rejected"), 1);
-                });
-            }
-            call_method(self, ID("_reset_background_failures"), {str_of("polling")});
+            write();
         });
     });
     if (abort_seen) return;
@@ -206,27 +185,52 @@ void apply_polled_status(handle self, handle payload, handle poll_result) {
     update_counts(self);
 }
 
-void finalize_pending_error(handle self, handle payload, handle status_code, handle reason) {
+}  // namespace
+
+void apply_polled_status(handle self, handle payload, handle poll_result) {
     object submission_id = payload_get(payload, "submission_id");
-    bool abort_seen = false;
-    object exc = caught([&] {
-        with_lock(tracker_write_lock(self), [&] {
-            if (aborted(self)) {
-                abort_seen = true;
-                return;
-            }
-            notify_status(self, submission_id, str_of("is_rejected"), {{ID("rejection_reason"), reason}});
+    object validating = str_of("is_validating");
+    object status = get_attr_or(poll_result, ID("status"), validating);
+    object payment = get_attr_or_none(poll_result, ID("payment"));
+    status_write(self, [&] {
+        object is_stats = get_attr_or_none(poll_result, ID("is_stats"));
+        object stats_json = json_text(truthy(is_stats) ? is_stats : new_dict());
+        object payment_json = is_none(payment) ? none() : json_text(payment);
+        auto attr = [&](const char* name) { return get_attr_or_none(poll_result, str_of(name)); };
+        notify_status(self, submission_id, status,
+                      {{ID("is_stats_json"), stats_json},
+                       {ID("payment_json"), payment_json},
+                       {ID("payment"), payment},
+                       {ID("rejection_reason"), attr("rejection_reason")},
+                       {ID("signal_pool_id"), attr("signal_pool_id")},
+                       {ID("is_correlation"), attr("is_correlation")},
+                       {ID("is_pnl_mi"), attr("is_pnl_mi")},
+                       {ID("agent_is_pnl_mi"), attr("agent_is_pnl_mi")},
+                       {ID("is_weights_mi"), attr("is_weights_mi")},
+                       {ID("failure_reason"), attr("failure_reason")},
+                       {ID("failure_detail"), attr("failure_detail")}});
+        if (member("_SUBMISSION_TERMINAL_STATUSES", status)) {
+            bool accepted = member("_SUBMISSION_ACCEPTED_STATUSES", status);
             with_lock(lock_of(self), [&] {
                 remove_pending(self, submission_id);
-                add_int(self, ID("_submission_rejected"), 1);
+                add_int(self, accepted ? ID("_submission_accepted") : ID("_submission_rejected"), 1);
             });
-            call_method(self, ID("_append_error"),
-                        {ftext({str_of("poll "), status_code, str_of(": "), submission_id, str_of(" "), reason})});
-        });
+        }
+        call_method(self, ID("_reset_background_failures"), {str_of("polling")});
     });
-    if (abort_seen) return;
-    if (exc) record_failure(self, "polling", "update_submission_status", exc, true);
-    update_counts(self);
+}
+
+void finalize_pending_error(handle self, handle payload, handle status_code, handle reason) {
+    object submission_id = payload_get(payload, "submission_id");
+    status_write(self, [&] {
+        notify_status(self, submission_id, str_of("is_rejected"), {{ID("rejection_reason"), reason}});
+        with_lock(lock_of(self), [&] {
+            remove_pending(self, submission_id);
+            add_int(self, ID("_submission_rejected"), 1);
+        });
+        call_method(self, ID("_append_error"),
+                    {ftext({str_of("poll "), status_code, str_of(": "), submission_id, str_of(" "), reason})});
+    });
 }
 
 }  // namespace tw::hnd
