@@ -1,4 +1,5 @@
 import os
+import shutil
 import sys
 
 import pytest
@@ -22,3 +23,25 @@ def module_state_reset():
     with st._search_active_lock:
         st._search_active = False
         st._active_search_handle = None
+
+
+@pytest.fixture(scope="session")
+def postgres_server():
+    """One PostgreSQL server for the whole run, started from the machine's server programs."""
+    import tempfile
+
+    from tarnwicket.stores.local_server import LocalPostgres
+
+    directory = tempfile.mkdtemp(prefix="tw-postgres-")
+    server = LocalPostgres(directory).start()
+    yield server
+    server.stop()
+    shutil.rmtree(directory, ignore_errors=True)
+
+
+@pytest.fixture(params=["sqlite", "postgres"])
+def store_url(request):
+    """Each store a search can use: the data directory's SQLite file, or a fresh PostgreSQL schema."""
+    if request.param == "sqlite":
+        return None
+    return request.getfixturevalue("postgres_server").new_schema_url()

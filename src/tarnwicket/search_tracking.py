@@ -1,10 +1,12 @@
-"""Evaluation and submission store of a search (SQLite).
+"""Evaluation and submission store of a search.
 
-One SQLite file per data directory. The tracker keeps a single connection in
-autocommit mode (``_conn``); the search pipeline runs its own statements on it,
-including ``BEGIN IMMEDIATE`` / ``COMMIT`` / ``ROLLBACK``, and serialises that use
-under its own lock. The tracker's own multi-statement writes open a transaction
-of their own, or a savepoint when the caller already has one open.
+One SQLite file per data directory by default, or a PostgreSQL database that
+several machines share (``tarnwicket.stores``). The tracker keeps a single
+connection in autocommit mode (``_conn``); the search pipeline runs its own
+statements on it, including ``BEGIN IMMEDIATE`` / ``COMMIT`` / ``ROLLBACK``, and
+serialises that use under its own lock. The tracker's own multi-statement
+writes open a transaction of their own, or a savepoint when the caller already
+has one open. Every statement here runs unchanged in both dialects.
 """
 
 from __future__ import annotations
@@ -25,6 +27,7 @@ from dataclasses import dataclass, field
 from typing import Any, Iterator
 
 from tarnwicket.search_analytics import SearchAnalytics
+from tarnwicket.stores import open_store
 
 logger = logging.getLogger(__name__)
 
@@ -74,12 +77,12 @@ _SCHEMA = """
 CREATE TABLE IF NOT EXISTS tracker_meta (
     key TEXT PRIMARY KEY,
     value TEXT,
-    updated_at REAL NOT NULL
+    updated_at {real} NOT NULL
 );
 CREATE TABLE IF NOT EXISTS simulations (
     sim_id TEXT PRIMARY KEY,
     era_id INTEGER,
-    created_at REAL NOT NULL
+    created_at {real} NOT NULL
 );
 CREATE TABLE IF NOT EXISTS signal_evaluations (
     eval_id TEXT PRIMARY KEY,
@@ -94,11 +97,11 @@ CREATE TABLE IF NOT EXISTS signal_evaluations (
     metaparams_json TEXT,
     stats_json TEXT,
     per_column_stats_json TEXT,
-    sharpe REAL, fitness REAL, returns REAL, drawdown REAL, turnover REAL, margin REAL,
-    long_count REAL, short_count REAL, delta_exposure REAL, max_weight REAL,
-    correlation REAL, is_pnl_mi REAL,
+    sharpe {real}, fitness {real}, returns {real}, drawdown {real}, turnover {real}, margin {real},
+    long_count {real}, short_count {real}, delta_exposure {real}, max_weight {real},
+    correlation {real}, is_pnl_mi {real},
     submitted INTEGER NOT NULL DEFAULT 0,
-    created_at REAL NOT NULL
+    created_at {real} NOT NULL
 );
 CREATE INDEX IF NOT EXISTS idx_signal_evaluations_created
     ON signal_evaluations (created_at);
@@ -111,21 +114,21 @@ CREATE TABLE IF NOT EXISTS strategy_evaluations (
     rejection_reason TEXT,
     payload_json TEXT,
     submitted INTEGER NOT NULL DEFAULT 0,
-    created_at REAL NOT NULL
+    created_at {real} NOT NULL
 );
 CREATE INDEX IF NOT EXISTS idx_strategy_evaluations_created
     ON strategy_evaluations (created_at);
 CREATE TABLE IF NOT EXISTS submission_queue (
-    queue_id INTEGER PRIMARY KEY AUTOINCREMENT,
+    queue_id {id},
     eval_id TEXT NOT NULL,
     eval_type TEXT NOT NULL,
     payload_json TEXT NOT NULL,
     era_id INTEGER NOT NULL,
     priority INTEGER NOT NULL DEFAULT 0,
-    created_at REAL NOT NULL
+    created_at {real} NOT NULL
 );
 CREATE TABLE IF NOT EXISTS submission_retry (
-    retry_id INTEGER PRIMARY KEY AUTOINCREMENT,
+    retry_id {id},
     eval_id TEXT NOT NULL,
     eval_type TEXT NOT NULL,
     pool_id TEXT,
@@ -133,11 +136,11 @@ CREATE TABLE IF NOT EXISTS submission_retry (
     era_id INTEGER NOT NULL,
     retry_count INTEGER NOT NULL DEFAULT 0,
     last_rejection_reason TEXT,
-    retry_after REAL,
-    created_at REAL NOT NULL
+    retry_after {real},
+    created_at {real} NOT NULL
 );
 CREATE TABLE IF NOT EXISTS submission_attempts (
-    attempt_id INTEGER PRIMARY KEY AUTOINCREMENT,
+    attempt_id {id},
     idempotency_key TEXT NOT NULL UNIQUE,
     eval_id TEXT NOT NULL,
     eval_type TEXT NOT NULL,
@@ -145,11 +148,11 @@ CREATE TABLE IF NOT EXISTS submission_attempts (
     pool_id TEXT,
     payload_json TEXT NOT NULL,
     attempt_count INTEGER NOT NULL DEFAULT 1,
-    first_started_at REAL NOT NULL,
-    last_started_at REAL NOT NULL
+    first_started_at {real} NOT NULL,
+    last_started_at {real} NOT NULL
 );
 CREATE TABLE IF NOT EXISTS submission_status (
-    status_id INTEGER PRIMARY KEY AUTOINCREMENT,
+    status_id {id},
     eval_id TEXT,
     eval_type TEXT,
     era_id INTEGER,
@@ -158,17 +161,17 @@ CREATE TABLE IF NOT EXISTS submission_status (
     submission_id TEXT,
     sim_id TEXT REFERENCES simulations (sim_id),
     status TEXT NOT NULL DEFAULT 'pending',
-    submitted_at REAL,
-    updated_at REAL,
-    finalized_at REAL,
+    submitted_at {real},
+    updated_at {real},
+    finalized_at {real},
     rejection_reason TEXT,
     is_stats_json TEXT,
     payment_json TEXT,
-    payment,
-    is_correlation,
-    is_pnl_mi,
-    agent_is_pnl_mi,
-    is_weights_mi,
+    payment {any},
+    is_correlation {any},
+    is_pnl_mi {any},
+    agent_is_pnl_mi {any},
+    is_weights_mi {any},
     failure_reason TEXT,
     failure_detail TEXT
 );
@@ -246,7 +249,7 @@ def _ensure_submission_sim_parent(conn, sim_id, era_id):
     """
     _require_text("sim_id", sim_id)
     conn.execute(
-        "INSERT OR IGNORE INTO simulations (sim_id, era_id, created_at) VALUES (?, ?, ?)",
+        "INSERT INTO simulations (sim_id, era_id, created_at) VALUES (?, ?, ?) ON CONFLICT (sim_id) DO NOTHING",
         (sim_id, era_id, time.time()),
     )
 
@@ -390,25 +393,31 @@ def graph_names(graph: Any) -> tuple[list[str], list[str]]:
 
 
 class SearchTracker:
-    """SQLite store of evaluations and submissions under one data directory."""
+    """Store of evaluations and submissions of one data directory.
 
-    def __init__(self, data_dir, *, busy_timeout: float = BUSY_TIMEOUT_SECONDS):
+    ``store`` is None (the store the data directory was set up with, else its
+    own SQLite file), ``"sqlite"``, or a ``postgresql://`` URL of a database
+    that several searches share.
+    """
+
+    def __init__(self, data_dir, *, store=None, busy_timeout: float = BUSY_TIMEOUT_SECONDS):
         if isinstance(data_dir, os.PathLike):
             data_dir = os.fspath(data_dir)
         _require_text("data_dir", data_dir)
         self._data_dir = os.path.abspath(os.path.expanduser(data_dir))
         os.makedirs(self._data_dir, exist_ok=True)
-        self._db_path = os.path.join(self._data_dir, DB_FILENAME)
+        self._store = open_store(self._data_dir, store, db_filename=DB_FILENAME)
+        self._db_path = self._store.path
         self._busy_timeout = float(busy_timeout)
         self._lock = threading.RLock()
         self._search_active = False
         self._claim_columns: dict[str, bool] = {}
         self._read_lock = threading.Lock()
-        self._read_conn: sqlite3.Connection | None = None
-        self._conn: sqlite3.Connection | None = self._connect()
+        self._read_conn = None
+        self._conn = self._store.connect(self._busy_timeout)
         try:
             self._create_schema()
-            self._read_conn = self._connect()
+            self._read_conn = self._store.connect(self._busy_timeout)
         except BaseException:
             self._conn.close()
             self._conn = None
@@ -416,40 +425,27 @@ class SearchTracker:
 
     # -- connection -------------------------------------------------------
 
-    def _connect(self) -> sqlite3.Connection:
-        conn = sqlite3.connect(
-            self._db_path,
-            timeout=self._busy_timeout,
-            check_same_thread=False,
-            isolation_level=None,
-        )
-        conn.execute(f"PRAGMA busy_timeout = {int(self._busy_timeout * 1000)}")
-        conn.execute("PRAGMA journal_mode = WAL")
-        conn.execute("PRAGMA synchronous = NORMAL")
-        conn.execute("PRAGMA foreign_keys = ON")
-        return conn
-
     def _create_schema(self) -> None:
         conn = self._conn
         conn.execute("BEGIN IMMEDIATE")
         try:
-            for statement in _SCHEMA.split(";"):
+            for statement in _SCHEMA.format(**self._store.types).split(";"):
                 if statement.strip():
                     conn.execute(statement)
-            conn.execute(f"PRAGMA user_version = {SCHEMA_VERSION}")
+            self._store.after_schema(conn, SCHEMA_VERSION)
             conn.execute("COMMIT")
         except BaseException:
             conn.execute("ROLLBACK")
             raise
 
-    def _require_conn(self) -> sqlite3.Connection:
+    def _require_conn(self):
         conn = self._conn
         if conn is None:
             raise RuntimeError("SearchTracker is closed")
         return conn
 
     @contextlib.contextmanager
-    def _transaction(self) -> Iterator[sqlite3.Connection]:
+    def _transaction(self) -> Iterator[Any]:
         """One atomic unit of work; a savepoint inside a caller's transaction."""
         with self._lock:
             conn = self._require_conn()
@@ -476,7 +472,7 @@ class SearchTracker:
             conn.execute("COMMIT")
 
     @contextlib.contextmanager
-    def _reader(self) -> Iterator[sqlite3.Connection]:
+    def _reader(self) -> Iterator[Any]:
         """The read connection, for reads made without the caller's lock.
 
         It is opened with the tracker, so that reads keep working on threads
@@ -488,10 +484,10 @@ class SearchTracker:
                 raise RuntimeError("SearchTracker is closed")
             yield conn
 
-    def _has_claim_columns(self, conn: sqlite3.Connection, table: str) -> bool:
+    def _has_claim_columns(self, conn, table: str) -> bool:
         if self._claim_columns.get(table):
             return True
-        cols = {row[1] for row in conn.execute(f'PRAGMA table_info("{table}")').fetchall()}
+        cols = self._store.table_columns(conn, table)
         ready = {"in_flight_owner", "in_flight_at"} <= cols
         if ready:
             self._claim_columns[table] = True
@@ -514,7 +510,7 @@ class SearchTracker:
 
     def __repr__(self) -> str:
         state = "closed" if self._conn is None else "open"
-        return f"SearchTracker({self._db_path!r}, {state})"
+        return f"SearchTracker({self._store.location!r}, {state})"
 
     # -- search state -----------------------------------------------------
 
@@ -552,7 +548,7 @@ class SearchTracker:
             marks = ", ".join("?" for _ in pool_ids)
             sql += f" WHERE pool_id IN ({marks}) OR pool_id IS NULL"
             params.extend(pool_ids)
-        sql += " ORDER BY created_at DESC, rowid DESC"
+        sql += " ORDER BY created_at DESC, eval_id DESC"
         if limit is not None:
             sql += " LIMIT ?"
             params.append(int(limit))
@@ -866,7 +862,7 @@ class SearchTracker:
                 " pool_id, payload_json, attempt_count, first_started_at, last_started_at)"
                 " VALUES (?, ?, ?, ?, ?, ?, 1, ?, ?)"
                 " ON CONFLICT(idempotency_key) DO UPDATE SET"
-                " attempt_count=attempt_count+1, last_started_at=excluded.last_started_at,"
+                " attempt_count=submission_attempts.attempt_count+1, last_started_at=excluded.last_started_at,"
                 " payload_json=excluded.payload_json",
                 (idempotency_key, eval_id, submission_type, era, pool_id, payload_json, now, now),
             )
@@ -950,6 +946,7 @@ class SearchTracker:
         _optional_text("payment_json", payment_json)
         now = time.time()
         finalized = now if status in TERMINAL_STATUSES else None
+        loose = self._store.loose
         with self._transaction() as conn:
             cur = conn.execute(
                 "UPDATE submission_status SET status=?, updated_at=?,"
@@ -968,9 +965,9 @@ class SearchTracker:
                 " WHERE submission_id=?",
                 (
                     status, now, finalized, _scalar_or_json(rejection_reason), is_stats_json,
-                    payment_json, _scalar_or_json(payment), _scalar_or_json(signal_pool_id),
-                    _scalar_or_json(is_correlation), _scalar_or_json(is_pnl_mi),
-                    _scalar_or_json(agent_is_pnl_mi), _scalar_or_json(is_weights_mi),
+                    payment_json, loose(_scalar_or_json(payment)), _scalar_or_json(signal_pool_id),
+                    loose(_scalar_or_json(is_correlation)), loose(_scalar_or_json(is_pnl_mi)),
+                    loose(_scalar_or_json(agent_is_pnl_mi)), loose(_scalar_or_json(is_weights_mi)),
                     _scalar_or_json(failure_reason), _scalar_or_json(failure_detail),
                     submission_id,
                 ),
@@ -1022,8 +1019,8 @@ class SearchTracker:
         with self._transaction() as conn:
             for table in tables:
                 cur = conn.execute(
-                    f"DELETE FROM {table} WHERE rowid NOT IN (SELECT rowid FROM {table}"
-                    " ORDER BY created_at DESC, rowid DESC LIMIT ?)" + self._IN_USE,
+                    f"DELETE FROM {table} WHERE eval_id NOT IN (SELECT eval_id FROM {table}"
+                    " ORDER BY created_at DESC, eval_id DESC LIMIT ?)" + self._IN_USE,
                     (keep_last,),
                 )
                 deleted += cur.rowcount
@@ -1054,14 +1051,9 @@ class SearchTracker:
                     "SELECT COUNT(*) FROM submission_status WHERE finalized_at IS NULL"
                 ).fetchone()[0]
             )
-        size = os.path.getsize(self._db_path) if os.path.exists(self._db_path) else 0
-        wal_path = self._db_path + "-wal"
-        wal_size = os.path.getsize(wal_path) if os.path.exists(wal_path) else 0
+            sizes = self._store.size_info(conn)
         return {
-            "db_path": self._db_path,
-            "size_bytes": size,
-            "size_mb": round(size / (1024 * 1024), 3),
-            "wal_size_bytes": wal_size,
+            **sizes,
             "row_counts": counts,
             "passed_signal_evaluations": passed,
             "open_submissions": open_submissions,

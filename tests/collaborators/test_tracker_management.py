@@ -10,8 +10,8 @@ from tarnwicket.search_tracking import SearchTracker
 
 
 @pytest.fixture
-def tracker(tmp_path):
-    t = SearchTracker(str(tmp_path))
+def tracker(tmp_path, store_url):
+    t = SearchTracker(str(tmp_path), store=store_url)
     yield t
     t.close()
 
@@ -75,7 +75,7 @@ def test_get_db_info(tracker):
     for passed in (True, False, False):
         record(tracker, passed=passed)
     info = tracker.get_db_info()
-    assert info["db_path"] == tracker._db_path and info["size_bytes"] > 0
+    assert info["db_path"] == tracker._store.location and info["size_bytes"] > 0
     assert info["size_mb"] == round(info["size_bytes"] / 1048576, 3)
     assert (info["row_counts"]["signal_evaluations"], info["row_counts"]["submission_queue"]) == (3, 0)
     assert info["passed_signal_evaluations"] == 1
@@ -107,6 +107,7 @@ def test_reads_work_where_files_and_databases_are_forbidden(tracker, monkeypatch
         raise RuntimeError("forbidden in templates")
 
     monkeypatch.setattr("sqlite3.connect", forbidden)
+    monkeypatch.setattr("psycopg.connect", forbidden)
     monkeypatch.setattr("builtins.open", forbidden)
     assert tracker.get_search_stats().total_evaluations == 1
     assert tracker.get_evaluation_count() == 1

@@ -1,4 +1,5 @@
-"""SearchTracker: calling forms, tables, and the store connection the pipeline uses."""
+"""SearchTracker: calling forms, tables, and the store connection the pipeline uses,
+on each store (the data directory's SQLite file and a shared PostgreSQL database)."""
 
 import json
 import sqlite3
@@ -23,8 +24,8 @@ CONTRACT_COLUMNS = {
 
 
 @pytest.fixture
-def tracker(tmp_path):
-    t = SearchTracker(str(tmp_path / "data"))
+def tracker(tmp_path, store_url):
+    t = SearchTracker(str(tmp_path / "data"), store=store_url)
     yield t
     t.close()
 
@@ -35,8 +36,8 @@ def record(tracker, passed=True, pool_id="pool_a", g=None, **kw):
         {"alpha": "1"}, pool_id=pool_id, **kw)
 
 
-def columns(conn, table):
-    return {row[1] for row in conn.execute(f'PRAGMA table_info("{table}")').fetchall()}
+def columns(tracker, table):
+    return tracker._store.table_columns(tracker._conn, table)
 
 
 def add_claim_columns(conn, table):
@@ -62,7 +63,7 @@ def test_tracker_lives_in_expanded_data_dir(tmp_path, monkeypatch):
 
 @pytest.mark.parametrize("table", sorted(CONTRACT_COLUMNS))
 def test_contract_columns_exist_and_claim_columns_do_not(tracker, table):
-    cols = columns(tracker._conn, table)
+    cols = columns(tracker, table)
     assert set(CONTRACT_COLUMNS[table].split()) <= cols
     assert not {"in_flight_owner", "in_flight_at"} & cols
 
@@ -70,7 +71,9 @@ def test_contract_columns_exist_and_claim_columns_do_not(tracker, table):
 def test_caller_transactions_and_migration_on_conn(tracker):
     conn = tracker._conn
     add_claim_columns(conn, "submission_queue")
-    assert {"in_flight_owner", "in_flight_at"} <= columns(conn, "submission_queue")
+    assert {"in_flight_owner", "in_flight_at"} <= columns(tracker, "submission_queue")
+    if tracker._store.dialect == "postgres":
+        add_claim_columns(conn, "submission_queue")   # several owners may migrate at once on a shared store
 
     eval_id = record(tracker)
     _, text = payload(eval_id)
@@ -273,12 +276,12 @@ def test_mark_submitted_and_attempts(tracker):
     assert (attempt["idempotency_key"], attempt["attempt_count"]) == ("key-1", 2)
 
 
-def test_search_active_flag_persists(tmp_path):
-    with SearchTracker(str(tmp_path)) as t:
+def test_search_active_flag_persists(tmp_path, store_url):
+    with SearchTracker(str(tmp_path), store=store_url) as t:
         t.set_search_active(True)
         with pytest.raises(TypeError):
             t.set_search_active("yes")
-    with SearchTracker(str(tmp_path)) as t:
+    with SearchTracker(str(tmp_path), store=store_url) as t:
         assert t.is_search_active()
         t.set_search_active(False)
         assert not t.is_search_active()
@@ -296,7 +299,7 @@ def test_threads_sharing_one_tracker_under_a_lock(tracker):
                         tracker.enqueue_submission(eval_id, "signal", payload(eval_id)[1], 1)
                 with lock:
                     tracker._conn.execute("BEGIN IMMEDIATE")
-                    tracker._conn.execute("UPDATE submission_queue SET priority=priority WHERE 0")
+                    tracker._conn.execute("UPDATE submission_queue SET priority=priority WHERE 1=0")
                     tracker._conn.execute("COMMIT")
                 tracker.get_search_stats()  # unlocked read on its own connection
         except Exception as exc:  # pragma: no cover - reported below
@@ -312,12 +315,12 @@ def test_threads_sharing_one_tracker_under_a_lock(tracker):
     assert tracker.get_db_info()["row_counts"]["submission_queue"] == 40
 
 
-def test_second_connection_waits_for_begin_immediate(tmp_path):
-    a = SearchTracker(str(tmp_path))
-    b = SearchTracker(str(tmp_path), busy_timeout=0.05)
+def test_second_connection_waits_for_begin_immediate(tmp_path, store_url):
+    a = SearchTracker(str(tmp_path / "a"), store=store_url)
+    b = SearchTracker(str(tmp_path / "a"), store=store_url, busy_timeout=0.05)
     try:
         a._conn.execute("BEGIN IMMEDIATE")
-        with pytest.raises(sqlite3.OperationalError, match="locked"):
+        with pytest.raises(sqlite3.OperationalError, match="lock"):
             b.enqueue_submission("e1", "signal", payload("e1")[1], 1)
         a._conn.execute("ROLLBACK")
         b.enqueue_submission("e1", "signal", payload("e1")[1], 1)

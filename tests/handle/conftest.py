@@ -40,9 +40,9 @@ def _fresh_module_state(module_state_reset):
 
 
 @pytest.fixture
-def store(tmp_path):
-    """A real SQLite store."""
-    tracker = SearchTracker(str(tmp_path / "store"))
+def store(tmp_path, store_url):
+    """A real store: SQLite, and PostgreSQL."""
+    tracker = SearchTracker(str(tmp_path / "store"), store=store_url)
     yield tracker
     tracker.close()
 

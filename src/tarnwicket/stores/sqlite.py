@@ -1,0 +1,59 @@
+"""The default store: one SQLite file in the data directory."""
+
+from __future__ import annotations
+
+import os
+import sqlite3
+
+
+class SqliteStore:
+    dialect = "sqlite"
+    # Column types the tracker's schema asks for, in this dialect.
+    types = {"id": "INTEGER PRIMARY KEY AUTOINCREMENT", "real": "REAL", "any": ""}
+
+    def __init__(self, path: str):
+        self.path = path
+        self.location = path
+
+    def connect(self, busy_timeout: float) -> sqlite3.Connection:
+        """A connection in autocommit mode: transactions are opened by plain statements."""
+        conn = sqlite3.connect(self.path, timeout=busy_timeout, check_same_thread=False,
+                               isolation_level=None)
+        try:
+            conn.execute(f"PRAGMA busy_timeout = {int(busy_timeout * 1000)}")
+            conn.execute("PRAGMA journal_mode = WAL")
+            conn.execute("PRAGMA synchronous = NORMAL")
+            conn.execute("PRAGMA foreign_keys = ON")
+        except BaseException:
+            conn.close()
+            raise
+        return conn
+
+    def read_only(self, timeout: float = 5.0) -> sqlite3.Connection:
+        """A connection that cannot write, for readers beside a running search."""
+        return sqlite3.connect(f"file:{self.path}?mode=ro", uri=True, timeout=timeout,
+                               check_same_thread=False)
+
+    def exists(self) -> bool:
+        return os.path.exists(self.path)
+
+    @staticmethod
+    def table_columns(conn, table: str) -> set[str]:
+        quoted = '"' + table.replace('"', '""') + '"'
+        return {row[1] for row in conn.execute(f"PRAGMA table_info({quoted})").fetchall()}
+
+    @staticmethod
+    def after_schema(conn, version: int) -> None:
+        conn.execute(f"PRAGMA user_version = {int(version)}")
+
+    @staticmethod
+    def loose(value):
+        """A value for a column without a declared type: kept as it is."""
+        return value
+
+    def size_info(self, conn) -> dict:
+        size = os.path.getsize(self.path) if os.path.exists(self.path) else 0
+        wal_path = self.path + "-wal"
+        wal_size = os.path.getsize(wal_path) if os.path.exists(wal_path) else 0
+        return {"db_path": self.path, "size_bytes": size, "size_mb": round(size / (1024 * 1024), 3),
+                "wal_size_bytes": wal_size}
