@@ -26,3 +26,13 @@ def test_twenty_kills_of_two_processes_lose_nothing_and_send_nothing_twice(tmp_p
 @pytest.mark.soak
 def test_a_thousand_kills(tmp_path):
     campaign(tmp_path, 1000, processes=3, jobs=2, lease=3.0, faults=FAULTS, final_seconds=30.0)
+
+
+@pytest.mark.parametrize("kills", [pytest.param(3 if ASAN else 9, id="ci"),
+                                   pytest.param(300, id="long", marks=pytest.mark.soak)])
+def test_three_machines_on_one_postgres_store_send_each_signal_once(tmp_path, postgres_server, kills):
+    outcome = campaign(tmp_path, kills, processes=3, jobs=1, lease=2.0, faults=FAULTS, max_seconds=4.0,
+                       final_seconds=10.0, store=postgres_server.new_schema_url("machines"))
+    r = outcome.report
+    assert outcome.kills == kills and r.service_held >= 3
+    assert r.duplicates == 0 and r.service_repeats <= outcome.kills and r.lost_receipts == 0

@@ -1,15 +1,28 @@
 """Searches in child processes sending to the loopback signal service over HTTP:
 under injected faults, across a kill and a restart, and two processes on one
-store. The service's own store is the witness of what it was sent."""
+store; on each store (SQLite, and PostgreSQL shared by the processes). The
+service's own store is the witness of what it was sent."""
 
 import signal
-import sqlite3
 import time
 
 import pytest
 
 from fakes.runtime import wait_until
 from fakes.searches import SLOW, finish, journal_files, reconcile, search
+from tarnwicket.search_tracking import DB_FILENAME
+from tarnwicket.stores import open_store, remember_store_url
+
+
+@pytest.fixture
+def data_dir(data_dir, store_url):
+    """The prepared data directory, set up to use each store in turn."""
+    remember_store_url(str(data_dir), store_url)
+    return data_dir
+
+
+def store_reader(data_dir):
+    return open_store(str(data_dir), db_filename=DB_FILENAME).read_only()
 
 
 def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
@@ -19,7 +32,7 @@ def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
     # The same data directory without faults: what waited is sent, by the same service store.
     finish(search(data_dir, 10))
     r = reconcile(data_dir, str(data_dir / "signal_service.db"))
-    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    store = store_reader(data_dir)
     try:
         attempts, sends = store.execute("SELECT COUNT(*), SUM(attempt_count) FROM submission_attempts").fetchone()
     finally:
@@ -45,7 +58,7 @@ def test_a_search_killed_and_restarted_sends_nothing_the_service_holds(data_dir,
     r = reconcile(data_dir, db)
     assert len(r.unplaced) <= 2  # one pass at the kill, one at the stop may have missed their rows
     assert r.service_repeats <= 1  # only an answer the kill cut off before its journal entry goes again
-    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    store = store_reader(data_dir)
     try:  # the dead owner's claims ran out and its rows were sent by the next process
         left = store.execute("SELECT COUNT(*) FROM submission_queue WHERE created_at < ?", (killed_at,)).fetchone()[0]
     finally:
@@ -78,7 +91,7 @@ def test_a_kill_at_each_boundary_of_a_success_loses_no_receipt_and_sends_nothing
     killed = search(data_dir, 60, "--server-url", url, lease=2.0, kill_at=boundary)
     killed.communicate(timeout=90 * SLOW)
     assert killed.returncode == -signal.SIGKILL
-    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    store = store_reader(data_dir)
     try:
         assert store.execute("SELECT COUNT(*) FROM submission_status").fetchone()[0] == recorded
     finally:
@@ -89,7 +102,7 @@ def test_a_kill_at_each_boundary_of_a_success_loses_no_receipt_and_sends_nothing
     restarted_at = time.time()
     finish(search(data_dir, 6, "--server-url", url, lease=2.0))  # a fresh process on the same directory
     r = reconcile(data_dir, db)
-    store = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    store = store_reader(data_dir)
     try:  # what the killed process recorded was polled to its verdict by the next one
         assert store.execute("SELECT COUNT(*) FROM submission_status WHERE submitted_at < ? "
                              "AND finalized_at IS NULL", (restarted_at,)).fetchone()[0] == 0

@@ -154,7 +154,7 @@ def test_search_command_runs_stops_and_summarises(tmp_path, monkeypatch, capsys)
     import tarnwicket.search_tracking as tracking
 
     class Tracker:
-        def __init__(self, data_dir):
+        def __init__(self, data_dir, store=None):
             self._data_dir = data_dir
 
     monkeypatch.setattr(tracking, "SearchTracker", Tracker, raising=False)

@@ -38,6 +38,7 @@ def check_store(path: str) -> None:
     if not os.path.lexists(path):
         return
     from tarnwicket.search_tracking import _SCHEMA
+    from tarnwicket.stores.sqlite import SqliteStore
 
     try:
         conn = sqlite3.connect(pathlib.Path(path).resolve().as_uri() + "?mode=ro", uri=True, timeout=5.0)
@@ -47,7 +48,7 @@ def check_store(path: str) -> None:
         verdict = [row[0] for row in conn.execute("PRAGMA quick_check")]
         if verdict != ["ok"]:
             raise DamagedFile(path, f"fails SQLite's integrity check ({verdict[0]})", STORE_ADVICE)
-        for table, wanted in _expected_columns(_SCHEMA).items():
+        for table, wanted in _expected_columns(_SCHEMA.format(**SqliteStore.types)).items():
             have = {row[1] for row in conn.execute(f'PRAGMA table_info("{table}")')}
             if have and not wanted <= have:
                 missing = ", ".join(sorted(wanted - have))

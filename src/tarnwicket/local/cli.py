@@ -75,6 +75,10 @@ def build_parser() -> argparse.ArgumentParser:
                         help="make the loopback service inject faults at random, e.g. "
                              "drop=0.1,5xx=0.1,401=0.05,403=0.05,lost=0.05,slow=0.1,seed=1 "
                              "(default: the environment variable TARNWICKET_SERVICE_FAULTS)")
+    search.add_argument("--store", type=_store_url, default=None, metavar="URL",
+                        help="where evaluations and submissions are kept: a postgresql://user@host:port/db "
+                             "URL shared by several machines, or 'sqlite' for the data directory's own file "
+                             "(default: what the data directory was last used with; SQLite at first)")
     check = sub.add_parser(
         "check", help="check a data directory's submissions against the signal service's record",
         description=("Check that every passing signal is in one place, every submission the service "
@@ -86,7 +90,19 @@ def build_parser() -> argparse.ArgumentParser:
                        help="the signal service's store (default: the data directory's own)")
     check.add_argument("--lease", type=_positive_seconds, default=300.0, metavar="S",
                        help="the claim lease the searches used (default: 300)")
+    check.add_argument("--with-data-dir", action="append", default=[], metavar="DIR",
+                       help="another data directory on the same shared store, whose receipt journal "
+                            "counts too (repeat for each)")
     return parser
+
+
+def _store_url(text: str) -> str:
+    from tarnwicket.stores import check_store_url
+
+    try:
+        return check_store_url(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
 
 
 def _fault_rates(text: str):
@@ -125,7 +141,8 @@ def run_check(args) -> int:
 
     data_dir = os.path.expanduser(args.data_dir)
     try:
-        report = check(data_dir, args.service_db and os.path.expanduser(args.service_db), lease=args.lease)
+        report = check(data_dir, args.service_db and os.path.expanduser(args.service_db), lease=args.lease,
+                       others=tuple(os.path.expanduser(d) for d in args.with_data_dir))
     except (OSError, sqlite3.Error) as exc:
         _err(f"cannot check {data_dir!r}: {exc}")
         return EXIT_USAGE
@@ -249,7 +266,7 @@ def _prepare(args, out, stops):
             if out.closed:
                 return EXIT_PIPE
             return prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url,
-                                         service_faults=args.service_faults)
+                                         service_faults=args.service_faults, store=args.store)
         finally:
             stops.interrupting = False
     except _Interrupted:
@@ -366,12 +383,12 @@ def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output, since:
 
     if out.closed:
         return
-    db_path = find_store(runtime.search_tracker, runtime.data_dir)
-    stored = stored_evaluations(db_path) if db_path else {}
+    store = find_store(runtime.search_tracker, runtime.data_dir)
+    stored = stored_evaluations(store) if store is not None else {}
     passed = runtime.evaluator.passed_signals()
-    for line in summary_lines(passed, stored, db_path, evaluated, elapsed):
+    for line in summary_lines(passed, stored, store and store.location, evaluated, elapsed):
         out.line(line)
-    out.line(submissions_line(db_path, since, runtime.server_url))
+    out.line(submissions_line(store, since, runtime.server_url))
     out.line(f"Local data and settings: {runtime.data_dir}")
 
 

@@ -33,6 +33,7 @@ from dataclasses import dataclass, field
 
 from tarnwicket.local_signal_service import DB_FILENAME as SERVICE_DB
 from tarnwicket.search_tracking import DB_FILENAME as STORE_DB
+from tarnwicket.stores import open_store
 
 JOURNAL_DIR = "submission_receipts_pending"
 
@@ -73,12 +74,12 @@ def _ro(path: str) -> sqlite3.Connection:
     return sqlite3.connect(f"file:{path}?mode=ro", uri=True, timeout=30.0)
 
 
-def _stale_claims(store: sqlite3.Connection, table: str, before: float) -> int:
+def _stale_claims(store, conn, table: str, before: float) -> int:
     """Rows of ``table`` claimed before ``before``; none where no search has added the claim columns yet."""
-    if "in_flight_owner" not in {row[1] for row in store.execute(f"PRAGMA table_info({table})")}:
+    if "in_flight_owner" not in store.table_columns(conn, table):
         return 0
-    return store.execute(f"SELECT COUNT(*) FROM {table} WHERE in_flight_owner IS NOT NULL AND in_flight_at < ?",
-                         (before,)).fetchone()[0]
+    return conn.execute(f"SELECT COUNT(*) FROM {table} WHERE in_flight_owner IS NOT NULL AND in_flight_at < ?",
+                        (before,)).fetchone()[0]
 
 
 def _journal_entries(data_dir: str, report: Report) -> list[dict]:
@@ -99,12 +100,18 @@ def _journal_entries(data_dir: str, report: Report) -> list[dict]:
 
 
 def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
-          now: float | None = None) -> Report:
+          now: float | None = None, others: tuple = ()) -> Report:
     """The report of ``data_dir`` (its store and journal) and of the service's store
-    (``signal_service.db`` in ``data_dir`` unless ``service_db`` names another)."""
+    (``signal_service.db`` in ``data_dir`` unless ``service_db`` names another).
+
+    ``others`` are further data directories on the same shared store: their
+    journals count as well."""
     report = Report()
     now = time.time() if now is None else now
-    store = _ro(os.path.join(data_dir, STORE_DB))
+    where = open_store(data_dir, db_filename=STORE_DB)
+    if not where.exists():
+        raise FileNotFoundError(f"no store in {data_dir}")
+    store = where.read_only(30.0)
     try:
         passed = dict(store.execute("SELECT eval_id, created_at FROM signal_evaluations WHERE passed=1"))
         queue = [r[0] for r in store.execute("SELECT eval_id FROM submission_queue")]
@@ -113,7 +120,7 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
         sources = {("queue", r[0]): r[1] for r in store.execute("SELECT queue_id, eval_id FROM submission_queue")}
         sources.update({("retry", r[0]): r[1] for r in store.execute("SELECT retry_id, eval_id FROM submission_retry")})
         key_to_eval = dict(store.execute("SELECT idempotency_key, eval_id FROM submission_attempts"))
-        stale = sum(_stale_claims(store, table, now - lease) for table in ("submission_queue", "submission_retry"))
+        stale = sum(_stale_claims(where, store, table, now - lease) for table in ("submission_queue", "submission_retry"))
     finally:
         store.close()
 
@@ -136,7 +143,7 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
             report.duplicates += 1
             report.problems.append(f"submission {sid} is recorded {n} times")
 
-    journal = _journal_entries(data_dir, report)
+    journal = [e for d in (data_dir, *others) for e in _journal_entries(d, report)]
     report.journal = len(journal)
     journal_ids = set()
     for entry in journal:

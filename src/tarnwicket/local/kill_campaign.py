@@ -1,7 +1,9 @@
 """Random kills of real local searches, and the invariants checked after each.
 
-Each round starts one or more search processes on one data directory (a
-short claim lease, so that a dead owner's rows come free quickly), lets them
+Each round starts one or more search processes on one store (a short claim
+lease, so that a dead owner's rows come free quickly): one data directory's
+SQLite file, or with ``--store`` a PostgreSQL database, each process then
+with a data directory of its own as on separate machines. It lets them
 work for a random while against the loopback signal service (which runs in a
 process of its own and may inject faults), then kills every one of them with
 SIGKILL at its own random moment, and checks the directory while nothing runs.
@@ -22,6 +24,7 @@ import argparse
 import json
 import os
 import random
+import shutil
 import signal
 import subprocess
 import sys
@@ -46,10 +49,14 @@ class Campaign:
     max_seconds: float = 5.0
     final_seconds: float = 12.0
     seed: int = 0
+    store: str | None = None
     log: object = None
 
     def __post_init__(self):
         self.data_dir = os.path.join(self.workdir, "local")
+        # On a shared store every process has a data directory (and a receipt journal) of its own.
+        self.data_dirs = ([self.data_dir] if self.store is None else
+                          [os.path.join(self.workdir, f"machine{i}") for i in range(self.processes)])
         self.service_db = os.path.join(self.workdir, "service.db")
         self.rng = random.Random(self.seed)
 
@@ -87,11 +94,22 @@ def _python() -> list[str]:
 
 
 def _prepare(c: Campaign) -> str:
-    """Writes the data set and the wallet; returns the data directory's token."""
+    """Writes the data set and the wallet of each data directory (one identity for all, as one
+    user's machines share theirs); returns the token."""
+    from .era import WALLET_FILE
+
     code = ("import sys; from tarnwicket.local.runtime import prepare_local_runtime as p; "
-            "r = p(sys.argv[1], server_url='http://unused.invalid'); print(r.auth_proxy.get_token()); r.close()")
-    done = subprocess.run(_python() + ["-c", code, c.data_dir], capture_output=True, text=True, check=True)
-    return done.stdout.strip().splitlines()[-1]
+            "r = p(sys.argv[1], server_url='http://unused.invalid', store=sys.argv[2] if len(sys.argv) > 2 else None); "
+            "print(r.auth_proxy.get_token()); r.close()")
+    tokens = []
+    for data_dir in c.data_dirs:
+        if tokens:
+            os.makedirs(data_dir, exist_ok=True)
+            shutil.copyfile(os.path.join(c.data_dirs[0], WALLET_FILE), os.path.join(data_dir, WALLET_FILE))
+        argv = _python() + ["-c", code, data_dir] + ([c.store] if c.store else [])
+        done = subprocess.run(argv, capture_output=True, text=True, check=True)
+        tokens.append(done.stdout.strip().splitlines()[-1])
+    return tokens[0]
 
 
 def _start_service(c: Campaign, token: str, faults: str | None):
@@ -118,9 +136,9 @@ def _stop_service(proc, outcome: Outcome) -> None:
                 outcome.requests[route] = outcome.requests.get(route, 0) + n
 
 
-def _search(c: Campaign, url: str, seconds: float, log) -> subprocess.Popen:
+def _search(c: Campaign, url: str, seconds: float, log, data_dir: str) -> subprocess.Popen:
     argv = _python() + ["-m", "tarnwicket.local.kill_campaign", CHILD_FLAG, str(c.lease), "search",
-                        "--data-dir", c.data_dir, "--jobs", str(c.jobs), "--seconds", str(seconds),
+                        "--data-dir", data_dir, "--jobs", str(c.jobs), "--seconds", str(seconds),
                         "--server-url", url]
     return subprocess.Popen(argv, stdout=log, stderr=log, env=dict(os.environ, PYTHONUNBUFFERED="1"))
 
@@ -140,14 +158,15 @@ def run(c: Campaign) -> Outcome:
         try:
             while outcome.kills < c.kills:
                 outcome.rounds += 1
-                children = [_search(c, url, 3600, log) for _ in range(c.processes)]
+                children = [_search(c, url, 3600, log, c.data_dirs[i % len(c.data_dirs)])
+                            for i in range(c.processes)]
                 for child in children:
                     time.sleep(c.rng.uniform(c.min_seconds, c.max_seconds) / len(children))
                     child.send_signal(signal.SIGKILL)
                     child.wait()
                     moments.append(time.time())
                     outcome.kills += 1
-                report = check(c.data_dir, c.service_db, lease=c.lease, now=0.0)  # claims may be fresh
+                report = _check(c, now=0.0)  # claims may be fresh
                 outcome.problems += [f"round {outcome.rounds}: {p}" for p in report.problems]
                 _say(c, f"round {outcome.rounds}: kills {outcome.kills}; " + "; ".join(report.lines()))
         finally:
@@ -155,15 +174,17 @@ def run(c: Campaign) -> Outcome:
         service, url = _start_service(c, token, None)
         final_start = time.time()
         try:
-            final = _search(c, url, max(c.final_seconds, 3 * c.lease), log)
-            if final.wait() != 0:
-                outcome.problems.append(f"the final search ended with exit status {final.returncode}")
+            # Each data directory's own search replays what its journal holds.
+            finals = [_search(c, url, max(c.final_seconds, 3 * c.lease), log, d) for d in c.data_dirs]
+            for final in finals:
+                if final.wait() != 0:
+                    outcome.problems.append(f"the final search ended with exit status {final.returncode}")
             moments.append(time.time())
         finally:
             _stop_service(service, outcome)
     # A dead owner's claim whose lease ran out before the final search began must be gone:
     # that search's passes took the row. Its own claims left at its stop are not stale yet.
-    report = check(c.data_dir, c.service_db, lease=c.lease, now=final_start)
+    report = _check(c, now=final_start)
     outcome.report = report
     outcome.problems += [f"final: {p}" for p in report.problems]
     if report.in_transit or report.journal:
@@ -172,6 +193,10 @@ def run(c: Campaign) -> Outcome:
     outcome.lost_passes = [(e, t) for e, t in report.unplaced
                            if not any(0.0 <= m - t <= KILL_WINDOW for m in moments)]
     return outcome
+
+
+def _check(c: Campaign, now: float):
+    return check(c.data_dirs[0], c.service_db, lease=c.lease, now=now, others=tuple(c.data_dirs[1:]))
 
 
 def _child(lease: str, argv: list[str]) -> int:
@@ -195,9 +220,11 @@ def main(argv: list[str] | None = None) -> int:
     parser.add_argument("--lease", type=float, default=3.0, help="claim lease of the searches, in seconds")
     parser.add_argument("--faults", default=None, help="faults of the service, e.g. drop=0.05,5xx=0.05,401=0.05")
     parser.add_argument("--seed", type=int, default=0)
+    parser.add_argument("--store", default=None, metavar="URL",
+                        help="a postgresql:// store shared by the processes, each with a data directory of its own")
     args = parser.parse_args(argv)
     c = Campaign(args.workdir, kills=args.kills, processes=args.processes, jobs=args.jobs, lease=args.lease,
-                 faults=args.faults, seed=args.seed, log=sys.stdout)
+                 faults=args.faults, seed=args.seed, store=args.store, log=sys.stdout)
     outcome = run(c)
     for line in outcome.lines():
         print(line)

@@ -101,7 +101,8 @@ def start_signal_service(data_dir: str, token: str, faults=None):
 
 
 def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
-                          server_url: str | None = None, service_faults=None) -> LocalRuntime:
+                          server_url: str | None = None, service_faults=None,
+                          store: str | None = None) -> LocalRuntime:
     """Build the local runtime, syncing the local data set first if needed.
 
     Unless ``server_url`` names a signal service, the loopback one is started
@@ -109,6 +110,11 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     with the runtime's own token, keeping what it accepted in the data
     directory; ``service_faults`` makes it inject faults (see
     ``tarnwicket.local_signal_service.FaultRates``).
+
+    ``store`` chooses where evaluations and submissions are kept: a
+    ``postgresql://`` URL of a database that several searches share, or
+    ``"sqlite"`` for the data directory's own file. The data directory
+    remembers the choice (None keeps the one it has; SQLite by default).
 
     The store, the market data, the vocabulary and the wallet secret are checked
     before anything is written; a damaged one raises ``DamagedFile`` (a
@@ -119,9 +125,15 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     ``tarnwicket.search_templates._library_runtime``.
     """
     from tarnwicket.search_tracking import DB_FILENAME, SearchTracker
+    from tarnwicket.stores import check_store_url, remember_store_url, remembered_store_url
 
+    if store is not None:
+        check_store_url(store)
     data_dir = usable_data_dir(data_dir)
-    check_store(os.path.join(data_dir, DB_FILENAME))
+    if store is None:
+        store = remembered_store_url(data_dir)
+    if store is None or store == "sqlite":
+        check_store(os.path.join(data_dir, DB_FILENAME))
     source = LocalMarketSource(seed)
     sync_manager = _sync_manager(data_dir, source)
     _ensure_data(data_dir, source, sync_manager)
@@ -142,7 +154,7 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
             data_dir=data_dir,
             auth_proxy=auth,
             sync_manager=sync_manager,
-            search_tracker=SearchTracker(data_dir),
+            search_tracker=SearchTracker(data_dir, store=store),
             search_era_config=era_config,
             evaluator=LocalEvaluator(data_dir, UNIVERSE_ID, thresholds=era_config.thresholds),
             source=source,
@@ -153,6 +165,7 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
         if service is not None:
             service.close()
         raise
+    remember_store_url(data_dir, store)
     try:
         onboarding = importlib.import_module("tarnwicket.agent_onboarding")
     except ModuleNotFoundError as exc:

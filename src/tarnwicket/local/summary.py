@@ -7,6 +7,8 @@ import os
 import sqlite3
 from typing import Any, Iterable, NamedTuple
 
+from tarnwicket.stores.sqlite import SqliteStore
+
 
 def expression_text(graph: Any) -> str:
     """``rank(ts_mean(returns, 20), true)`` style text of a graph."""
@@ -45,28 +47,28 @@ def progress_line(evaluated: int, rate: float, counts: Counts, discarded: int, e
 ACCEPTED = ("found", "useful")
 REJECTED = ("is_rejected", "not_useful", "os_failed", "useful_transition_failed")
 _COUNTS_SQL = (
-    "SELECT (SELECT COUNT(*) FROM signal_evaluations WHERE passed=1 AND created_at>=:since), "
+    "SELECT (SELECT COUNT(*) FROM signal_evaluations WHERE passed=1 AND created_at>=?), "
     "(SELECT COUNT(*) FROM submission_queue), "
-    "(SELECT COUNT(*) FROM submission_status WHERE submitted_at>=:since), "
+    "(SELECT COUNT(*) FROM submission_status WHERE submitted_at>=?), "
     "(SELECT COUNT(*) FROM submission_retry), "
-    f"(SELECT COUNT(*) FROM submission_status WHERE finalized_at>=:since AND status IN {ACCEPTED}), "
-    f"(SELECT COUNT(*) FROM submission_status WHERE finalized_at>=:since AND status IN {REJECTED}), "
+    f"(SELECT COUNT(*) FROM submission_status WHERE finalized_at>=? AND status IN {ACCEPTED}), "
+    f"(SELECT COUNT(*) FROM submission_status WHERE finalized_at>=? AND status IN {REJECTED}), "
     "(SELECT COUNT(*) FROM submission_status WHERE finalized_at IS NULL)")
 
 
-def read_counts(conn: sqlite3.Connection, since: float) -> Counts:
-    return Counts(*(int(n) for n in conn.execute(_COUNTS_SQL, {"since": since}).fetchone()))
+def read_counts(conn, since: float) -> Counts:
+    return Counts(*(int(n) for n in conn.execute(_COUNTS_SQL, (since,) * 4).fetchone()))
 
 
 class LiveCounts:
     """The run's counts, read from the store while the search writes it."""
 
-    def __init__(self, db_path: str | None, since: float):
+    def __init__(self, store, since: float):
         self.since = since
         self.conn = None
-        if db_path:
+        if store is not None:
             try:
-                self.conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, check_same_thread=False)
+                self.conn = store.read_only()
             except sqlite3.Error:
                 self.conn = None
 
@@ -83,12 +85,12 @@ class LiveCounts:
             self.conn.close()
 
 
-def submissions_line(db_path: str | None, since: float, server_url: str | None) -> str:
+def submissions_line(store, since: float, server_url: str | None) -> str:
     """What the run sent to the signal service, and what is still waiting."""
-    if not db_path:
+    if store is None:
         return "No store was found, so nothing can be said about submissions."
     try:
-        conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, timeout=5.0)
+        conn = store.read_only()
         try:
             counts = read_counts(conn, since)
         finally:
@@ -102,26 +104,26 @@ def submissions_line(db_path: str | None, since: float, server_url: str | None) 
             f"{counts.in_review:,} still in review.")
 
 
-def find_store(tracker: Any, data_dir: str) -> str | None:
-    path = getattr(tracker, "_db_path", None)
-    if isinstance(path, str) and os.path.exists(path):
-        return path
+def find_store(tracker: Any, data_dir: str):
+    """The tracker's store, or else a SQLite file in the data directory (None if there is neither)."""
+    store = getattr(tracker, "_store", None)
+    if store is not None and store.exists():
+        return store
     for name in sorted(os.listdir(data_dir)) if os.path.isdir(data_dir) else []:
         if name.endswith((".db", ".sqlite", ".sqlite3")):
-            return os.path.join(data_dir, name)
+            return SqliteStore(os.path.join(data_dir, name))
     return None
 
 
-def _columns(conn: sqlite3.Connection, table: str) -> list[str]:
-    return [row[1] for row in conn.execute(f"PRAGMA table_info({table})")]
-
-
-def stored_evaluations(db_path: str) -> dict:
+def stored_evaluations(store) -> dict:
     """Counts of evaluations in the store, and the graphs of those that passed."""
     out: dict = {"total": None, "passed": None, "passed_graphs": []}
-    conn = sqlite3.connect(f"file:{db_path}?mode=ro", uri=True, timeout=5.0)
     try:
-        cols = _columns(conn, "signal_evaluations")
+        conn = store.read_only()
+    except sqlite3.Error:
+        return out
+    try:
+        cols = store.table_columns(conn, "signal_evaluations")
         if not cols:
             return out
         out["total"] = conn.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
@@ -134,7 +136,7 @@ def stored_evaluations(db_path: str) -> dict:
             if graph_col is not None:
                 rows = conn.execute(
                     f"SELECT {graph_col} FROM signal_evaluations WHERE {flag} = 1 "
-                    "ORDER BY rowid DESC LIMIT 200").fetchall()
+                    "ORDER BY created_at DESC LIMIT 200").fetchall()
                 for (text,) in rows:
                     try:
                         out["passed_graphs"].append(json.loads(text))
@@ -147,7 +149,7 @@ def stored_evaluations(db_path: str) -> dict:
     return out
 
 
-def summary_lines(passed: Iterable[dict], stored: dict, db_path: str | None,
+def summary_lines(passed: Iterable[dict], stored: dict, location: str | None,
                   evaluated: int, elapsed: float, top: int = 5) -> list[str]:
     passed = list(passed)
     lines = [f"Evaluated {evaluated:,} expressions in {elapsed:.0f}s; "
@@ -161,10 +163,10 @@ def summary_lines(passed: Iterable[dict], stored: dict, db_path: str | None,
         lines.append("Passed signals in the store (latest first):")
         for graph in stored["passed_graphs"][:top]:
             lines.append(f"  {expression_text(graph)}")
-    if db_path:
+    if location:
         counts = ""
         if stored.get("total") is not None:
             counts = f" ({stored['total']:,} evaluations"
             counts += f", {stored['passed']:,} passed)" if stored.get("passed") is not None else ")"
-        lines.append(f"Evaluations are stored in {db_path}{counts}.")
+        lines.append(f"Evaluations are stored in {location}{counts}.")
     return lines

@@ -16,6 +16,7 @@ that directory opens the same store.
 from __future__ import annotations
 
 import os
+import sqlite3
 
 from .sqlite import SqliteStore
 
@@ -71,6 +72,11 @@ def open_store(data_dir: str, url: str | None = None, *, db_filename: str):
         url = remembered_store_url(data_dir)
     if url is None or check_store_url(url) == "sqlite":
         return SqliteStore(os.path.join(data_dir, db_filename))
-    from .postgres import PostgresStore      # psycopg is only needed for a shared store
-
+    try:
+        from .postgres import PostgresStore      # psycopg is only needed for a shared store
+    except ModuleNotFoundError as exc:
+        if exc.name not in ("psycopg", "psycopg_binary"):
+            raise
+        raise sqlite3.NotSupportedError("a PostgreSQL store needs psycopg 3: "
+                                        "pip install 'tarnwicket[postgres]'") from exc
     return PostgresStore(url)
