@@ -175,3 +175,9 @@ def test_search_command_runs_stops_and_summarises(tmp_path, monkeypatch, capsys)
     assert handles[0].stopped and handles[0].calls >= 1
     assert "ts_mean(returns, 120)" in out
     assert f"Local data and settings: {tmp_path}" in out
+
+
+def test_an_unknown_store_is_refused_before_anything_is_written(tmp_path, capsys):
+    assert cli.main(["search", "--data-dir", str(tmp_path / "d"), "--store", "mysql://db"]) == cli.EXIT_USAGE
+    assert "unsupported store 'mysql://db'" in capsys.readouterr().err
+    assert not (tmp_path / "d").exists()
