@@ -29,6 +29,9 @@ ROLE = "tarnwicket"
 FAST = ("-c fsync=off -c synchronous_commit=off -c full_page_writes=off")
 
 
+_NOT_INHERITED = ("LD_PRELOAD", "ASAN_OPTIONS", "UBSAN_OPTIONS", "PYTHONMALLOC")
+
+
 class ServerUnavailable(RuntimeError):
     """The PostgreSQL server programs are missing or the server did not start."""
 
@@ -78,7 +81,9 @@ class LocalPostgres:
 
     def _run(self, args: list[str], **kw) -> subprocess.CompletedProcess:
         extra = {} if self._user is None else {"user": self._user[0], "group": self._user[1]}
-        result = subprocess.run(args, capture_output=True, text=True, cwd=self.directory, **extra, **kw)
+        # The server is not ours to instrument: no preloaded sanitizer runtimes.
+        env = {k: v for k, v in os.environ.items() if k not in _NOT_INHERITED}
+        result = subprocess.run(args, capture_output=True, text=True, cwd=self.directory, env=env, **extra, **kw)
         if result.returncode != 0:
             tail = (result.stderr or result.stdout).strip().splitlines()[-5:]
             raise ServerUnavailable(f"{os.path.basename(args[0])} failed: " + " | ".join(tail))
