@@ -50,8 +50,11 @@ def run_script(tmp_path, ending):
     script = tmp_path / "script.py"
     script.write_text(START + textwrap.dedent(ENDINGS[ending]) + "\n")
     data_dir = str(tmp_path / "data")
+    # A shell that starts pytest in the background without job control makes it ignore SIGINT, and
+    # an ignored SIGINT is inherited: the child gets Python's own handler as from a terminal.
     child = subprocess.Popen([sys.executable, str(script), data_dir], stdout=subprocess.PIPE,
-                             stderr=subprocess.PIPE, text=True, env=dict(os.environ, PYTHONUNBUFFERED="1"))
+                             stderr=subprocess.PIPE, text=True, env=dict(os.environ, PYTHONUNBUFFERED="1"),
+                             preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
     first = ""
     try:
         if ending == "sigint":
