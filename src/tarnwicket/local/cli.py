@@ -15,6 +15,8 @@ import time
 
 from .files import DamagedFile
 from .runtime import DEFAULT_DATA_DIR
+from .store_commands import add_parsers as add_store_commands
+from .store_commands import run_db, run_results
 
 EXIT_OK, EXIT_FAILED, EXIT_USAGE = 0, 1, 2
 EXIT_PIPE = 128 + signal.SIGPIPE
@@ -30,14 +32,20 @@ class _Parser(argparse.ArgumentParser):
         raise UsageError(message)
 
 
-def _positive_int(text: str) -> int:
-    try:
-        value = int(text)
-    except ValueError:
-        raise argparse.ArgumentTypeError(f"expected a whole number, got {text!r}") from None
-    if value < 1:
-        raise argparse.ArgumentTypeError(f"must be at least 1, got {value}")
-    return value
+def _int_at_least(low: int):
+    def parse(text: str) -> int:
+        try:
+            value = int(text)
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"expected a whole number, got {text!r}") from None
+        if value < low:
+            raise argparse.ArgumentTypeError(f"must be at least {low}, got {value}")
+        return value
+    return parse
+
+
+_positive_int = _int_at_least(1)
+_non_negative_int = _int_at_least(0)
 
 
 def _positive_seconds(text: str) -> float:
@@ -93,6 +101,7 @@ def build_parser() -> argparse.ArgumentParser:
     check.add_argument("--with-data-dir", action="append", default=[], metavar="DIR",
                        help="another data directory on the same shared store, whose receipt journal "
                             "counts too (repeat for each)")
+    add_store_commands(sub, _non_negative_int)
     return parser
 
 
@@ -132,6 +141,10 @@ def main(argv: list[str] | None = None) -> int:
         return run_search(args)
     if args.command == "check":
         return run_check(args)
+    if args.command == "results":
+        return run_results(args)
+    if args.command == "db":
+        return run_db(args)
     parser.print_help()
     return EXIT_USAGE
 

@@ -1,0 +1,122 @@
+"""`results` and `db` on a store left by a real search (and one that goes on beside them)."""
+
+import csv
+import io
+import json
+import re
+import shutil
+import sqlite3
+
+import pytest
+
+from fakes.searches import finish, search
+from tarnwicket.local import cli
+from tarnwicket.local.results import METRICS, STATUSES
+from tarnwicket.search_tracking import SearchTracker
+
+FAULTS = "401=0.3,ban_seconds=1,seed=5"   # some signals wait to retry when the search ends
+
+
+@pytest.fixture(scope="module")
+def searched(prepared, tmp_path_factory):
+    """A data directory after a real search of several seconds with some refusals."""
+    data_dir = tmp_path_factory.mktemp("searched") / "local"
+    shutil.copytree(prepared, data_dir)
+    finish(search(data_dir, 10, "--service-faults", FAULTS, jobs=2))
+    return data_dir
+
+
+@pytest.fixture
+def data_dir(searched, tmp_path):
+    copy = tmp_path / "local"
+    shutil.copytree(searched, copy)
+    return copy
+
+
+def run(capsys, *argv):
+    code = cli.main(list(argv))
+    out, err = capsys.readouterr()
+    return code, out, err
+
+
+def store_rows(data_dir, sql):
+    conn = sqlite3.connect(f"file:{data_dir / 'search_tracking.db'}?mode=ro", uri=True)
+    try:
+        return conn.execute(sql).fetchall()
+    finally:
+        conn.close()
+
+
+def test_results_list_every_pass_with_its_metrics_and_state(searched, capsys):
+    passed = {e for (e,) in store_rows(searched, "SELECT eval_id FROM signal_evaluations WHERE passed=1")}
+    code, out, _ = run(capsys, "results", "--data-dir", str(searched), "--json")
+    assert code == 0
+    rows = json.loads(out)
+    assert {r["eval_id"] for r in rows} == passed and len(rows) == len(passed) >= 3
+    assert {r["status"] for r in rows} <= set(STATUSES) and len({r["status"] for r in rows}) >= 2
+    assert all(set(r["metrics"]) == set(METRICS) for r in rows)
+    assert all(isinstance(r["metrics"]["sharpe"], float) for r in rows if r["status"] != "not_queued")
+    assert [r["created_at"] for r in rows] == sorted((r["created_at"] for r in rows), reverse=True)
+    sent = {s for (s,) in store_rows(searched, "SELECT submission_id FROM submission_status")}
+    assert {r["submission_id"] for r in rows if r["submission_id"]} == sent
+    retrying = [r for r in rows if r["status"] == "retrying"]
+    assert all("401" in r["reason"] for r in retrying)
+
+    code, out, _ = run(capsys, "results", "--data-dir", str(searched), "--csv", "--sort", "fitness", "--top", "3")
+    table = list(csv.DictReader(io.StringIO(out)))
+    assert len(table) == 3
+    fitness = [float(r["fitness"]) for r in table]
+    assert fitness == sorted(fitness, reverse=True)
+    assert max(r["metrics"]["fitness"] or 0 for r in rows) == fitness[0]
+
+    code, out, _ = run(capsys, "results", "--data-dir", str(searched), "--status", rows[0]["status"])
+    lines = out.strip().splitlines()
+    assert lines[0].split()[:3] == ["era", "status", "sharpe"]
+    assert len(lines) - 1 == sum(r["status"] == rows[0]["status"] for r in rows)
+    assert rows[0]["expression"] in out
+
+    assert run(capsys, "results", "--data-dir", str(searched), "--era", "999")[1].startswith("No passing signals")
+
+
+def test_results_refuse_what_they_cannot_read(tmp_path, capsys):
+    code, _, err = run(capsys, "results", "--data-dir", str(tmp_path / "none"))
+    assert code == cli.EXIT_USAGE and "no store" in err
+    code, _, err = run(capsys, "results", "--status", "lost")
+    assert code == cli.EXIT_USAGE and "invalid choice" in err
+
+
+def test_results_while_a_search_runs(data_dir, capsys):
+    child = search(data_dir, 6, jobs=1)
+    try:
+        assert child.stdout.readline().startswith("Preparing")
+        code, out, err = run(capsys, "results", "--data-dir", str(data_dir), "--csv")
+        assert code == 0 and err == "" and out.startswith("eval_id,era_id")
+    finally:
+        finish(child)
+
+
+def test_db_info_and_trims_keep_what_still_waits(data_dir, capsys):
+    code, out, _ = run(capsys, "db", "info", "--data-dir", str(data_dir))
+    (total,), = store_rows(data_dir, "SELECT COUNT(*) FROM signal_evaluations")
+    assert code == 0 and re.search(rf"\n  signal_evaluations +{total:,}\n", out) and "Size:" in out
+
+    (failed,), = store_rows(data_dir, "SELECT COUNT(*) FROM signal_evaluations WHERE passed=0")
+    code, out, _ = run(capsys, "db", "trim-failed", "--data-dir", str(data_dir))
+    assert code == 0 and f"Deleted {failed:,} evaluations" in out
+    waiting = {e for (e,) in store_rows(data_dir, "SELECT eval_id FROM submission_queue UNION "
+                                                  "SELECT eval_id FROM submission_retry UNION "
+                                                  "SELECT eval_id FROM submission_status WHERE finalized_at IS NULL")}
+    code, out, _ = run(capsys, "db", "trim", "--keep", "0", "--data-dir", str(data_dir))
+    assert code == 0
+    assert {e for (e,) in store_rows(data_dir, "SELECT eval_id FROM signal_evaluations")} == waiting
+
+
+def test_db_trims_are_refused_while_the_store_says_a_search_runs(data_dir, capsys):
+    with SearchTracker(str(data_dir)) as tracker:     # as a search on another machine would leave it
+        tracker.set_search_active(True)
+    code, _, err = run(capsys, "db", "trim-failed", "--data-dir", str(data_dir))
+    assert code == cli.EXIT_FAILED and "a search is running on this store" in err and "--force" in err
+    assert store_rows(data_dir, "SELECT COUNT(*) FROM signal_evaluations WHERE passed=0")[0][0] > 0
+    assert run(capsys, "db", "info", "--data-dir", str(data_dir))[0] == 0      # looking is always allowed
+    code, out, _ = run(capsys, "db", "trim-failed", "--force", "--data-dir", str(data_dir))
+    assert code == 0 and store_rows(data_dir, "SELECT COUNT(*) FROM signal_evaluations WHERE passed=0") == [(0,)]

@@ -1,0 +1,69 @@
+"""The package as users meet it: the engine's names at package level, register() and login()."""
+
+import os
+import time
+
+import pytest
+
+import tarnwicket
+import tarnwicket.search_templates as st
+from tarnwicket.local.era import WALLET_FILE
+
+
+@pytest.fixture(autouse=True)
+def _close_runtime(module_state_reset):
+    yield
+    runtime = getattr(st, "_library_runtime", None)
+    if runtime is not None and hasattr(runtime, "close"):
+        runtime.close()
+    st._library_runtime = None
+
+
+def test_engine_names_at_package_level_follow_the_module():
+    for name in tarnwicket.__all__:
+        assert getattr(tarnwicket, name) is not None
+        assert name in dir(tarnwicket)
+    assert tarnwicket.search is st.search and tarnwicket.SearchStatus is st.SearchStatus
+    with pytest.raises(AttributeError, match="no attribute 'nothing'"):
+        tarnwicket.nothing
+
+
+def test_register_then_login_elsewhere_with_the_same_identity(tmp_path):
+    key = tarnwicket.register(str(tmp_path / "a"))
+    assert len(key) == 64 and int(key, 16) >= 0
+    first = st._library_runtime
+    service = first.signal_service
+    assert first.data_dir == str(tmp_path / "a") and service.url.startswith("http://127.0.0.1:")
+    assert tarnwicket.register(str(tmp_path / "a")) == key          # an identity is kept
+    assert st._library_runtime is not first
+    with pytest.raises(Exception):
+        service.url                                                  # the replaced runtime was closed
+
+    tarnwicket.login(key, str(tmp_path / "b"))
+    assert (tmp_path / "b" / WALLET_FILE).read_bytes() == bytes.fromhex(key)
+    assert os.stat(tmp_path / "b" / WALLET_FILE).st_mode & 0o077 == 0
+    assert st._library_runtime.auth_proxy.get_token() == first.auth_proxy.get_token()
+
+    other = "ab" * 32
+    with pytest.raises(ValueError, match="already holds another identity"):
+        tarnwicket.login(other, str(tmp_path / "b"))
+    assert (tmp_path / "b" / WALLET_FILE).read_bytes() == bytes.fromhex(key)
+    for bad, exc in [("xyz", ValueError), ("ab" * 31, ValueError), (b"ab" * 32, TypeError)]:
+        with pytest.raises(exc):
+            tarnwicket.login(bad, str(tmp_path / "c"))
+    assert not (tmp_path / "c" / WALLET_FILE).exists()
+
+
+def test_the_advice_texts_hold_in_this_package(tmp_path):
+    with pytest.raises(tarnwicket.SearchError) as raised:
+        tarnwicket.status()
+    assert "tarnwicket.search(template)" in raised.value.status.recovery_advice
+    tarnwicket.register(str(tmp_path))
+    handle = tarnwicket.search(tarnwicket.random_weighted, n_jobs=1)
+    try:
+        deadline = time.monotonic() + 60
+        while tarnwicket.status().total_evaluated < 5 and time.monotonic() < deadline:
+            time.sleep(0.05)
+        assert tarnwicket.status().running and tarnwicket.status().total_evaluated >= 5
+    finally:
+        handle.stop()
