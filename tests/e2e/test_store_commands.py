@@ -4,7 +4,6 @@ import csv
 import io
 import json
 import re
-import shutil
 import sqlite3
 
 import pytest
@@ -18,19 +17,16 @@ FAULTS = "401=0.3,ban_seconds=1,seed=5"   # some signals wait to retry when the 
 
 
 @pytest.fixture(scope="module")
-def searched(prepared, tmp_path_factory):
-    """A data directory after a real search of several seconds with some refusals."""
-    data_dir = tmp_path_factory.mktemp("searched") / "local"
-    shutil.copytree(prepared, data_dir)
-    finish(search(data_dir, 10, "--service-faults", FAULTS, jobs=2))
-    return data_dir
+def searched(prepared):
+    """The module's data directory after a real search of several seconds with some refusals;
+    `data_dir` gives each test a copy of it."""
+    finish(search(prepared, 10, "--service-faults", FAULTS, jobs=2))
+    return prepared
 
 
 @pytest.fixture
-def data_dir(searched, tmp_path):
-    copy = tmp_path / "local"
-    shutil.copytree(searched, copy)
-    return copy
+def data_dir(searched, data_dir):
+    return data_dir
 
 
 def run(capsys, *argv):
