@@ -1,11 +1,13 @@
 """`results` and `db` on a store left by a real search (and one that goes on beside them)."""
 
 import csv
+import html
 import io
 import json
 import re
 import sqlite3
 
+import numpy as np
 import pytest
 
 from fakes.searches import finish, search
@@ -116,3 +118,29 @@ def test_db_trims_are_refused_while_the_store_says_a_search_runs(data_dir, capsy
     assert run(capsys, "db", "info", "--data-dir", str(data_dir))[0] == 0      # looking is always allowed
     code, out, _ = run(capsys, "db", "trim-failed", "--force", "--data-dir", str(data_dir))
     assert code == 0 and store_rows(data_dir, "SELECT COUNT(*) FROM signal_evaluations WHERE passed=0") == [(0,)]
+
+
+def test_report_pictures_and_the_best_signals_recomputed(searched, tmp_path, capsys):
+    from tarnwicket.local.evaluator import LocalEvaluator
+    from tarnwicket.local.report import PICTURES, signal_series
+
+    out = tmp_path / "report"
+    code, said, _ = run(capsys, "report", "--data-dir", str(searched), "--out", str(out), "--best", "2")
+    assert code == 0 and str(out / "report.html") in said
+    page = (out / "report.html").read_text()
+    for name in PICTURES:
+        assert (out / name).read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    assert page.count("data:image/png;base64,") == len(PICTURES)       # the page stands alone
+    best = json.loads(run(capsys, "results", "--data-dir", str(searched), "--json", "--sort", "fitness",
+                          "--top", "2")[1])
+    for r in best:
+        assert html.escape(r["expression"]) in page
+
+    # The P&L drawn is the book the search judged: its Sharpe ratio is the one the signal was sent with.
+    (graph_json,), = store_rows(searched, "SELECT graph_json FROM signal_evaluations WHERE eval_id='%s'"
+                                % best[0]["eval_id"])
+    _, cumulative, turnover = signal_series(LocalEvaluator(str(searched)), json.loads(graph_json))
+    daily = np.diff(np.concatenate([[0.0], cumulative]))
+    daily = daily[np.argmax(daily != 0.0):]
+    assert daily.mean() / daily.std() * np.sqrt(252) == pytest.approx(best[0]["metrics"]["sharpe"], abs=1e-9)
+    assert np.nanmean(turnover[1:]) == pytest.approx(best[0]["metrics"]["turnover"], rel=0.05)

@@ -16,7 +16,7 @@ import time
 from .files import DamagedFile
 from .runtime import DEFAULT_DATA_DIR
 from .store_commands import add_parsers as add_store_commands
-from .store_commands import run_db, run_results
+from .store_commands import run_db, run_report, run_results
 
 EXIT_OK, EXIT_FAILED, EXIT_USAGE = 0, 1, 2
 EXIT_PIPE = 128 + signal.SIGPIPE
@@ -143,6 +143,8 @@ def main(argv: list[str] | None = None) -> int:
         return run_check(args)
     if args.command == "results":
         return run_results(args)
+    if args.command == "report":
+        return run_report(args)
     if args.command == "db":
         return run_db(args)
     parser.print_help()

@@ -46,9 +46,12 @@ class Result:
     reason: str | None = None
     submission_id: str | None = None
     metrics: dict = field(default_factory=dict)
+    graph_json: str = field(default="", repr=False)     # the stored graph, for recomputing
 
     def as_dict(self) -> dict:
-        return asdict(self)
+        out = asdict(self)
+        del out["graph_json"]
+        return out
 
 
 def _status(queue_json, retry_json, retry_count, retry_reason, status, finalized_at, rejection, failure):
@@ -100,7 +103,7 @@ def read_results(conn, *, status: str | None = None, era: int | None = None, sor
         except (TypeError, ValueError):
             expression = "(unreadable graph)"
         results.append(Result(eval_id, era_id, created_at, expression, kind, reason, submission_id,
-                              _metrics(queue_json, retry_json, attempt_json)))
+                              _metrics(queue_json, retry_json, attempt_json), graph_json))
     if sort in ("newest", "oldest"):
         results.sort(key=lambda r: (r.created_at, r.eval_id), reverse=sort == "newest")
     else:   # best first; a signal without the metric goes last

@@ -1,5 +1,5 @@
-"""``python -m tarnwicket results`` and ``python -m tarnwicket db``: what a data
-directory's store holds, and its upkeep."""
+"""``python -m tarnwicket results``, ``report`` and ``db``: what a data
+directory's store holds, in a table and in pictures, and its upkeep."""
 
 from __future__ import annotations
 
@@ -30,6 +30,19 @@ def add_parsers(sub, non_negative_int) -> None:
     form = results.add_mutually_exclusive_group()
     form.add_argument("--json", action="store_true", help="a JSON list instead of the table")
     form.add_argument("--csv", action="store_true", help="CSV with a header row instead of the table")
+
+    report = sub.add_parser(
+        "report", help="write an HTML report with pictures of what the searches did and found",
+        description=("Write report.html (self-contained) and its PNG pictures: evaluations and passes "
+                     "over time, submissions, rejection reasons, and cumulative P&L and turnover of the "
+                     "best signals recomputed on the local data. Needs matplotlib "
+                     "(pip install 'tarnwicket[report]'). Reads only; works while a search runs."))
+    report.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
+                        help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+    report.add_argument("--out", default=None, metavar="DIR",
+                        help="where the report goes (default: report/ in the data directory)")
+    report.add_argument("--best", type=non_negative_int, default=3, metavar="N",
+                        help="signals whose P&L is drawn, best fitness first (default: 3)")
 
     db = sub.add_parser(
         "db", help="look at or trim a data directory's store",
@@ -83,6 +96,31 @@ def run_results(args) -> int:
     else:
         text = f"No passing signals{' with status ' + args.status if args.status else ''} in {store.location}."
     print(text)
+    return EXIT_OK
+
+
+def run_report(args) -> int:
+    from .cli import EXIT_FAILED, EXIT_OK, EXIT_USAGE, _err
+    from .report import write_report
+
+    data_dir = os.path.expanduser(args.data_dir)
+    out_dir = os.path.expanduser(args.out) if args.out else os.path.join(data_dir, "report")
+    try:
+        store, conn = _open(data_dir)
+        if conn is None:
+            _err(f"there is no store in {data_dir!r} yet: run a search there first")
+            return EXIT_USAGE
+        try:
+            page = write_report(conn, data_dir, out_dir, best=args.best, location=store.location)
+        finally:
+            conn.close()
+    except RuntimeError as exc:          # no matplotlib
+        _err(str(exc))
+        return EXIT_FAILED
+    except (OSError, sqlite3.Error) as exc:
+        _err(f"the report could not be written: {exc}")
+        return EXIT_FAILED
+    print(f"Wrote {page} (open it in a browser); the pictures are beside it.")
     return EXIT_OK
 
 
