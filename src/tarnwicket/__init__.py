@@ -16,7 +16,16 @@ The search engine lives in the extension module ``tarnwicket.search_templates``;
 its public names are offered here as well, loaded on first use.
 """
 
+from typing import TYPE_CHECKING
+
 __version__ = "0.1.0"
+
+if TYPE_CHECKING:       # what type checkers see of the names loaded on first use below
+    from tarnwicket.identity import login, register
+    from tarnwicket.search_templates import (SearchContext, SearchError, SearchHandle, SearchStatus,
+                                             TemplateSandboxViolation, analyze_random_weighted,
+                                             delete_evaluations, delete_failed_evaluations, get_db_info,
+                                             random_weighted, search, status)
 
 # Public names of the extension module, offered at package level.
 _ENGINE_NAMES = (

@@ -67,3 +67,34 @@ def test_the_advice_texts_hold_in_this_package(tmp_path):
         assert tarnwicket.status().running and tarnwicket.status().total_evaluated >= 5
     finally:
         handle.stop()
+
+
+def test_the_documented_template_runs_as_written(tmp_path, capfd):
+    import importlib.util
+    import sqlite3
+
+    from tarnwicket.local.summary import expression_text
+
+    path = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "examples", "reversal_template.py")
+    spec = importlib.util.spec_from_file_location("reversal_template", path)
+    example = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(example)
+    status = example.main(str(tmp_path), 2.0)
+    assert status.total_evaluated >= 8
+    conn = sqlite3.connect(tmp_path / "search_tracking.db")
+    try:
+        rows = conn.execute("SELECT graph_json, rejection_reason FROM signal_evaluations").fetchall()
+    finally:
+        conn.close()
+    texts = {expression_text(__import__("json").loads(g)) for g, _ in rows}
+    assert "rank(ts_decay(sub(delay(close, 2), close), 2))" in texts
+    assert "failed" not in capfd.readouterr().err     # every graph it makes can be evaluated
+
+
+def test_the_type_stubs_match_the_built_module():
+    import subprocess
+    import sys
+
+    done = subprocess.run([sys.executable, "-m", "mypy.stubtest", "tarnwicket.search_templates"],
+                          capture_output=True, text=True, timeout=600)
+    assert done.returncode == 0, done.stdout + done.stderr

@@ -133,7 +133,8 @@ void register_records(handle m) {
                make_exception("SubmissionProtocolError", handle(PyExc_RuntimeError),
                               "Raised when a successful submission response violates the client protocol."));
 
-    object row_error = make_exception("RowSchemaError", handle(PyExc_ValueError));
+    object row_error = make_exception("RowSchemaError", handle(PyExc_ValueError),
+                                      "A stored submission row whose payload lacks the keys a submission needs.");
     def_method<row_schema_error_init>(row_error, "__init__($self, source_kind, missing=_EMPTY_FIELD_SET, row_id=None, message=None)");
     set_global("RowSchemaError", row_error);
 

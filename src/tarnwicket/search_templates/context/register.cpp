@@ -13,18 +13,27 @@ void register_context(handle m) {
                              "thresholds=None, era_config=None, fatal_callback=None, submission_queue=None, "
                              "tracker_write_lock=None, submission_wakeup=None, stop_event=None, "
                              "submission_owner=None, replacement_abort_event=None)");
-    def_property<get_vocabulary, set_vocabulary>(cls, "vocabulary", "vocabulary(self)", "vocabulary(self, value)");
-    def_property<get_universe_id, set_universe_id>(cls, "universe_id", "universe_id(self)", "universe_id(self, value)");
+    def_property<get_vocabulary, set_vocabulary>(cls, "vocabulary", "vocabulary(self)", "vocabulary(self, value)",
+                                                 "The era's vocabulary: {'functions': [...], 'features': [...]} "
+                                                 "(read-only).");
+    def_property<get_universe_id, set_universe_id>(cls, "universe_id", "universe_id(self)", "universe_id(self, value)",
+                                                   "The universe the expressions are evaluated on (read-only).");
     def_property<get_metaparameters, set_metaparameters>(cls, "metaparameters", "metaparameters(self)",
-                                                         "metaparameters(self, value)");
-    def_property<get_max_depth, set_max_depth>(cls, "max_depth", "max_depth(self)", "max_depth(self, value)");
-    def_property<get_analytics>(cls, "analytics", "analytics(self)");
-    def_method<refresh_analytics>(cls, "refresh_analytics($self)");
+                                                         "metaparameters(self, value)",
+                                                         "The era's metaparameters of the backtest (read-only).");
+    def_property<get_max_depth, set_max_depth>(cls, "max_depth", "max_depth(self)", "max_depth(self, value)",
+                                               "The deepest expression graph the era accepts (read-only).");
+    def_property<get_analytics>(cls, "analytics", "analytics(self)",
+                                "Search statistics as of the last refresh: yield rates of functions and features.");
+    def_method<refresh_analytics>(cls, "refresh_analytics($self)",
+                                  "Read fresh search statistics from the store; returns and keeps them.");
     def_method<submission_cancelled>(cls, "_submission_cancelled($self)");
     def_method<safe_record>(cls,
                             "_safe_record($self, graph, passed_thresholds, rejection_reason=None, stats=None, "
                             "per_column_stats=None)");
-    def_method<evaluate>(cls, "evaluate($self, expr_graph)");
+    def_method<evaluate>(cls, "evaluate($self, expr_graph)",
+                         "Check, backtest, judge and record one expression graph; a pass is queued for "
+                         "submission. Returns a BacktestResult, or None when the graph was rejected.");
     def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
 
     // Helpers that need no context: module functions, also reachable from the class.

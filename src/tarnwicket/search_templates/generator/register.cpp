@@ -39,8 +39,13 @@ void register_generator(handle m) {
     rnd::init();
     init_generator_type();
 
-    def_function<random_weighted>(m, "random_weighted(ctx)");
-    def_function<analyze_random_weighted>(m, "analyze_random_weighted(ctx)");
+    def_function<random_weighted>(m, "random_weighted(ctx)",
+                                  "Built-in template: yields random expression graphs over the era's vocabulary, "
+                                  "weighting functions and features by how often they passed. Pass it to search().");
+    def_function<analyze_random_weighted>(m, "analyze_random_weighted(ctx)",
+                                          "What random_weighted would use for this context: the rotations and "
+                                          "features it may draw with their weights, and why other functions are "
+                                          "refused. Generates and changes nothing.");
 
     def_function<build_expression>(m, "_build_random_signal_expression(func_names, func_specs, func_weights, feat_names, "
                         "feat_weights, target_depth)");

@@ -43,7 +43,8 @@ void register_vocabulary(handle m) {
                              "feature_hash", "stats"}));
     set_global("_FEATURE_STATS_REQUIRED_KEYS", frozenset_of({"mean", "std", "pct_nan", "min", "max"}));
 
-    object cls = make_exception("VocabSchemaError", handle(PyExc_ValueError));
+    object cls = make_exception("VocabSchemaError", handle(PyExc_ValueError),
+                                "A vocabulary entry that breaks the canonical contract (missing or unexpected fields).");
     def_method<schema_error_init>(cls,
                                   "__init__($self, source_kind, missing=_EMPTY_FIELD_SET, unexpected=_EMPTY_FIELD_SET, "
                                   "entry=None, message=None)");
