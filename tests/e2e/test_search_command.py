@@ -37,6 +37,15 @@ def test_a_short_local_search_sends_each_pass_to_the_local_service_once(tmp_path
     assert not (data_dir / "submission_receipts_pending").exists()  # nothing left in the journal
     service = read_store(str(data_dir / "signal_service.db"))
     assert service == {"submissions": sent, "repeats": 0, "key_conflicts": 0, "bodies_held_twice": 0}
+    # The summary's figures are this run's, and the store's.
+    assert f"This run evaluated {evaluated:,} expressions" in done.stdout
+    assert f"; {passed:,} passed every rule." in done.stdout and "continued" not in done.stdout
+
+    again = run_command("--seconds", "2", "--jobs", "1", "--data-dir", str(data_dir))
+    total, passed_now = db.execute("SELECT COUNT(*), SUM(passed) FROM signal_evaluations").fetchone()
+    assert f"which held {evaluated:,} evaluations before it" in again.stdout
+    assert f"This run evaluated {total - evaluated:,} expressions" in again.stdout
+    assert f"; {passed_now - passed:,} passed every rule." in again.stdout
 
 
 def test_bad_options_give_one_line(tmp_path):

@@ -91,7 +91,7 @@ def test_a_signal_stops_the_search_and_prints_the_summary(data_dir, sig, code, w
     out, err = finish(child)
     assert child.returncode == code, err
     assert err == ""
-    assert f"{word}; stopping ..." in out and "Evaluated " in out and "Local data and settings" in out
+    assert f"{word}; stopping ..." in out and "This run evaluated " in out and "Local data and settings" in out
     after = assert_store_settled(data_dir, before)
     assert after["evaluated"] > before["evaluated"]
 

@@ -394,14 +394,19 @@ def _watch(handle, seconds: float, runtime, out: _Output, stops: _StopRequests, 
 
 
 def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output, since: float) -> None:
-    from .summary import find_store, stored_evaluations, submissions_line, summary_lines
+    from .summary import LiveCounts, find_store, stored_evaluations, submissions_line, summary_lines
 
     if out.closed:
         return
     store = find_store(runtime.search_tracker, runtime.data_dir)
-    stored = stored_evaluations(store) if store is not None else {}
+    stored = stored_evaluations(store, since) if store is not None else {}
+    counts = LiveCounts(store, since)
+    found = counts.read().found if counts.conn is not None else None
+    counts.close()
+    if stored.get("total") is not None and stored.get("before") is not None:
+        evaluated = stored["total"] - stored["before"]      # the store's own count of this run
     passed = runtime.evaluator.passed_signals()
-    for line in summary_lines(passed, stored, store and store.location, evaluated, elapsed):
+    for line in summary_lines(passed, stored, store and store.location, evaluated, elapsed, found=found):
         out.line(line)
     out.line(submissions_line(store, since, runtime.server_url))
     out.line(f"Local data and settings: {runtime.data_dir}")

@@ -115,9 +115,10 @@ def find_store(tracker: Any, data_dir: str):
     return None
 
 
-def stored_evaluations(store) -> dict:
-    """Counts of evaluations in the store, and the graphs of those that passed."""
-    out: dict = {"total": None, "passed": None, "passed_graphs": []}
+def stored_evaluations(store, since: float | None = None) -> dict:
+    """Counts of evaluations in the store (in all, and recorded before ``since``), and the
+    graphs of those that passed."""
+    out: dict = {"total": None, "passed": None, "before": None, "passed_graphs": []}
     try:
         conn = store.read_only()
     except sqlite3.Error:
@@ -127,6 +128,9 @@ def stored_evaluations(store) -> dict:
         if not cols:
             return out
         out["total"] = conn.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
+        if since is not None and "created_at" in cols:
+            out["before"] = conn.execute("SELECT COUNT(*) FROM signal_evaluations WHERE created_at < ?",
+                                         (since,)).fetchone()[0]
         flag = next((c for c in ("passed_thresholds", "passed") if c in cols), None)
         if flag is not None:
             out["passed"] = conn.execute(
@@ -150,10 +154,16 @@ def stored_evaluations(store) -> dict:
 
 
 def summary_lines(passed: Iterable[dict], stored: dict, location: str | None,
-                  evaluated: int, elapsed: float, top: int = 5) -> list[str]:
+                  evaluated: int, elapsed: float, top: int = 5, found: int | None = None) -> list[str]:
+    """``evaluated`` and ``found`` (passes recorded in the store) are this run's; ``passed``
+    the evaluator's records of this run's best signals."""
     passed = list(passed)
-    lines = [f"Evaluated {evaluated:,} expressions in {elapsed:.0f}s; "
-             f"{len(passed)} passed every local rule."]
+    found = len(passed) if found is None else found
+    lines = [f"This run evaluated {evaluated:,} expressions in {elapsed:.0f}s; "
+             f"{found:,} passed every rule."]
+    if stored.get("before"):
+        lines.append(f"It continued earlier searches on the same store, which held "
+                     f"{stored['before']:,} evaluations before it.")
     if passed:
         lines.append("Best signals (by fitness):")
         for rec in passed[:top]:
@@ -166,7 +176,7 @@ def summary_lines(passed: Iterable[dict], stored: dict, location: str | None,
     if location:
         counts = ""
         if stored.get("total") is not None:
-            counts = f" ({stored['total']:,} evaluations"
+            counts = f" ({stored['total']:,} evaluations in all"
             counts += f", {stored['passed']:,} passed)" if stored.get("passed") is not None else ")"
         lines.append(f"Evaluations are stored in {location}{counts}.")
     return lines
