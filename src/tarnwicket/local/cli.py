@@ -6,6 +6,7 @@ import argparse
 import io
 import os
 import select
+import shlex
 import signal
 import sqlite3
 import stat
@@ -410,6 +411,10 @@ def _print_summary(runtime, evaluated: int, elapsed: float, out: _Output, since:
         out.line(line)
     out.line(submissions_line(store, since, runtime.server_url))
     out.line(f"Local data and settings: {runtime.data_dir}")
+    where = "" if runtime.data_dir == os.path.abspath(os.path.expanduser(DEFAULT_DATA_DIR)) \
+        else f" --data-dir {shlex.quote(runtime.data_dir)}"
+    out.line(f"See what was found: python -m tarnwicket results{where}; "
+             f"pictures: python -m tarnwicket report{where}")
 
 
 if __name__ == "__main__":
