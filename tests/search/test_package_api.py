@@ -28,6 +28,18 @@ def test_engine_names_at_package_level_follow_the_module():
         tarnwicket.nothing
 
 
+def test_every_public_name_says_what_it_is():
+    names = {n: getattr(st, n) for n in dir(st) if not n.startswith("_")}
+    undocumented = [n for n, o in names.items()
+                    if (callable(o) or isinstance(o, type)) and not (getattr(o, "__doc__", None) or "").strip()]
+    assert undocumented == []
+    for cls in (st.SearchContext, st.SearchHandle):
+        for n, member in vars(cls).items():
+            if not n.startswith("_"):
+                assert (member.__doc__ or "").strip(), f"{cls.__name__}.{n}"
+    assert all((getattr(tarnwicket, n).__doc__ or "").strip() for n in tarnwicket.__all__)
+
+
 def test_register_then_login_elsewhere_with_the_same_identity(tmp_path):
     key = tarnwicket.register(str(tmp_path / "a"))
     assert len(key) == 64 and int(key, 16) >= 0
