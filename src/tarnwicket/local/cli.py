@@ -16,6 +16,7 @@ import time
 
 from .files import DamagedFile
 from .runtime import DEFAULT_DATA_DIR
+from .store_commands import add_data_dir
 from .store_commands import add_parsers as add_store_commands
 from .store_commands import run_db, run_report, run_results
 
@@ -93,8 +94,7 @@ def build_parser() -> argparse.ArgumentParser:
         description=("Check that every passing signal is in one place, every submission the service "
                      "holds is recorded once or still on its way, no key was reused with another body "
                      "and no dead owner holds a claim. Exit 1 when something is broken."))
-    check.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
-                       help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+    add_data_dir(check)
     check.add_argument("--service-db", default=None, metavar="PATH",
                        help="the signal service's store (default: the data directory's own)")
     check.add_argument("--lease", type=_positive_seconds, default=300.0, metavar="S",

@@ -12,6 +12,11 @@ from .results import SORTS, STATUSES, as_csv, as_json, as_table, read_results
 from .runtime import DEFAULT_DATA_DIR
 
 
+def add_data_dir(parser) -> None:
+    parser.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
+                        help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+
+
 def add_parsers(sub, non_negative_int) -> None:
     results = sub.add_parser(
         "results", help="list the passing signals of a data directory",
@@ -19,8 +24,7 @@ def add_parsers(sub, non_negative_int) -> None:
                      "expression, metrics, era and where each stands with the signal service "
                      "(queued, retrying, sent and in review, accepted, rejected with the reason, "
                      "not_queued). Reads only; works while a search runs."))
-    results.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
-                         help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+    add_data_dir(results)
     results.add_argument("--status", choices=STATUSES, default=None, help="only signals in this state")
     results.add_argument("--era", type=int, default=None, metavar="N", help="only signals of this era")
     results.add_argument("--sort", choices=SORTS, default="newest",
@@ -37,8 +41,7 @@ def add_parsers(sub, non_negative_int) -> None:
                      "over time, submissions, rejection reasons, and cumulative P&L and turnover of the "
                      "best signals recomputed on the local data. Needs matplotlib "
                      "(pip install 'tarnwicket[report]'). Reads only; works while a search runs."))
-    report.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
-                        help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+    add_data_dir(report)
     report.add_argument("--out", default=None, metavar="DIR",
                         help="where the report goes (default: report/ in the data directory)")
     report.add_argument("--best", type=non_negative_int, default=3, metavar="N",
@@ -52,8 +55,7 @@ def add_parsers(sub, non_negative_int) -> None:
     db.add_argument("action", choices=("info", "trim", "trim-failed"),
                     help="info: size and row counts; trim: keep the newest --keep evaluations per type; "
                          "trim-failed: delete the evaluations that did not pass")
-    db.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
-                    help=f"the data directory (default: {DEFAULT_DATA_DIR})")
+    add_data_dir(db)
     db.add_argument("--type", choices=("signal", "strategy"), default=None, dest="eval_type",
                     help="only this type of evaluation (default: both)")
     db.add_argument("--keep", type=non_negative_int, default=50000, metavar="N",
@@ -71,19 +73,31 @@ def _open(data_dir: str):
     return store, (store.read_only(30.0) if store.exists() else None)
 
 
+class _NoStore(Exception):
+    pass
+
+
+def _reading(data_dir: str, read):
+    """``read(store, conn)`` on a read-only connection to the data directory's store."""
+    store, conn = _open(data_dir)
+    if conn is None:
+        raise _NoStore(f"there is no store in {data_dir!r} yet: run a search there first")
+    try:
+        return store, read(store, conn)
+    finally:
+        conn.close()
+
+
 def run_results(args) -> int:
     from .cli import EXIT_FAILED, EXIT_OK, EXIT_USAGE, _err
 
     data_dir = os.path.expanduser(args.data_dir)
     try:
-        store, conn = _open(data_dir)
-        if conn is None:
-            _err(f"there is no store in {data_dir!r} yet: run a search there first")
-            return EXIT_USAGE
-        try:
-            results = read_results(conn, status=args.status, era=args.era, sort=args.sort, top=args.top)
-        finally:
-            conn.close()
+        store, results = _reading(data_dir, lambda store, conn: read_results(
+            conn, status=args.status, era=args.era, sort=args.sort, top=args.top))
+    except _NoStore as exc:
+        _err(str(exc))
+        return EXIT_USAGE
     except sqlite3.Error as exc:
         _err(f"the store of {data_dir!r} could not be read: {exc}")
         return EXIT_FAILED
@@ -106,14 +120,11 @@ def run_report(args) -> int:
     data_dir = os.path.expanduser(args.data_dir)
     out_dir = os.path.expanduser(args.out) if args.out else os.path.join(data_dir, "report")
     try:
-        store, conn = _open(data_dir)
-        if conn is None:
-            _err(f"there is no store in {data_dir!r} yet: run a search there first")
-            return EXIT_USAGE
-        try:
-            page = write_report(conn, data_dir, out_dir, best=args.best, location=store.location)
-        finally:
-            conn.close()
+        _, page = _reading(data_dir, lambda store, conn: write_report(
+            conn, data_dir, out_dir, best=args.best, location=store.location))
+    except _NoStore as exc:
+        _err(str(exc))
+        return EXIT_USAGE
     except RuntimeError as exc:          # no matplotlib
         _err(str(exc))
         return EXIT_FAILED
@@ -126,13 +137,11 @@ def run_report(args) -> int:
 
 def _running_since(data_dir: str) -> float | None:
     """When the store was marked as searched, if it says a search runs now."""
-    store, conn = _open(data_dir)
-    if conn is None:
-        return None
     try:
-        row = conn.execute("SELECT value, updated_at FROM tracker_meta WHERE key='search_active'").fetchone()
-    finally:
-        conn.close()
+        _, row = _reading(data_dir, lambda store, conn: conn.execute(
+            "SELECT value, updated_at FROM tracker_meta WHERE key='search_active'").fetchone())
+    except _NoStore:
+        return None
     return row[1] if row is not None and row[0] == "1" else None
 
 
