@@ -14,6 +14,7 @@ import collections
 import datetime as dt
 import html
 import os
+import textwrap
 
 import numpy as np
 
@@ -89,7 +90,7 @@ def _reasons(plt, conn, path) -> dict:
     for ax, counts, title in ((left, failed, "Why evaluations failed"), (right, refused, "Why the service rejected")):
         top = counts.most_common(8)
         if top:
-            ax.barh([name[:40] for name, _ in reversed(top)], [n for _, n in reversed(top)])
+            ax.barh(["\n".join(textwrap.wrap(name, 30)) for name, _ in reversed(top)], [n for _, n in reversed(top)])
         else:
             ax.text(0.5, 0.5, "none", ha="center", va="center", transform=ax.transAxes)
         ax.set_title(title)
