@@ -15,6 +15,7 @@ import threading
 import time
 
 from .files import DamagedFile
+from .user_data import DataFileError, installed_source
 from .runtime import DEFAULT_DATA_DIR
 from .store_commands import add_data_dir
 from .store_commands import add_parsers as add_store_commands
@@ -85,6 +86,11 @@ def build_parser() -> argparse.ArgumentParser:
                         help="make the loopback service inject faults at random, e.g. "
                              "drop=0.1,5xx=0.1,401=0.05,403=0.05,lost=0.05,slow=0.1,seed=1 "
                              "(default: the environment variable TARNWICKET_SERVICE_FAULTS)")
+    search.add_argument("--data", default=None, metavar="FILE",
+                        help="your own daily market data, CSV or Parquet in long form: date, symbol, open, "
+                             "high, low, close, volume (vwap and sector optional; further numeric columns "
+                             "become features). It replaces the data set of the data directory, which keeps "
+                             "it for later runs (default: the synthetic data set)")
     search.add_argument("--store", type=_store_url, default=None, metavar="URL",
                         help="where evaluations and submissions are kept: a postgresql://user@host:port/db "
                              "URL shared by several machines, or 'sqlite' for the data directory's own file "
@@ -281,14 +287,21 @@ def _prepare(args, out, stops):
             out.line(f"Preparing the local runtime in {os.path.expanduser(args.data_dir)} ...")
             if out.closed:
                 return EXIT_PIPE
-            return prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url,
-                                         service_faults=args.service_faults, store=args.store)
+            runtime = prepare_local_runtime(args.data_dir, seed=args.seed, server_url=args.server_url,
+                                            service_faults=args.service_faults, store=args.store,
+                                            data=args.data)
+            source = installed_source(runtime.data_dir)
+            if source is not None:
+                own = ", ".join(source["features"]) or "none"
+                out.line(f"Market data: {source['path']} ({source['dates']:,} days, {source['symbols']:,} "
+                         f"symbols; features of your own: {own})")
+            return runtime
         finally:
             stops.interrupting = False
     except _Interrupted:
         out.line(f"{stops.word()} before the search started.")
         return EXIT_FAILED
-    except DamagedFile as exc:
+    except (DamagedFile, DataFileError) as exc:
         _err(str(exc))
         return EXIT_USAGE
     except OSError as exc:

@@ -33,8 +33,13 @@ class LocalMarketSource:
         with self._lock:
             if self.is_present(data_dir, universe_id):
                 return
-            panel = generate_panel(self.seed)
-            vocab = build_vocabulary(compute_features(panel), universe_id)
-            vocab["seed"] = self.seed
-            write_vocabulary(vocab, vocabulary_path(data_dir, universe_id))
-            save_panel(panel, panel_path(data_dir, universe_id))
+            write_universe(generate_panel(self.seed), data_dir, universe_id, seed=self.seed)
+
+
+def write_universe(panel, data_dir: str, universe_id: str = UNIVERSE_ID, seed: int | None = None) -> None:
+    """The panel and its vocabulary, the vocabulary first: the panel's presence marks a whole universe."""
+    vocab = build_vocabulary(compute_features(panel), universe_id)
+    if seed is not None:
+        vocab["seed"] = seed
+    write_vocabulary(vocab, vocabulary_path(data_dir, universe_id))
+    save_panel(panel, panel_path(data_dir, universe_id))

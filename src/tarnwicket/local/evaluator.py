@@ -17,7 +17,7 @@ import numpy as np
 
 from .backtest import BacktestCore, BacktestSettings, MarketContext, run_core
 from .era import verify_seed
-from .features import FEATURE_NAMES, compute_features
+from .features import compute_features
 from .graph import compile_graph, evaluate_key
 from .market_data import UNIVERSE_ID, load_panel, panel_path
 from .operators import PanelEnv
@@ -64,7 +64,7 @@ class _Loaded:
     def __init__(self, panel):
         self.panel = panel
         self.features = compute_features(panel)
-        self.feature_names = frozenset(FEATURE_NAMES)
+        self.feature_names = frozenset(self.features)
         self.env = PanelEnv(panel.sector, self.features["dollar_volume"])
         self.market = MarketContext(panel)
         self.pool = SignalPool(panel.close.shape[0] - 1)

@@ -39,6 +39,13 @@ FEATURES: tuple[FeatureInfo, ...] = (
 FEATURE_NAMES = tuple(f.name for f in FEATURES)
 
 
+def feature_infos(features: dict) -> list[FeatureInfo]:
+    """The built-in features, then a user's own columns among ``features``."""
+    own = [FeatureInfo(name, "custom", "column", _ALL, f"column {name} of your market data")
+           for name in features if name not in FEATURE_NAMES]
+    return [*FEATURES, *own]
+
+
 def compute_features(panel: Panel) -> dict[str, np.ndarray]:
     """All feature panels, read-only, shape (days, instruments)."""
     prev_close = k.shift(panel.close, 1)
@@ -55,6 +62,7 @@ def compute_features(panel: Panel) -> dict[str, np.ndarray]:
         "gap": k.safe_div(panel.open, prev_close) - 1.0,
         "range": k.safe_div(panel.high - panel.low, panel.close),
         "adv20": k.ts_mean(dollar_volume, 20),
+        **panel.extras,
     }
     for name, arr in out.items():
         arr = np.array(arr, dtype=np.float64, copy=True)

@@ -14,7 +14,7 @@ from __future__ import annotations
 import os
 import zipfile
 import zlib
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
 import numpy as np
 
@@ -46,6 +46,7 @@ class Panel:
     close: np.ndarray
     volume: np.ndarray
     vwap: np.ndarray
+    extras: dict = field(default_factory=dict)   # further numeric columns of a user's data: name -> (T, N)
 
     @property
     def shape(self) -> tuple[int, int]:
@@ -151,11 +152,14 @@ def panel_path(data_dir: str, universe_id: str = UNIVERSE_ID) -> str:
 
 def save_panel(panel: Panel, path: str) -> None:
     """Write atomically: a temporary file in the same directory, then rename."""
+    arrays = {name: getattr(panel, name) for name in PRICE_FIELDS}
+    arrays.update({EXTRA_PREFIX + name: values for name, values in panel.extras.items()})
     write_atomically(path, lambda fh: np.savez(fh, dates=panel.dates, symbols=panel.symbols, sector=panel.sector,
-                                               **{name: getattr(panel, name) for name in PRICE_FIELDS}))
+                                               **arrays))
 
 
 REWRITE_ADVICE = "delete it to have the local data set written again"
+EXTRA_PREFIX = "extra__"
 
 _ZIP_MAGIC = (b"PK\x03\x04", b"PK\x05\x06")   # an archive with members, an empty one
 # What can go wrong reading a damaged archive: a broken archive or member, bad
@@ -178,7 +182,7 @@ def _check_panel_arrays(arrays: dict) -> str | None:
     if sector.shape != symbols.shape or sector.dtype.kind not in "iu" or np.any(sector < 0):
         return "has a sector array that does not match its instruments"
     shape = (dates.size, symbols.size)
-    for name in PRICE_FIELDS:
+    for name in (*PRICE_FIELDS, *(n for n in arrays if n.startswith(EXTRA_PREFIX))):
         values = arrays[name]
         if values.shape != shape or values.dtype.kind not in "iuf":
             return f"has a {name} array of shape {values.shape}, expected {shape} numbers"
@@ -206,4 +210,6 @@ def load_panel(path: str) -> Panel:
     if problem is not None:
         raise DamagedFile(path, problem, REWRITE_ADVICE)
     fields = {name: np.asarray(arrays[name], dtype=np.float64) for name in PRICE_FIELDS}
-    return Panel(arrays["dates"], arrays["symbols"], arrays["sector"], **fields)
+    extras = {name[len(EXTRA_PREFIX):]: np.asarray(values, dtype=np.float64)
+              for name, values in arrays.items() if name.startswith(EXTRA_PREFIX)}
+    return Panel(arrays["dates"], arrays["symbols"], arrays["sector"], **fields, extras=extras)

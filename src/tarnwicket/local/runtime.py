@@ -12,6 +12,7 @@ from .files import DamagedFile
 from .era import LocalAuth, LocalEraConfig, ensure_seed_file, load_or_create_wallet_secret
 from .evaluator import LocalEvaluator
 from .market_data import UNIVERSE_ID, load_panel, panel_path
+from .user_data import install_market_file
 
 DEFAULT_DATA_DIR = "~/.tarnwicket/local"
 
@@ -102,7 +103,7 @@ def start_signal_service(data_dir: str, token: str, faults=None):
 
 def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
                           server_url: str | None = None, service_faults=None,
-                          store: str | None = None) -> LocalRuntime:
+                          store: str | None = None, data: str | None = None) -> LocalRuntime:
     """Build the local runtime, syncing the local data set first if needed.
 
     Unless ``server_url`` names a signal service, the loopback one is started
@@ -115,6 +116,11 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     ``postgresql://`` URL of a database that several searches share, or
     ``"sqlite"`` for the data directory's own file. The data directory
     remembers the choice (None keeps the one it has; SQLite by default).
+
+    ``data`` is a file of your own daily market data (CSV or Parquet, see
+    ``tarnwicket.local.user_data``); it replaces the data set of the data
+    directory, which keeps it for later runs. A bad file raises
+    ``DataFileError`` (a ``ValueError``) and changes nothing.
 
     The store, the market data, the vocabulary and the wallet secret are checked
     before anything is written; a damaged one raises ``DamagedFile`` (a
@@ -136,6 +142,8 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
         check_store(os.path.join(data_dir, DB_FILENAME))
     source = LocalMarketSource(seed)
     sync_manager = _sync_manager(data_dir, source)
+    if data is not None:
+        install_market_file(data_dir, data, UNIVERSE_ID)
     _ensure_data(data_dir, source, sync_manager)
     load_panel(panel_path(data_dir, UNIVERSE_ID))
     check_vocabulary(data_dir, UNIVERSE_ID)

@@ -14,7 +14,7 @@ import json
 import numpy as np
 
 from .files import write_atomically
-from .features import FEATURES, feature_hash, feature_stats
+from .features import feature_hash, feature_infos, feature_stats
 from .operators import OPERATORS, Operator
 
 VOCABULARY_FILE = "vocabulary.json"
@@ -91,7 +91,7 @@ def build_vocabulary(features: dict[str, np.ndarray], universe_id: str) -> dict:
             _nest(vocab[op.kind + "s"], [op.family, op.subfamily or "general"], entry)
     for entry in UNSYNTHESISABLE_ROTATIONS:
         _nest(vocab["rotations"], [entry["function_family"], entry["function_subfamily"]], dict(entry))
-    for info in FEATURES:
+    for info in feature_infos(features):
         arr = features[info.name]
         _nest(vocab["features"], [info.family, info.subfamily], {
             "name": info.name,
