@@ -53,6 +53,7 @@ class MarketContext:
         self.factor_names = ["market"] + [f"sector_{g}" for g in range(groups)]
         loadings = np.concatenate([np.ones((self.n_instruments, 1)), np.eye(groups)[panel.sector]], axis=1)
         self.loadings = loadings
+        self.sector = panel.sector
         trad = self.tradable.astype(np.float64)
         with np.errstate(invalid="ignore", divide="ignore"):
             fr = (self.returns * trad) @ loadings / np.maximum(trad @ loadings, 1.0)
@@ -122,18 +123,16 @@ def _drawdown(p: np.ndarray) -> float:
     return float((np.maximum.accumulate(cum) - cum).max())
 
 
-def _column(p: np.ndarray) -> dict:
-    return {"sharpe": _sharpe(p), "returns": float(p.mean() * TRADING_DAYS), "drawdown": _drawdown(p)}
-
-
-def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettings) -> BacktestCore:
+def core_figures(signal: np.ndarray, market: MarketContext, settings: BacktestSettings) -> dict:
+    """The numbers of one backtest, by NumPy: the reference for the native backtest,
+    which returns the same keys."""
     w = signal_weights(signal, market, settings)
     gross = np.abs(w).sum(axis=1)
     active = gross > 0.0
     n_days = w.shape[0]
-    pnl = np.zeros(n_days - 1)
-    if not active[:-1].any():
-        return _no_positions(settings, pnl, len(market.factor_names))
+    figures: dict = {"has_positions": False, "pnl": np.zeros(max(n_days - 1, 0))}
+    if n_days < 2 or not active[:-1].any():
+        return figures
     first = int(np.argmax(active))
     pnl = np.einsum("ij,ij->i", w[:-1], market.returns[1:])
     period = pnl[first:]
@@ -144,28 +143,14 @@ def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettin
     cost[0] += initial * settings.cost_bps / 1e4
     net = period - cost
 
-    gross_col, net_col = _column(period), _column(net)
-    sharpe, returns = gross_col["sharpe"], gross_col["returns"]
+    sharpe, returns = _sharpe(period), float(period.mean() * TRADING_DAYS)
+    net_returns = float(net.mean() * TRADING_DAYS)
     if sharpe > 0.0 and returns > 0.0:
-        fitness = sharpe * min(max(net_col["returns"] / returns, 0.0), 1.0)
+        fitness = sharpe * min(max(net_returns / returns, 0.0), 1.0)
     else:
         fitness = sharpe
     total_traded = initial + float(traded.sum())
     live = w[active]
-    metrics = {
-        "sharpe": sharpe,
-        "fitness": float(fitness),
-        "returns": returns,
-        "drawdown": gross_col["drawdown"],
-        "turnover": float(traded.mean()) if traded.size else 0.0,
-        "margin": float(period.sum() / total_traded * 1e4) if total_traded > 0 else 0.0,
-        "long_count": int(round(float((live > 0).sum(axis=1).mean()))),
-        "short_count": int(round(float((live < 0).sum(axis=1).mean()))),
-        # Market exposure of the book: dollar neutral is not beta neutral.
-        "delta_exposure": float(np.abs((live * market.beta[active]).sum(axis=1)).mean()),
-        "max_weight": float(np.abs(live).max()),
-    }
-
     exposures = w[first:-1] @ market.loadings                       # (A, F)
     factor_pnl = (exposures * market.factor_returns[first + 1:]).mean(axis=0) * TRADING_DAYS
     mkt = market.market_returns[first + 1:]
@@ -173,29 +158,80 @@ def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettin
     denom = math.sqrt(float(pc @ pc) * float(mc @ mc))
     rho = float(pc @ mc) / denom if denom > 0.0 else 0.0
     rho2 = min(rho * rho, 1.0 - 1e-12)
-    is_pnl_mi = -0.5 * math.log(1.0 - rho2)
+    # Dollar-weighted mean share of a name's daily dollar volume that we trade.
+    dollars = float(traded.sum()) * settings.book_size
+    participation = (float((dw * dw / market.adv[first + 1:]).sum()) * settings.book_size ** 2 / dollars
+                     if dollars > 0 else 0.0)
+    figures.update(
+        has_positions=True,
+        pnl=pnl,
+        sharpe=sharpe,
+        fitness=float(fitness),
+        returns=returns,
+        drawdown=_drawdown(period),
+        turnover=float(traded.mean()),
+        margin=float(period.sum() / total_traded * 1e4) if total_traded > 0 else 0.0,
+        long_count=float((live > 0).sum(axis=1).mean()),
+        short_count=float((live < 0).sum(axis=1).mean()),
+        # Market exposure of the book: dollar neutral is not beta neutral.
+        delta_exposure=float(np.abs((live * market.beta[active]).sum(axis=1)).mean()),
+        max_weight=float(np.abs(live).max()),
+        net_sharpe=_sharpe(net),
+        net_returns=net_returns,
+        net_drawdown=_drawdown(net),
+        factor_pnl=factor_pnl,
+        is_pnl_mi=float(-0.5 * math.log(1.0 - rho2)),
+        effective_positions=float((1.0 / (live * live).sum(axis=1)).mean()),
+        coverage=float(active.mean()),
+        participation=participation,
+        illiquid_share=float((np.abs(w) * market.illiquid).sum() / active.sum()),
+    )
+    return figures
 
-    effective = float((1.0 / (live * live).sum(axis=1)).mean())
-    coverage = float(active.mean())
+
+def assemble_core(figures: dict, settings: BacktestSettings, n_factors: int) -> BacktestCore:
+    """The records of one backtest from its numbers (from either backtest)."""
+    pnl = figures["pnl"]
+    if not figures["has_positions"]:
+        return _no_positions(settings, pnl, n_factors)
+    f = figures
+    metrics = {
+        "sharpe": f["sharpe"],
+        "fitness": f["fitness"],
+        "returns": f["returns"],
+        "drawdown": f["drawdown"],
+        "turnover": f["turnover"],
+        "margin": f["margin"],
+        "long_count": int(round(f["long_count"])),
+        "short_count": int(round(f["short_count"])),
+        "delta_exposure": f["delta_exposure"],
+        "max_weight": f["max_weight"],
+    }
+    effective, coverage = f["effective_positions"], f["coverage"]
     weight_quality = {
         "effective_positions": _entry(effective >= settings.min_effective_positions, effective,
                                       settings.min_effective_positions, None),
         "coverage": _entry(coverage >= settings.min_coverage, coverage, settings.min_coverage, None),
     }
-    # Dollar-weighted mean share of a name's daily dollar volume that we trade.
-    dollars = float(traded.sum()) * settings.book_size
-    participation = (float((dw * dw / market.adv[first + 1:]).sum()) * settings.book_size ** 2 / dollars
-                     if dollars > 0 else 0.0)
-    illiquid = float((np.abs(w) * market.illiquid).sum() / active.sum())
+    participation, illiquid = f["participation"], f["illiquid_share"]
     liquidity = {
         "participation": _entry(participation <= settings.max_participation, participation,
                                 None, settings.max_participation),
         "illiquid_share": _entry(illiquid <= settings.max_illiquid_share, illiquid,
                                  None, settings.max_illiquid_share),
     }
-    return BacktestCore(metrics, [float(v) for v in factor_pnl],
-                        {"gross_returns": gross_col, "net_returns": net_col},
-                        float(is_pnl_mi), weight_quality, liquidity, pnl, True)
+    columns = {
+        "gross_returns": {"sharpe": f["sharpe"], "returns": f["returns"], "drawdown": f["drawdown"]},
+        "net_returns": {"sharpe": f["net_sharpe"], "returns": f["net_returns"],
+                        "drawdown": f["net_drawdown"]},
+    }
+    return BacktestCore(metrics, [float(v) for v in f["factor_pnl"]], columns,
+                        float(f["is_pnl_mi"]), weight_quality, liquidity, pnl, True)
+
+
+def run_core(signal: np.ndarray, market: MarketContext, settings: BacktestSettings) -> BacktestCore:
+    """The NumPy backtest of one signal."""
+    return assemble_core(core_figures(signal, market, settings), settings, len(market.factor_names))
 
 
 def _no_positions(settings: BacktestSettings, pnl: np.ndarray, n_factors: int) -> BacktestCore:

@@ -15,10 +15,11 @@ from typing import Any, Mapping
 
 import numpy as np
 
-from .backtest import BacktestCore, BacktestSettings, MarketContext, run_core
+from .backtest import BacktestCore, BacktestSettings, MarketContext
+from .engines import ENGINES
 from .era import verify_seed
 from .features import compute_features
-from .graph import compile_graph, evaluate_key
+from .graph import compile_graph
 from .market_data import UNIVERSE_ID, load_panel, panel_path
 from .operators import PanelEnv
 from .signal_pool import SignalPool
@@ -61,13 +62,14 @@ class _LRU:
 
 
 class _Loaded:
-    def __init__(self, panel):
+    def __init__(self, panel, engine: str, settings: BacktestSettings):
         self.panel = panel
         self.features = compute_features(panel)
         self.feature_names = frozenset(self.features)
         self.env = PanelEnv(panel.sector, self.features["dollar_volume"])
         self.market = MarketContext(panel)
         self.pool = SignalPool(panel.close.shape[0] - 1)
+        self.engine = ENGINES[engine](self.features, self.env, self.market, settings)
 
 
 class LocalEvaluator:
@@ -75,7 +77,12 @@ class LocalEvaluator:
                  thresholds: Mapping[str, Any] | None = None,
                  settings: BacktestSettings | None = None,
                  signal_cache_size: int = 96, backtest_cache_size: int = 4096,
-                 max_passed_records: int = 1000):
+                 max_passed_records: int = 1000, engine: str = "native"):
+        """``engine`` is "native" (compiled kernels that run on every core) or
+        "numpy" (the reference they are checked against)."""
+        if engine not in ENGINES:
+            raise ValueError(f"engine must be one of {sorted(ENGINES)}, got {engine!r}")
+        self.engine = engine
         self.data_dir = data_dir
         self.universe_id = universe_id
         self.thresholds = thresholds if thresholds is not None else {}
@@ -94,7 +101,7 @@ class LocalEvaluator:
     def from_panel(cls, panel, **kwargs) -> "LocalEvaluator":
         """An evaluator over an in-memory panel (no data directory)."""
         ev = cls(data_dir="", **kwargs)
-        ev._loaded = _Loaded(panel)
+        ev._loaded = _Loaded(panel, ev.engine, ev.settings)
         return ev
 
     # ---------------------------------------------------------------- data
@@ -111,7 +118,7 @@ class LocalEvaluator:
                 except FileNotFoundError:
                     raise FileNotFoundError(
                         f"no market data for {self.universe_id!r} at {path}; run a sync first") from None
-                self._loaded = _Loaded(panel)
+                self._loaded = _Loaded(panel, self.engine, self.settings)
             return self._loaded
 
     def init_reconstruction(self, *, shuffle_blob: bytes, wallet_secret: bytes, era_id: int) -> None:
@@ -128,7 +135,7 @@ class LocalEvaluator:
         key = compile_graph(graph, data.feature_names)
         if key[0] == "feature":
             return key, data.features[key[1]], data
-        signal = evaluate_key(key, data.features, data.env, self._signals.get, self._signals.put)
+        signal = data.engine.signal(key, self._signals.get, self._signals.put)
         return key, signal, data
 
     def evaluate_expression(self, graph: Any) -> np.ndarray:
@@ -155,7 +162,7 @@ class LocalEvaluator:
         key, signal, _ = self._signal(graph)
         core: BacktestCore | None = self._cores.get(key)
         if core is None:
-            core = run_core(signal, data.market, self.settings)
+            core = data.engine.backtest(signal)
             self._cores.put(key, core)
         m = core.metrics
         passed = (m["sharpe"] >= self._threshold("sharpe_min")

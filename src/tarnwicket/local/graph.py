@@ -12,7 +12,8 @@ computation, so results can be memoised across graphs that share a subtree.
 
 from __future__ import annotations
 
-from typing import Any, Callable, Mapping
+from collections.abc import Callable, Mapping
+from typing import Any
 
 import numpy as np
 
@@ -89,6 +90,51 @@ def graph_depth(key: tuple) -> int:
     if key[0] == "feature":
         return 1
     return 1 + max((graph_depth(child) for child in key[2]), default=0)
+
+
+def native_config(op: Operator, values: tuple) -> list[float]:
+    """Config values as the native kernels take them: numbers, a string by its
+    index among the parameter's choices."""
+    return [float(p.choices.index(v)) if p.type == "string" else float(v)
+            for p, v in zip(op.config, values)]
+
+
+def plan_key(key: tuple, features: Mapping[str, np.ndarray],
+             lookup: Callable[[tuple], np.ndarray | None]) -> tuple[list, list, list]:
+    """What the native evaluator runs to compute a function key: ``(inputs, steps, keys)``.
+
+    ``inputs`` are the feature panels and memoised results the key needs; each
+    step is ``(operator, data, config)`` with ``data`` indexing ``inputs`` and
+    then the earlier steps' results; ``keys[i]`` is the key step i computes,
+    the last one ``key``. A sub-expression that occurs twice is computed once.
+    """
+    inputs: list[np.ndarray] = []
+    steps: list[tuple[str, list[tuple[bool, int]], list[float]]] = []
+    keys: list[tuple] = []
+    refs: dict[tuple, tuple[bool, int]] = {}        # key -> (is a step, index)
+
+    def visit(k: tuple) -> tuple[bool, int]:
+        ref = refs.get(k)
+        if ref is not None:
+            return ref
+        known = features[k[1]] if k[0] == "feature" else lookup(k)
+        if known is not None:
+            ref = (False, len(inputs))
+            inputs.append(known)
+        else:
+            _, name, data_keys, config_values = k
+            data = [visit(child) for child in data_keys]
+            ref = (True, len(steps))
+            steps.append((name, data, native_config(OPERATORS_BY_NAME[name], config_values)))
+            keys.append(k)
+        refs[k] = ref
+        return ref
+
+    visit(key)
+    n = len(inputs)
+    program = [(name, [n + i if is_step else i for is_step, i in data], config)
+               for name, data, config in steps]
+    return inputs, program, keys
 
 
 def evaluate_key(key: tuple, features: Mapping[str, np.ndarray], env: Any,

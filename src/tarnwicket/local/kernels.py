@@ -112,7 +112,13 @@ def ts_decay(x: np.ndarray, window: int) -> np.ndarray:
         return np.full_like(x, np.nan)
     weights = np.arange(1, window + 1, dtype=np.float64)
     weights /= weights.sum()
-    return _pad_front(_windows(x, window) @ weights, x.shape[0])
+    # Oldest day first, one day at a time: a fixed order of sums, which a
+    # matrix product does not promise.
+    win = _windows(x, window)
+    out = win[..., 0] * weights[0]
+    for j in range(1, window):
+        out = out + win[..., j] * weights[j]
+    return _pad_front(out, x.shape[0])
 
 
 def ts_max(x: np.ndarray, window: int) -> np.ndarray:
@@ -192,7 +198,11 @@ def group_demean(x: np.ndarray, onehot: np.ndarray) -> np.ndarray:
     """Demean within groups; ``onehot`` is (instruments, groups)."""
     valid = np.isfinite(x)
     filled = np.where(valid, x, 0.0)
-    sums = filled @ onehot
+    # Each group's sum adds its members in order: a fixed order of sums,
+    # which a matrix product does not promise.
+    sums = np.zeros((x.shape[0], onehot.shape[1]))
+    for i, g in enumerate(onehot.argmax(axis=1)):
+        sums[:, g] += filled[:, i]
     counts = valid.astype(np.float64) @ onehot
     with np.errstate(invalid="ignore", divide="ignore"):
         means = np.where(counts > 0, sums / counts, 0.0)

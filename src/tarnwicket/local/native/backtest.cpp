@@ -1,0 +1,213 @@
+#include "backtest.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+namespace native {
+namespace {
+
+constexpr double kTradingDays = 252.0;
+constexpr double kRelTol = 1e-9;
+
+double sum_of(const std::vector<double>& v) { return pairwise_sum(v.data(), v.size()); }
+
+double mean_of(const std::vector<double>& v) { return sum_of(v) / static_cast<double>(v.size()); }
+
+struct Column {
+    double sharpe = 0, returns = 0, drawdown = 0;
+};
+
+Column column(const std::vector<double>& p) {
+    Column c;
+    const double mean = mean_of(p);
+    std::vector<double> dev(p.size());
+    for (std::size_t k = 0; k < p.size(); ++k) dev[k] = (p[k] - mean) * (p[k] - mean);
+    const double sd = std::sqrt(mean_of(dev));
+    c.sharpe = sd > 0.0 ? mean / sd * std::sqrt(kTradingDays) : 0.0;
+    c.returns = mean * kTradingDays;
+    double cum = 0.0, peak = 0.0;
+    for (double v : p) {
+        cum += v;
+        peak = std::max(peak, cum);
+        c.drawdown = std::max(c.drawdown, peak - cum);
+    }
+    return c;
+}
+
+double dot(const double* a, const double* b, std::size_t n) {
+    double s = 0.0;
+    for (std::size_t k = 0; k < n; ++k) s += a[k] * b[k];
+    return s;
+}
+
+}  // namespace
+
+void signal_weights(In signal, const Market& m, const Settings& s, std::vector<double>& w) {
+    const std::size_t n = m.shape.names;
+    // Scratch that lives as long as the thread: no fresh pages per backtest.
+    thread_local std::vector<unsigned char> valid;
+    valid.resize(m.shape.size());
+    w.resize(m.shape.size());
+    std::vector<unsigned char> live(m.shape.days);
+    std::vector<double> scratch(n);
+    for (std::size_t t = 0; t < m.shape.days; ++t) {
+        double* row = w.data() + t * n;
+        const unsigned char* ok = valid.data() + t * n;
+        std::size_t count = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::size_t k = t * n + i;
+            valid[k] = std::isfinite(signal[k]) && m.tradable[k];
+            count += valid[k];
+            row[i] = valid[k] ? signal[k] : 0.0;
+            scratch[i] = std::fabs(row[i]);
+        }
+        const double scale = pairwise_sum(scratch.data(), n);
+        const double mean = pairwise_sum(row, n) / static_cast<double>(std::max<std::size_t>(count, 1));
+        for (std::size_t i = 0; i < n; ++i) {
+            row[i] = (row[i] - mean) * ok[i];
+            scratch[i] = std::fabs(row[i]);
+        }
+        const double gross = pairwise_sum(scratch.data(), n);
+        live[t] = static_cast<double>(count) >= s.min_names && gross > kRelTol * std::max(scale, 1e-300);
+        const double divisor = live[t] ? gross : HUGE_VAL;
+        for (std::size_t i = 0; i < n; ++i) row[i] /= divisor;
+    }
+    // Clipping a dominant name breaks neutrality; a few rounds of clip, demean
+    // and rescale bring the book back close to dollar neutral.
+    const double cap = s.max_position;
+    for (std::size_t t = 0; t < m.shape.days; ++t) {
+        double* row = w.data() + t * n;
+        if (std::none_of(row, row + n, [cap](double v) { return std::fabs(v) > cap; })) continue;
+        const unsigned char* ok = valid.data() + t * n;
+        std::size_t inside = 0;
+        for (std::size_t i = 0; i < n; ++i) inside += ok[i] && live[t];
+        const double n_inside = static_cast<double>(std::max<std::size_t>(inside, 1));
+        for (int round = 0; round < s.clip_rounds; ++round) {
+            for (std::size_t i = 0; i < n; ++i) row[i] = std::clamp(row[i], -cap, cap);
+            const double mean = pairwise_sum(row, n) / n_inside;
+            for (std::size_t i = 0; i < n; ++i) {
+                row[i] = (row[i] - mean) * (ok[i] && live[t]);
+                scratch[i] = std::fabs(row[i]);
+            }
+            const double gross = std::max(pairwise_sum(scratch.data(), n), 1e-300);
+            for (std::size_t i = 0; i < n; ++i) row[i] /= gross;
+        }
+    }
+}
+
+Figures backtest(In signal, const Market& m, const Settings& s) {
+    thread_local std::vector<double> weights, cells;
+    signal_weights(signal, m, s, weights);
+    const std::vector<double>& w = weights;
+    const std::size_t days = m.shape.days, n = m.shape.names;
+    Figures f;
+    f.pnl.assign(days ? days - 1 : 0, 0.0);
+    f.factor_pnl.assign(m.sectors.count() + 1, 0.0);
+    std::vector<double> gross(days), scratch(n);
+    for (std::size_t t = 0; t < days; ++t) {
+        for (std::size_t i = 0; i < n; ++i) scratch[i] = std::fabs(w[t * n + i]);
+        gross[t] = pairwise_sum(scratch.data(), n);
+    }
+    std::size_t first = 0;
+    while (first + 1 < days && !(gross[first] > 0.0)) ++first;
+    if (days < 2 || first + 1 >= days) return f;
+    f.has_positions = true;
+
+    for (std::size_t t = 0; t + 1 < days; ++t) f.pnl[t] = dot(&w[t * n], &m.returns[(t + 1) * n], n);
+    const std::vector<double> period(f.pnl.begin() + static_cast<std::ptrdiff_t>(first), f.pnl.end());
+    const std::size_t span = period.size();  // days first+1 .. T-1
+    std::vector<double> traded(span), net(span);
+    std::vector<double>& trade_sq = cells;  // then the illiquid share of each cell
+    trade_sq.resize(span * n);
+    for (std::size_t k = 0; k < span; ++k) {
+        const double* now = &w[(first + k + 1) * n];
+        const double* before = &w[(first + k) * n];
+        for (std::size_t i = 0; i < n; ++i) {
+            scratch[i] = std::fabs(now[i] - before[i]);
+            trade_sq[k * n + i] = scratch[i] * scratch[i] / m.adv[(first + k + 1) * n + i];
+        }
+        traded[k] = pairwise_sum(scratch.data(), n);
+        net[k] = period[k] - traded[k] * s.cost_bps / 1e4;
+    }
+    const double initial = gross[first];
+    net[0] = period[0] - (traded[0] * s.cost_bps / 1e4 + initial * s.cost_bps / 1e4);
+
+    const Column g = column(period), c = column(net);
+    f.sharpe = g.sharpe;
+    f.returns = g.returns;
+    f.drawdown = g.drawdown;
+    f.net_sharpe = c.sharpe;
+    f.net_returns = c.returns;
+    f.net_drawdown = c.drawdown;
+    f.fitness = g.sharpe > 0.0 && g.returns > 0.0
+                    ? g.sharpe * std::min(std::max(c.returns / g.returns, 0.0), 1.0)
+                    : g.sharpe;
+    const double traded_sum = sum_of(traded);
+    const double total_traded = initial + traded_sum;
+    f.turnover = traded_sum / static_cast<double>(span);
+    f.margin = total_traded > 0 ? sum_of(period) / total_traded * 1e4 : 0.0;
+
+    // Over the days with a position.
+    std::vector<double> longs, shorts, exposure, inverse_concentration;
+    for (std::size_t t = 0; t < days; ++t) {
+        if (!(gross[t] > 0.0)) continue;
+        const double* row = &w[t * n];
+        std::size_t l = 0, sh = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            l += row[i] > 0;
+            sh += row[i] < 0;
+            f.max_weight = std::max(f.max_weight, std::fabs(row[i]));
+            scratch[i] = row[i] * m.beta[t * n + i];
+        }
+        longs.push_back(static_cast<double>(l));
+        shorts.push_back(static_cast<double>(sh));
+        exposure.push_back(std::fabs(pairwise_sum(scratch.data(), n)));
+        for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * row[i];
+        inverse_concentration.push_back(1.0 / pairwise_sum(scratch.data(), n));
+    }
+    f.long_count = mean_of(longs);
+    f.short_count = mean_of(shorts);
+    f.delta_exposure = mean_of(exposure);
+    f.effective_positions = mean_of(inverse_concentration);
+    f.coverage = static_cast<double>(longs.size()) / static_cast<double>(days);
+
+    // Factor PnL: exposure to the market and to each sector times the factor's return.
+    const std::size_t factors = m.sectors.count() + 1;
+    for (std::size_t k = 0; k < span; ++k) {
+        const double* row = &w[(first + k) * n];
+        const double* factor_returns = &m.factor_returns[(first + k + 1) * factors];
+        double market_exposure = 0.0;
+        for (std::size_t g = 0; g + 1 < factors; ++g) {
+            double exposure = 0.0;
+            for (std::size_t j = m.sectors.starts[g]; j < m.sectors.starts[g + 1]; ++j)
+                exposure += row[m.sectors.members[j]];
+            f.factor_pnl[g + 1] += exposure * factor_returns[g + 1];
+            market_exposure += exposure;
+        }
+        f.factor_pnl[0] += market_exposure * factor_returns[0];
+    }
+    for (double& v : f.factor_pnl) v = v / static_cast<double>(span) * kTradingDays;
+
+    std::vector<double> market(span);
+    for (std::size_t k = 0; k < span; ++k) market[k] = m.factor_returns[(first + k + 1) * factors];
+    const double pm = mean_of(period), mm = mean_of(market);
+    std::vector<double> pc(span), mc(span);
+    for (std::size_t k = 0; k < span; ++k) {
+        pc[k] = period[k] - pm;
+        mc[k] = market[k] - mm;
+    }
+    const double denom = std::sqrt(dot(pc.data(), pc.data(), span) * dot(mc.data(), mc.data(), span));
+    const double rho = denom > 0.0 ? dot(pc.data(), mc.data(), span) / denom : 0.0;
+    f.is_pnl_mi = -0.5 * std::log(1.0 - std::min(rho * rho, 1.0 - 1e-12));
+
+    const double dollars = traded_sum * s.book_size;
+    f.participation = dollars > 0 ? sum_of(trade_sq) * (s.book_size * s.book_size) / dollars : 0.0;
+    std::vector<double>& illiquid = cells;
+    illiquid.resize(w.size());
+    for (std::size_t k = 0; k < w.size(); ++k) illiquid[k] = std::fabs(w[k]) * m.illiquid[k];
+    f.illiquid_share = sum_of(illiquid) / static_cast<double>(longs.size());
+    return f;
+}
+
+}  // namespace native

@@ -1,0 +1,85 @@
+// Panel kernels of the local vocabulary, in plain C++ with no Python in sight,
+// so the callers can run them with the interpreter lock released.
+//
+// A panel is a row-major (days x instruments) block of doubles; NaN marks a
+// missing value. Every kernel writes a fresh panel and mirrors the NumPy
+// reference kernels operation by operation (same sums in the same order),
+// so the two agree to rounding.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace native {
+
+struct Shape {
+    std::size_t days = 0;
+    std::size_t names = 0;
+    std::size_t size() const { return days * names; }
+};
+
+using In = std::span<const double>;
+
+// A kernel's result: a buffer of doubles that is not zeroed first, since
+// every kernel writes all of it.
+class Panel {
+public:
+    Panel() = default;
+    explicit Panel(std::size_t n) : data_(new double[n]), size_(n) {}
+    Panel(std::size_t n, double fill) : Panel(n) { std::fill_n(data_.get(), n, fill); }
+
+    double* data() { return data_.get(); }
+    const double* data() const { return data_.get(); }
+    std::size_t size() const { return size_; }
+    double& operator[](std::size_t k) { return data_[k]; }
+    double operator[](std::size_t k) const { return data_[k]; }
+    operator In() const { return {data_.get(), size_}; }
+
+private:
+    std::unique_ptr<double[]> data_;
+    std::size_t size_ = 0;
+};
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// Every value a kernel writes: a non-finite one becomes NaN.
+inline double finite_or_nan(double v) { return std::fabs(v) <= std::numeric_limits<double>::max() ? v : kNaN; }
+
+// Sum of n contiguous values in the order NumPy's reductions use (eight
+// running sums in blocks of up to 128, halves above that).
+double pairwise_sum(const double* a, std::size_t n);
+
+// Instruments ordered by group: group g is members[starts[g] .. starts[g + 1]).
+struct Groups {
+    std::vector<std::size_t> members;
+    std::vector<std::size_t> starts;
+    std::size_t count() const { return starts.empty() ? 0 : starts.size() - 1; }
+};
+
+// `group[i]` is the 0-based group of instrument i; there are `count` groups.
+Groups index_groups(const std::vector<long>& group, std::size_t count);
+
+// What some operators need besides their inputs.
+struct Env {
+    Groups sectors;
+    std::vector<double> liquidity_rank;  // days x instruments, NaN where unknown
+};
+
+// One operator of the vocabulary: its name, how many data inputs and config
+// values it takes, and its kernel.
+struct Operator {
+    std::string_view name;
+    int n_data;
+    int n_config;
+    Panel (*run)(const Env& env, Shape shape, const In* data, const double* config);
+};
+
+// The operator called `name`, or nullptr.
+const Operator* find_operator(std::string_view name);
+
+}  // namespace native
