@@ -11,6 +11,12 @@ Run: python bench/bench_evaluator.py [graphs-per-depth]
 
 from __future__ import annotations
 
+import os
+
+# As `python -m tarnwicket` does: worker threads, not the linear algebra
+# library's own threads, use the cores.
+os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
+
 import random
 import sys
 import threading

@@ -1,8 +1,13 @@
 """Entry point of ``python -m tarnwicket``."""
 
+import os
 import sys
 
-from tarnwicket.local.cli import main
+# The search's worker threads are its parallelism; the linear algebra
+# library's own pool of threads on top of them only spins on the same cores.
+os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
+
+from tarnwicket.local.cli import main  # noqa: E402  (after the environment is set)
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -198,6 +198,36 @@ Panel over_windows(In x, Shape sh, std::size_t w, Bad bad, PerDay per_day) {
 bool not_finite(double v) { return !finite(v); }
 bool is_nan(double v) { return std::isnan(v); }
 
+// The two counting loops below carry most of the ranking work; they are
+// built for the machine's wider vector units too, picked when the module loads.
+#define TW_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+
+// For each instrument: how many of the w rows of the window are below `last`,
+// and how many others equal it.
+TW_VECTOR_CLONES
+void count_below_and_equal(const double* __restrict win, std::size_t w, std::size_t n,
+                           const double* __restrict last, double* __restrict below, double* __restrict equal) {
+    std::fill_n(below, n, 0.0);
+    std::fill_n(equal, n, -1.0);
+    for (std::size_t j = 0; j < w; ++j)
+        for (std::size_t i = 0; i < n; ++i) {
+            below[i] += win[j * n + i] < last[i] ? 1.0 : 0.0;
+            equal[i] += win[j * n + i] == last[i] ? 1.0 : 0.0;
+        }
+}
+
+// 0-based average-tie ranks of n values by counting pairs: (2 below + equal - 1) / 2.
+// NaN values never compare, so they neither count nor get a meaningful rank.
+TW_VECTOR_CLONES
+void count_ranks(const double* __restrict v, std::size_t n, double* __restrict rank) {
+    std::fill_n(rank, n, -1.0);
+    for (std::size_t j = 0; j < n; ++j) {
+        const double other = v[j];
+        for (std::size_t i = 0; i < n; ++i) rank[i] += other < v[i] ? 2.0 : other == v[i] ? 1.0 : 0.0;
+    }
+    for (std::size_t i = 0; i < n; ++i) rank[i] /= 2.0;
+}
+
 Panel ts_rank(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     const double denom = static_cast<double>(std::max<std::size_t>(w, 2) - 1);
@@ -206,13 +236,7 @@ Panel ts_rank(In x, Shape sh, std::size_t w) {
         const double* __restrict last = win + (w - 1) * n;
         double* __restrict lo = below.data();
         double* __restrict eq = equal.data();
-        std::fill_n(lo, n, 0.0);
-        std::fill_n(eq, n, -1.0);
-        for (std::size_t j = 0; j < w; ++j)
-            for (std::size_t i = 0; i < n; ++i) {
-                lo[i] += win[j * n + i] < last[i] ? 1.0 : 0.0;
-                eq[i] += win[j * n + i] == last[i] ? 1.0 : 0.0;
-            }
+        count_below_and_equal(win, w, n, last, lo, eq);
         for (std::size_t i = 0; i < n; ++i) row[i] = (below[i] + 0.5 * equal[i]) / denom;
     });
 }
@@ -297,15 +321,7 @@ std::size_t rank_day(const double* row, std::size_t n, std::vector<double>& valu
         m += finite(row[i]);
     }
     if (n <= 64) {
-        // rank accumulates 2 below + equal, then the formula above
-        const double* __restrict v = values.data();
-        double* __restrict r = rank;
-        std::fill_n(r, n, -1.0);
-        for (std::size_t j = 0; j < n; ++j) {
-            const double other = v[j];
-            for (std::size_t i = 0; i < n; ++i) r[i] += other < v[i] ? 2.0 : other == v[i] ? 1.0 : 0.0;
-        }
-        for (std::size_t i = 0; i < n; ++i) r[i] /= 2.0;
+        count_ranks(values.data(), n, rank);
         return m;
     }
     order.clear();
