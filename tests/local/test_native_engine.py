@@ -1,12 +1,12 @@
 """The native kernels and backtest against the NumPy reference they mirror."""
 
-import os
 import random
 import threading
 
 import numpy as np
 import pytest
 
+from fakes.searches import ASAN
 from tarnwicket.local import _native
 from tarnwicket.local.era import LocalEraConfig
 from tarnwicket.local.evaluator import LocalEvaluator
@@ -14,7 +14,7 @@ from tarnwicket.local.graph import native_config
 from tarnwicket.local.operators import OPERATORS
 
 # Under the sanitizers the native code runs several times slower.
-RANDOM_GRAPHS = 300 if os.environ.get("TW_SANITIZED") else 2000
+RANDOM_GRAPHS = 300 if ASAN else 2000
 METRICS = ("sharpe", "fitness", "returns", "drawdown", "turnover", "margin", "long_count",
            "short_count", "delta_exposure", "max_weight", "correlation", "is_pnl_mi")
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numeric>
 
 namespace native {
@@ -45,53 +46,47 @@ double dot(const double* a, const double* b, std::size_t n) {
 
 void signal_weights(In signal, const Market& m, const Settings& s, std::vector<double>& w) {
     const std::size_t n = m.shape.names;
-    // Scratch that lives as long as the thread: no fresh pages per backtest.
-    thread_local std::vector<unsigned char> valid;
-    valid.resize(m.shape.size());
+    const double cap = s.max_position;
     w.resize(m.shape.size());
-    std::vector<unsigned char> live(m.shape.days);
-    std::vector<double> scratch(n);
+    std::vector<double> ok(n), scratch(n);
     for (std::size_t t = 0; t < m.shape.days; ++t) {
-        double* row = w.data() + t * n;
-        const unsigned char* ok = valid.data() + t * n;
-        std::size_t count = 0;
+        double* __restrict row = w.data() + t * n;
+        const double* __restrict x = signal.data() + t * n;
+        const unsigned char* __restrict tradable = m.tradable.data() + t * n;
+        double count = 0.0;
         for (std::size_t i = 0; i < n; ++i) {
-            const std::size_t k = t * n + i;
-            valid[k] = std::isfinite(signal[k]) && m.tradable[k];
-            count += valid[k];
-            row[i] = valid[k] ? signal[k] : 0.0;
+            ok[i] = finite(x[i]) && tradable[i] ? 1.0 : 0.0;
+            count += ok[i];
+            row[i] = ok[i] != 0.0 ? x[i] : 0.0;
             scratch[i] = std::fabs(row[i]);
         }
         const double scale = pairwise_sum(scratch.data(), n);
-        const double mean = pairwise_sum(row, n) / static_cast<double>(std::max<std::size_t>(count, 1));
+        const double mean = pairwise_sum(row, n) / std::max(count, 1.0);
         for (std::size_t i = 0; i < n; ++i) {
             row[i] = (row[i] - mean) * ok[i];
             scratch[i] = std::fabs(row[i]);
         }
         const double gross = pairwise_sum(scratch.data(), n);
-        live[t] = static_cast<double>(count) >= s.min_names && gross > kRelTol * std::max(scale, 1e-300);
-        const double divisor = live[t] ? gross : HUGE_VAL;
-        for (std::size_t i = 0; i < n; ++i) row[i] /= divisor;
-    }
-    // Clipping a dominant name breaks neutrality; a few rounds of clip, demean
-    // and rescale bring the book back close to dollar neutral.
-    const double cap = s.max_position;
-    for (std::size_t t = 0; t < m.shape.days; ++t) {
-        double* row = w.data() + t * n;
-        if (std::none_of(row, row + n, [cap](double v) { return std::fabs(v) > cap; })) continue;
-        const unsigned char* ok = valid.data() + t * n;
-        std::size_t inside = 0;
-        for (std::size_t i = 0; i < n; ++i) inside += ok[i] && live[t];
-        const double n_inside = static_cast<double>(std::max<std::size_t>(inside, 1));
+        const bool live = count >= s.min_names && gross > kRelTol * std::max(scale, 1e-300);
+        const double divisor = live ? gross : HUGE_VAL;
+        bool over = false;
+        for (std::size_t i = 0; i < n; ++i) {
+            row[i] /= divisor;
+            over |= std::fabs(row[i]) > cap;
+        }
+        if (!over) continue;
+        // Clipping a dominant name breaks neutrality; a few rounds of clip,
+        // demean and rescale bring the book back close to dollar neutral.
+        const double inside = live ? std::max(count, 1.0) : 1.0;
         for (int round = 0; round < s.clip_rounds; ++round) {
             for (std::size_t i = 0; i < n; ++i) row[i] = std::clamp(row[i], -cap, cap);
-            const double mean = pairwise_sum(row, n) / n_inside;
+            const double clipped_mean = pairwise_sum(row, n) / inside;
             for (std::size_t i = 0; i < n; ++i) {
-                row[i] = (row[i] - mean) * (ok[i] && live[t]);
+                row[i] = (row[i] - clipped_mean) * (live ? ok[i] : 0.0);
                 scratch[i] = std::fabs(row[i]);
             }
-            const double gross = std::max(pairwise_sum(scratch.data(), n), 1e-300);
-            for (std::size_t i = 0; i < n; ++i) row[i] /= gross;
+            const double clipped_gross = std::max(pairwise_sum(scratch.data(), n), 1e-300);
+            for (std::size_t i = 0; i < n; ++i) row[i] /= clipped_gross;
         }
     }
 }

@@ -11,8 +11,6 @@ namespace {
 
 constexpr double kEps = 1e-12;
 
-inline bool finite(double v) { return std::fabs(v) <= std::numeric_limits<double>::max(); }
-
 double sign(double v) {
     if (v > 0.0) return 1.0;
     if (v < 0.0) return -1.0;

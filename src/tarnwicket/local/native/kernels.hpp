@@ -47,8 +47,11 @@ private:
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
+// Neither NaN nor infinite; written so that loops over it vectorise.
+inline bool finite(double v) { return std::fabs(v) <= std::numeric_limits<double>::max(); }
+
 // Every value a kernel writes: a non-finite one becomes NaN.
-inline double finite_or_nan(double v) { return std::fabs(v) <= std::numeric_limits<double>::max() ? v : kNaN; }
+inline double finite_or_nan(double v) { return finite(v) ? v : kNaN; }
 
 // Sum of n contiguous values in the order NumPy's reductions use (eight
 // running sums in blocks of up to 128, halves above that).
