@@ -44,6 +44,11 @@ double dot(const double* a, const double* b, std::size_t n) {
 
 }  // namespace
 
+void derive(Market& m) {
+    m.inverse_adv.resize(m.adv.size());
+    for (std::size_t k = 0; k < m.adv.size(); ++k) m.inverse_adv[k] = 1.0 / m.adv[k];
+}
+
 void signal_weights(In signal, const Market& m, const Settings& s, std::vector<double>& w) {
     const std::size_t n = m.shape.names;
     const double cap = s.max_position;
@@ -53,13 +58,12 @@ void signal_weights(In signal, const Market& m, const Settings& s, std::vector<d
         double* __restrict row = w.data() + t * n;
         const double* __restrict x = signal.data() + t * n;
         const unsigned char* __restrict tradable = m.tradable.data() + t * n;
-        double count = 0.0;
         for (std::size_t i = 0; i < n; ++i) {
             ok[i] = finite(x[i]) && tradable[i] ? 1.0 : 0.0;
-            count += ok[i];
             row[i] = ok[i] != 0.0 ? x[i] : 0.0;
             scratch[i] = std::fabs(row[i]);
         }
+        const double count = static_cast<double>(std::count(ok.begin(), ok.end(), 1.0));
         const double scale = pairwise_sum(scratch.data(), n);
         const double mean = pairwise_sum(row, n) / std::max(count, 1.0);
         for (std::size_t i = 0; i < n; ++i) {
@@ -69,12 +73,8 @@ void signal_weights(In signal, const Market& m, const Settings& s, std::vector<d
         const double gross = pairwise_sum(scratch.data(), n);
         const bool live = count >= s.min_names && gross > kRelTol * std::max(scale, 1e-300);
         const double divisor = live ? gross : HUGE_VAL;
-        bool over = false;
-        for (std::size_t i = 0; i < n; ++i) {
-            row[i] /= divisor;
-            over |= std::fabs(row[i]) > cap;
-        }
-        if (!over) continue;
+        for (std::size_t i = 0; i < n; ++i) row[i] /= divisor;
+        if (std::none_of(row, row + n, [cap](double v) { return std::fabs(v) > cap; })) continue;
         // Clipping a dominant name breaks neutrality; a few rounds of clip,
         // demean and rescale bring the book back close to dollar neutral.
         const double inside = live ? std::max(count, 1.0) : 1.0;
@@ -109,7 +109,10 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
     if (days < 2 || first + 1 >= days) return f;
     f.has_positions = true;
 
-    for (std::size_t t = 0; t + 1 < days; ++t) f.pnl[t] = dot(&w[t * n], &m.returns[(t + 1) * n], n);
+    for (std::size_t t = 0; t + 1 < days; ++t) {
+        for (std::size_t i = 0; i < n; ++i) scratch[i] = w[t * n + i] * m.returns[(t + 1) * n + i];
+        f.pnl[t] = pairwise_sum(scratch.data(), n);
+    }
     const std::vector<double> period(f.pnl.begin() + static_cast<std::ptrdiff_t>(first), f.pnl.end());
     const std::size_t span = period.size();  // days first+1 .. T-1
     std::vector<double> traded(span), net(span);
@@ -120,7 +123,7 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
         const double* before = &w[(first + k) * n];
         for (std::size_t i = 0; i < n; ++i) {
             scratch[i] = std::fabs(now[i] - before[i]);
-            trade_sq[k * n + i] = scratch[i] * scratch[i] / m.adv[(first + k + 1) * n + i];
+            trade_sq[k * n + i] = scratch[i] * scratch[i] * m.inverse_adv[(first + k + 1) * n + i];
         }
         traded[k] = pairwise_sum(scratch.data(), n);
         net[k] = period[k] - traded[k] * s.cost_bps / 1e4;
@@ -145,15 +148,16 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
 
     // Over the days with a position.
     std::vector<double> longs, shorts, exposure, inverse_concentration;
+    double max_weight = 0.0;
     for (std::size_t t = 0; t < days; ++t) {
         if (!(gross[t] > 0.0)) continue;
-        const double* row = &w[t * n];
-        std::size_t l = 0, sh = 0;
+        const double* __restrict row = &w[t * n];
+        const double* __restrict beta = &m.beta[t * n];
+        const auto l = std::count_if(row, row + n, [](double v) { return v > 0.0; });
+        const auto sh = std::count_if(row, row + n, [](double v) { return v < 0.0; });
         for (std::size_t i = 0; i < n; ++i) {
-            l += row[i] > 0;
-            sh += row[i] < 0;
-            f.max_weight = std::max(f.max_weight, std::fabs(row[i]));
-            scratch[i] = row[i] * m.beta[t * n + i];
+            max_weight = std::max(max_weight, std::fabs(row[i]));
+            scratch[i] = row[i] * beta[i];
         }
         longs.push_back(static_cast<double>(l));
         shorts.push_back(static_cast<double>(sh));
@@ -161,6 +165,7 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
         for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * row[i];
         inverse_concentration.push_back(1.0 / pairwise_sum(scratch.data(), n));
     }
+    f.max_weight = max_weight;
     f.long_count = mean_of(longs);
     f.short_count = mean_of(shorts);
     f.delta_exposure = mean_of(exposure);

@@ -23,6 +23,7 @@ struct Market {
     std::vector<unsigned char> tradable;  // days x instruments
     std::vector<double> returns;          // return of each day
     std::vector<double> adv;              // average daily dollar volume
+    std::vector<double> inverse_adv;      // its inverse, by derive()
     std::vector<unsigned char> illiquid;  // in the least liquid fifth
     std::vector<double> beta;             // trailing market beta
     Groups sectors;
@@ -43,6 +44,9 @@ struct Figures {
 // Weights held over each next day, into w: the signal demeaned over the
 // tradable names, scaled to unit gross, clipped per name and rescaled.
 void signal_weights(In signal, const Market& market, const Settings& settings, std::vector<double>& w);
+
+// Fill in the arrays the backtest derives from the others, once.
+void derive(Market& market);
 
 Figures backtest(In signal, const Market& market, const Settings& settings);
 

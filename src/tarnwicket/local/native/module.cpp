@@ -154,6 +154,7 @@ public:
         market_.illiquid = copy_mask(illiquid);
         market_.beta = copy_panel(beta);
         market_.factor_returns = copy_panel(factor_returns);
+        native::derive(market_);
         settings_ = {max_position, min_names, book_size, cost_bps, clip_rounds};
     }
 
