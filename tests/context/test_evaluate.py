@@ -272,6 +272,12 @@ def test_result_is_the_record_class_own_instance_and_obeys_a_patched_class(world
     original_init = st.BacktestResult.__init__
     monkeypatch.setattr(st.BacktestResult, "__init__", lambda self, **kw: seen.append(kw) or original_init(self, **kw))
     assert w.ctx.evaluate(GRAPH) == expected and seen[0]["passed"] is True
+    monkeypatch.undo()
+
+    assigned = []
+    monkeypatch.setattr(st.BacktestResult, "__setattr__",
+                        lambda self, k, v: assigned.append(k) or object.__setattr__(self, k, v), raising=False)
+    assert w.ctx.evaluate(GRAPH) == expected and assigned[:2] == ["expression", "passed"]
 
     class Mine:
         def __init__(self, **kw):

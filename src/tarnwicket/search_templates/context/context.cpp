@@ -23,10 +23,18 @@ object resolve_thresholds(handle thresholds, handle era_config) {
 }
 
 object require_threshold(handle thresholds, handle name) {
-    if (check_int(PySequence_Contains(thresholds.ptr(), name.ptr())) == 0)
+    object value;
+    if (PyDict_CheckExact(thresholds.ptr())) {
+        // `name in d` and `d[name]` of a plain dict are one lookup.
+        PyObject* v = PyDict_GetItemWithError(thresholds.ptr(), name.ptr());
+        if (!v && PyErr_Occurred()) throw_py();
+        if (v) value = borrow(v);
+    } else if (check_int(PySequence_Contains(thresholds.ptr(), name.ptr())) == 1) {
+        value = getitem(thresholds, name);
+    }
+    if (!value)
         raise_text(PyExc_ValueError,
                          ftext({str_of("SearchContext thresholds missing required threshold '"), name, str_of("'")}));
-    object value = getitem(thresholds, name);
     if (is_bool(value) || !(is_int(value) || is_float(value)))
         raise_text(PyExc_ValueError,
                          ftext({str_of("SearchContext threshold '"), name, str_of("' must be numeric")}));

@@ -88,9 +88,10 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
     // Gather every value in field order first: nothing here runs Python code
     // but the default factories (list() or dict()), so the layout stays put.
     object init = borrow(layout->init);
-    object values[kMaxFields];
+    object names[kMaxFields], values[kMaxFields];
     std::size_t n = 0, matched = 0;
     for (const auto& f : layout->fields) {
+        names[n] = borrow(f.name);
         object value;
         for (auto& kv : fields) {
             if (kv.first.ptr() == f.name) {
@@ -104,11 +105,15 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
     }
     // A name that is not a field: let the class's own __init__ say so.
     if (matched != fields.size()) return call_kw(cls, {}, fields);
-    // cls(**fields) is object.__new__(cls) and then the class's own __init__,
-    // here given every field by position.
+    // cls(**fields) is object.__new__(cls) and then the class's own __init__.
     auto* type = reinterpret_cast<PyTypeObject*>(cls.ptr());
     object no_args = steal(PyTuple_New(0));
     object obj = steal(type->tp_new(type, no_args.ptr(), nullptr));
+    if (type->tp_setattro == PyObject_GenericSetAttr) {
+        // That __init__ only assigns each field in order: do the same here.
+        for (std::size_t i = 0; i < n; ++i) check_int(PyObject_GenericSetAttr(obj.ptr(), names[i].ptr(), values[i].ptr()));
+        return obj;
+    }
     PyObject* argv[kMaxFields + 1];
     argv[0] = obj.ptr();
     for (std::size_t i = 0; i < n; ++i) argv[i + 1] = values[i].ptr();
