@@ -49,7 +49,7 @@ void derive(Market& m) {
     for (std::size_t k = 0; k < m.adv.size(); ++k) m.inverse_adv[k] = 1.0 / m.adv[k];
 }
 
-void signal_weights(In signal, const Market& m, const Settings& s, std::vector<double>& w) {
+TW_VECTOR_CLONES void signal_weights(In signal, const Market& m, const Settings& s, std::vector<double>& w) {
     const std::size_t n = m.shape.names;
     const double cap = s.max_position;
     w.resize(m.shape.size());
@@ -57,9 +57,9 @@ void signal_weights(In signal, const Market& m, const Settings& s, std::vector<d
     for (std::size_t t = 0; t < m.shape.days; ++t) {
         double* __restrict row = w.data() + t * n;
         const double* __restrict x = signal.data() + t * n;
-        const unsigned char* __restrict tradable = m.tradable.data() + t * n;
+        const double* __restrict tradable = m.tradable.data() + t * n;
         for (std::size_t i = 0; i < n; ++i) {
-            ok[i] = finite(x[i]) && tradable[i] ? 1.0 : 0.0;
+            ok[i] = finite(x[i]) ? tradable[i] : 0.0;
             row[i] = ok[i] != 0.0 ? x[i] : 0.0;
             scratch[i] = std::fabs(row[i]);
         }
@@ -74,7 +74,9 @@ void signal_weights(In signal, const Market& m, const Settings& s, std::vector<d
         const bool live = count >= s.min_names && gross > kRelTol * std::max(scale, 1e-300);
         const double divisor = live ? gross : HUGE_VAL;
         for (std::size_t i = 0; i < n; ++i) row[i] /= divisor;
-        if (std::none_of(row, row + n, [cap](double v) { return std::fabs(v) > cap; })) continue;
+        bool over = false;
+        for (std::size_t i = 0; i < n; ++i) over |= std::fabs(row[i]) > cap;
+        if (!over) continue;
         // Clipping a dominant name breaks neutrality; a few rounds of clip,
         // demean and rescale bring the book back close to dollar neutral.
         const double inside = live ? std::max(count, 1.0) : 1.0;
@@ -91,7 +93,7 @@ void signal_weights(In signal, const Market& m, const Settings& s, std::vector<d
     }
 }
 
-Figures backtest(In signal, const Market& m, const Settings& s) {
+TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s) {
     thread_local std::vector<double> weights, cells;
     signal_weights(signal, m, s, weights);
     const std::vector<double>& w = weights;
@@ -148,7 +150,7 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
 
     // Over the days with a position.
     std::vector<double> longs, shorts, exposure, inverse_concentration;
-    double max_weight = 0.0;
+    std::vector<double> largest(n, 0.0);  // per name: a maximum does not depend on order
     for (std::size_t t = 0; t < days; ++t) {
         if (!(gross[t] > 0.0)) continue;
         const double* __restrict row = &w[t * n];
@@ -156,7 +158,7 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
         const auto l = std::count_if(row, row + n, [](double v) { return v > 0.0; });
         const auto sh = std::count_if(row, row + n, [](double v) { return v < 0.0; });
         for (std::size_t i = 0; i < n; ++i) {
-            max_weight = std::max(max_weight, std::fabs(row[i]));
+            largest[i] = std::max(largest[i], std::fabs(row[i]));
             scratch[i] = row[i] * beta[i];
         }
         longs.push_back(static_cast<double>(l));
@@ -165,7 +167,7 @@ Figures backtest(In signal, const Market& m, const Settings& s) {
         for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * row[i];
         inverse_concentration.push_back(1.0 / pairwise_sum(scratch.data(), n));
     }
-    f.max_weight = max_weight;
+    f.max_weight = *std::max_element(largest.begin(), largest.end());
     f.long_count = mean_of(longs);
     f.short_count = mean_of(shorts);
     f.delta_exposure = mean_of(exposure);

@@ -20,11 +20,11 @@ struct Settings {
 // Per-panel arrays the backtest needs, computed once by the caller.
 struct Market {
     Shape shape;
-    std::vector<unsigned char> tradable;  // days x instruments
+    std::vector<double> tradable;         // days x instruments: 1 or 0
     std::vector<double> returns;          // return of each day
     std::vector<double> adv;              // average daily dollar volume
     std::vector<double> inverse_adv;      // its inverse, by derive()
-    std::vector<unsigned char> illiquid;  // in the least liquid fifth
+    std::vector<double> illiquid;         // 1 in the least liquid fifth, else 0
     std::vector<double> beta;             // trailing market beta
     Groups sectors;
     std::vector<double> factor_returns;   // days x (1 + sectors): the market, then each sector

@@ -197,8 +197,7 @@ bool not_finite(double v) { return !finite(v); }
 bool is_nan(double v) { return std::isnan(v); }
 
 // The two counting loops below carry most of the ranking work; they are
-// built for the machine's wider vector units too, picked when the module loads.
-#define TW_VECTOR_CLONES __attribute__((target_clones("avx2", "default")))
+// built for the machine's wider vector units too.
 
 // For each instrument: how many of the w rows of the window are below `last`,
 // and how many others equal it.
@@ -513,27 +512,6 @@ const Operator kOperators[] = {
 };
 
 }  // namespace
-
-double pairwise_sum(const double* a, std::size_t n) {
-    if (n < 8) {
-        double res = 0.0;
-        for (std::size_t i = 0; i < n; ++i) res += a[i];
-        return res;
-    }
-    if (n <= 128) {
-        double r[8];
-        for (int j = 0; j < 8; ++j) r[j] = a[j];
-        std::size_t i = 8;
-        for (; i < n - n % 8; i += 8)
-            for (int j = 0; j < 8; ++j) r[j] += a[i + static_cast<std::size_t>(j)];
-        double res = ((r[0] + r[1]) + (r[2] + r[3])) + ((r[4] + r[5]) + (r[6] + r[7]));
-        for (; i < n; ++i) res += a[i];
-        return res;
-    }
-    std::size_t half = n / 2;
-    half -= half % 8;
-    return pairwise_sum(a, half) + pairwise_sum(a + half, n - half);
-}
 
 Groups index_groups(const std::vector<long>& group, std::size_t count) {
     Groups out;

@@ -39,9 +39,9 @@ void expect_shape(const py::array& a, Shape want, const char* what) {
 
 std::vector<double> copy_panel(const Array& a) { return {a.data(), a.data() + a.size()}; }
 
-std::vector<unsigned char> copy_mask(const Array& a) {
-    std::vector<unsigned char> out(static_cast<std::size_t>(a.size()));
-    for (std::size_t k = 0; k < out.size(); ++k) out[k] = a.data()[k] != 0.0;
+std::vector<double> copy_mask(const Array& a) {
+    std::vector<double> out(static_cast<std::size_t>(a.size()));
+    for (std::size_t k = 0; k < out.size(); ++k) out[k] = a.data()[k] != 0.0 ? 1.0 : 0.0;
     return out;
 }
 
