@@ -80,6 +80,7 @@ Panel shift(In x, Shape sh, std::size_t lag) {
     return out;
 }
 
+TW_VECTOR_CLONES
 Panel safe_div(In x, In y) {
     Panel out(x.size());
     for (std::size_t k = 0; k < x.size(); ++k)
@@ -87,6 +88,7 @@ Panel safe_div(In x, In y) {
     return out;
 }
 
+TW_VECTOR_CLONES
 Panel ts_mean(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     Panel out(sh.size());
@@ -105,6 +107,7 @@ inline double window_sd(double sum, double sum_sq, double len) {
     return std::sqrt(std::max(sum_sq / len - mean * mean, 0.0));
 }
 
+TW_VECTOR_CLONES
 Panel ts_std(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     Panel out(sh.size());
@@ -117,6 +120,7 @@ Panel ts_std(In x, Shape sh, std::size_t w) {
     return out;
 }
 
+TW_VECTOR_CLONES
 Panel ts_zscore(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     Panel out(sh.size());
@@ -133,6 +137,7 @@ Panel ts_zscore(In x, Shape sh, std::size_t w) {
     return out;
 }
 
+TW_VECTOR_CLONES
 Panel ts_corr(In x, In y, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     Panel out(sh.size());
@@ -225,6 +230,7 @@ void count_ranks(const double* __restrict v, std::size_t n, double* __restrict r
     for (std::size_t i = 0; i < n; ++i) rank[i] /= 2.0;
 }
 
+TW_VECTOR_CLONES
 Panel ts_rank(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     const double denom = static_cast<double>(std::max<std::size_t>(w, 2) - 1);
@@ -238,6 +244,7 @@ Panel ts_rank(In x, Shape sh, std::size_t w) {
     });
 }
 
+TW_VECTOR_CLONES
 Panel ts_decay(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     std::vector<double> weights(w);
@@ -252,6 +259,7 @@ Panel ts_decay(In x, Shape sh, std::size_t w) {
 }
 
 template <bool Max>
+TW_VECTOR_CLONES
 Panel ts_extremum(In x, Shape sh, std::size_t w) {
     const std::size_t n = sh.names;
     return over_windows(x, sh, w, is_nan, [&](const double* __restrict win, double* __restrict row) {
@@ -293,6 +301,7 @@ RowMoments row_moments(const double* row, std::size_t n, std::vector<double>& sc
 
 // Apply `f(value, moments)` to the valid values of each day; NaN elsewhere.
 template <class F>
+TW_VECTOR_CLONES
 Panel per_row(In x, Shape sh, F f) {
     Panel out(sh.size());
     std::vector<double> scratch;
@@ -334,6 +343,7 @@ std::size_t rank_day(const double* row, std::size_t n, std::vector<double>& valu
     return m;
 }
 
+TW_VECTOR_CLONES
 Panel cs_rank(In x, Shape sh, bool ascending) {
     Panel out(sh.size());
     std::vector<double> values;
@@ -352,6 +362,7 @@ Panel cs_rank(In x, Shape sh, bool ascending) {
     return out;
 }
 
+TW_VECTOR_CLONES
 Panel cs_scale(In x, Shape sh) {
     Panel out(sh.size());
     std::vector<double> scratch(sh.names);
@@ -366,6 +377,7 @@ Panel cs_scale(In x, Shape sh) {
 }
 
 // Each value minus the mean of the valid values of its group that day.
+TW_VECTOR_CLONES
 Panel group_demean(In x, Shape sh, const Groups& groups) {
     Panel out(sh.size());
     std::vector<double> means(sh.names);
@@ -389,6 +401,7 @@ Panel group_demean(In x, Shape sh, const Groups& groups) {
     return out;
 }
 
+TW_VECTOR_CLONES
 Panel cs_median(In x, Shape sh) {
     Panel out(sh.size());
     std::vector<double> valid;
@@ -413,6 +426,7 @@ Panel cs_median(In x, Shape sh) {
 // ------------------------------------------------------------------ elementwise
 
 template <class F>
+TW_VECTOR_CLONES
 Panel map1(In x, F f) {
     Panel out(x.size());
     for (std::size_t k = 0; k < x.size(); ++k) out[k] = finite_or_nan(f(x[k]));
@@ -420,6 +434,7 @@ Panel map1(In x, F f) {
 }
 
 template <class F>
+TW_VECTOR_CLONES
 Panel map2(In x, In y, F f) {
     Panel out(x.size());
     for (std::size_t k = 0; k < x.size(); ++k) out[k] = finite_or_nan(f(x[k], y[k]));
