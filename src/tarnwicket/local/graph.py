@@ -23,65 +23,73 @@ FUNCTION_KINDS = ("rotation", "filtration", "reduction")
 LITERAL_TYPES = ("int", "float", "bool", "string")
 MAX_GRAPH_DEPTH = 64
 _ALLOWED_KEYS = frozenset(("type", "node", "children"))
+_LITERAL_KEYS = frozenset(("type", "node"))
 
 
-def _describe(path: str) -> str:
-    return path or "root"
+def _where(at: tuple | None) -> str:
+    """The path of a node for messages: "root", or "/name[i]/..." from the root."""
+    parts = []
+    while at is not None:
+        at, name, index = at
+        parts.append(f"/{name}[{index}]")
+    return "".join(reversed(parts)) or "root"
 
 
-def compile_graph(graph: Any, feature_names: frozenset[str] | set[str], path: str = "",
-                  depth: int = 0) -> tuple:
+def compile_graph(graph: Any, feature_names: frozenset[str] | set[str]) -> tuple:
     """Validate ``graph`` and return its key; raise ``ValueError`` on any fault."""
-    where = _describe(path)
+    return _compile(graph, feature_names, None, 0)
+
+
+def _compile(graph: Any, feature_names: frozenset[str] | set[str], at: tuple | None, depth: int) -> tuple:
+    # `at` is (parent's at, parent's name, child index): the message path is
+    # only spelled out when there is a message.
     if depth > MAX_GRAPH_DEPTH:
-        raise ValueError(f"graph deeper than {MAX_GRAPH_DEPTH} levels at {where}")
-    if not isinstance(graph, Mapping):
-        raise ValueError(f"graph node at {where} must be a dict, got {type(graph).__name__}")
-    extra = set(graph) - _ALLOWED_KEYS
-    if extra:
-        raise ValueError(f"graph node at {where} has unexpected keys {sorted(map(str, extra))}")
+        raise ValueError(f"graph deeper than {MAX_GRAPH_DEPTH} levels at {_where(at)}")
+    if type(graph) is not dict and not isinstance(graph, Mapping):
+        raise ValueError(f"graph node at {_where(at)} must be a dict, got {type(graph).__name__}")
+    if not _ALLOWED_KEYS.issuperset(graph):
+        extra = set(graph) - _ALLOWED_KEYS
+        raise ValueError(f"graph node at {_where(at)} has unexpected keys {sorted(map(str, extra))}")
     node_type = graph.get("type")
     name = graph.get("node")
     if node_type == "feature":
         if graph.get("children"):
-            raise ValueError(f"feature leaf at {where} cannot have children")
+            raise ValueError(f"feature leaf at {_where(at)} cannot have children")
         if not isinstance(name, str) or name not in feature_names:
-            raise ValueError(f"unknown feature {name!r} at {where}")
+            raise ValueError(f"unknown feature {name!r} at {_where(at)}")
         return ("feature", name)
     if node_type not in FUNCTION_KINDS:
-        raise ValueError(f"graph node at {where} has unsupported type {node_type!r}")
+        raise ValueError(f"graph node at {_where(at)} has unsupported type {node_type!r}")
     op = OPERATORS_BY_NAME.get(name) if isinstance(name, str) else None
     if op is None:
-        raise ValueError(f"unknown function {name!r} at {where}")
+        raise ValueError(f"unknown function {name!r} at {_where(at)}")
     if op.kind != node_type:
-        raise ValueError(f"function {name!r} at {where} is a {op.kind}, not a {node_type}")
+        raise ValueError(f"function {name!r} at {_where(at)} is a {op.kind}, not a {node_type}")
     children = graph.get("children", [])
     if not isinstance(children, (list, tuple)):
-        raise ValueError(f"children of {name!r} at {where} must be a list")
+        raise ValueError(f"children of {name!r} at {_where(at)} must be a list")
     n_data, n_config = len(op.data_params), len(op.config)
     if not n_data <= len(children) <= n_data + n_config:
-        raise ValueError(f"function {name!r} at {where} takes {n_data} data input(s) and "
+        raise ValueError(f"function {name!r} at {_where(at)} takes {n_data} data input(s) and "
                          f"{n_config} config value(s), got {len(children)} children")
-    data_keys = tuple(
-        compile_graph(child, feature_names, f"{path}/{name}[{i}]", depth + 1)
-        for i, child in enumerate(children[:n_data]))
-    config_values = tuple(
-        _literal(op, i, child, where) for i, child in enumerate(children[n_data:]))
-    config_values += tuple(p.default for p in op.config[len(config_values):])
+    data_keys = tuple([_compile(children[i], feature_names, (at, name, i), depth + 1) for i in range(n_data)])
+    config_values = tuple([_literal(op, i, child, at) for i, child in enumerate(children[n_data:])])
+    if len(config_values) < n_config:
+        config_values += tuple(p.default for p in op.config[len(config_values):])
     return (node_type, name, data_keys, config_values)
 
 
-def _literal(op: Operator, index: int, child: Any, where: str) -> Any:
+def _literal(op: Operator, index: int, child: Any, at: tuple | None) -> Any:
     param = op.config[index]
-    if not isinstance(child, Mapping) or set(child) - {"type", "node"} or "node" not in child:
-        raise ValueError(f"config child {param.name!r} of {op.name!r} at {where} must be "
+    if not isinstance(child, Mapping) or not _LITERAL_KEYS.issuperset(child) or "node" not in child:
+        raise ValueError(f"config child {param.name!r} of {op.name!r} at {_where(at)} must be "
                          "a literal {type, node}")
     literal_type = child.get("type")
     if literal_type not in LITERAL_TYPES:
-        raise ValueError(f"config child {param.name!r} of {op.name!r} at {where} has "
+        raise ValueError(f"config child {param.name!r} of {op.name!r} at {_where(at)} has "
                          f"unsupported type {literal_type!r}")
     if literal_type != param.type and not (param.type == "float" and literal_type == "int"):
-        raise ValueError(f"config child {param.name!r} of {op.name!r} at {where} is "
+        raise ValueError(f"config child {param.name!r} of {op.name!r} at {_where(at)} is "
                          f"{literal_type!r}, expected {param.type!r}")
     return param.check(child["node"], op.name)
 
