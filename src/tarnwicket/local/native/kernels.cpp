@@ -56,17 +56,35 @@ void rolling_sums(Shape sh, std::size_t w, Load load, Emit emit) {
     }
 }
 
-// The value and its square where finite, as rows [value, square].
-auto value_and_square(In x, std::size_t n) {
+// The value where finite (zero elsewhere) and, for K = 2, its square: rows
+// [value] or [value, square].
+template <std::size_t K>
+auto finite_values(In x, std::size_t n) {
     return [x, n](std::size_t t, double* __restrict v, double* __restrict ok) {
         const double* __restrict row = x.data() + t * n;
         for (std::size_t i = 0; i < n; ++i) {
             const bool good = finite(row[i]);
             ok[i] = good ? 1.0 : 0.0;
             v[i] = good ? row[i] : 0.0;
-            v[n + i] = v[i] * v[i];
+            if constexpr (K == 2) v[n + i] = v[i] * v[i];
         }
     };
+}
+
+// Per instrument and day, f(window sum, window sum of squares, today's value)
+// where all w days of the window are valid, else NaN. With K = 1 the sum of
+// squares is not computed and f is given zero for it.
+template <std::size_t K, class F>
+Panel rolling_moments(In x, Shape sh, std::size_t w, F f) {
+    const std::size_t n = sh.names;
+    Panel out(sh.size());
+    rolling_sums<K>(sh, w, finite_values<K>(x, n), [&](std::size_t t, const double* full, const double* s) {
+        const double* __restrict now = x.data() + t * n;
+        double* __restrict dst = out.data() + t * n;
+        for (std::size_t i = 0; i < n; ++i)
+            dst[i] = full[i] != 0.0 ? finite_or_nan(f(s[i], K == 2 ? s[n + i] : 0.0, now[i])) : kNaN;
+    });
+    return out;
 }
 
 Panel shift(In x, Shape sh, std::size_t lag) {
@@ -87,14 +105,8 @@ Panel safe_div(In x, In y) {
 
 TW_VECTOR_CLONES
 Panel ts_mean(In x, Shape sh, std::size_t w) {
-    const std::size_t n = sh.names;
-    Panel out(sh.size());
     const double len = static_cast<double>(w);
-    rolling_sums<2>(sh, w, value_and_square(x, n), [&](std::size_t t, const double* full, const double* s) {
-        double* __restrict dst = out.data() + t * n;
-        for (std::size_t i = 0; i < n; ++i) dst[i] = full[i] != 0.0 ? finite_or_nan(s[i] / len) : kNaN;
-    });
-    return out;
+    return rolling_moments<1>(x, sh, w, [len](double sum, double, double) { return sum / len; });
 }
 
 // Rolling mean and population standard deviation from the window sums of a
@@ -106,32 +118,18 @@ inline double window_sd(double sum, double sum_sq, double len) {
 
 TW_VECTOR_CLONES
 Panel ts_std(In x, Shape sh, std::size_t w) {
-    const std::size_t n = sh.names;
-    Panel out(sh.size());
     const double len = static_cast<double>(w);
-    rolling_sums<2>(sh, w, value_and_square(x, n), [&](std::size_t t, const double* full, const double* s) {
-        double* __restrict dst = out.data() + t * n;
-        for (std::size_t i = 0; i < n; ++i)
-            dst[i] = full[i] != 0.0 ? finite_or_nan(window_sd(s[i], s[n + i], len)) : kNaN;
-    });
-    return out;
+    return rolling_moments<2>(x, sh, w, [len](double sum, double sum_sq, double) { return window_sd(sum, sum_sq, len); });
 }
 
 TW_VECTOR_CLONES
 Panel ts_zscore(In x, Shape sh, std::size_t w) {
-    const std::size_t n = sh.names;
-    Panel out(sh.size());
     const double len = static_cast<double>(w);
-    rolling_sums<2>(sh, w, value_and_square(x, n), [&](std::size_t t, const double* full, const double* s) {
-        const double* __restrict now = x.data() + t * n;
-        double* __restrict dst = out.data() + t * n;
-        for (std::size_t i = 0; i < n; ++i) {
-            const double mean = s[i] / len, sd = window_sd(s[i], s[n + i], len);
-            const double z = sd > kEps * (1.0 + std::fabs(mean)) ? (now[i] - mean) / sd : 0.0;
-            dst[i] = full[i] != 0.0 && finite(now[i]) ? finite_or_nan(z) : kNaN;
-        }
+    return rolling_moments<2>(x, sh, w, [len](double sum, double sum_sq, double now) {
+        const double mean = sum / len, sd = window_sd(sum, sum_sq, len);
+        const double z = sd > kEps * (1.0 + std::fabs(mean)) ? (now - mean) / sd : 0.0;
+        return finite(now) ? z : kNaN;
     });
-    return out;
 }
 
 TW_VECTOR_CLONES
