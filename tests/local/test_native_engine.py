@@ -144,7 +144,10 @@ def test_threads_sharing_one_evaluator_get_the_serial_results(synthetic_panel):
     rng = random.Random(5)
     graphs = [_random_graph(rng, rng.randint(2, 5)) for _ in range(40)]
     serial = LocalEvaluator.from_panel(synthetic_panel, signal_cache_size=1, backtest_cache_size=1)
-    want = [serial.evaluate_expression(g) for g in graphs]
+    want, kept = [], []
+    for g in graphs:
+        want.append(serial.evaluate_expression(g))
+        kept.append(want[-1].copy())
     shared = LocalEvaluator.from_panel(synthetic_panel, signal_cache_size=8, backtest_cache_size=8)
     got: dict[int, np.ndarray] = {}
     errors = []
@@ -164,6 +167,8 @@ def test_threads_sharing_one_evaluator_get_the_serial_results(synthetic_panel):
         t.join()
     assert not errors
     for i, w in enumerate(want):
+        # Results still held keep their values while freed buffers are reused.
+        np.testing.assert_array_equal(w, kept[i])
         np.testing.assert_array_equal(got[i], w)
 
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -522,6 +523,57 @@ const Operator kOperators[] = {
 };
 
 }  // namespace
+
+namespace buffers {
+namespace {
+
+struct Kept {
+    std::mutex lock;
+    std::vector<std::pair<std::size_t, double*>> free;  // (doubles, buffer)
+    std::size_t bytes = 0;
+};
+
+// Never destroyed: buffers may still come back while the process exits.
+Kept& kept() {
+    static Kept* k = new Kept;
+    return *k;
+}
+
+}  // namespace
+
+double* take(std::size_t n) {
+    Kept& k = kept();
+    {
+        std::lock_guard<std::mutex> hold(k.lock);
+        for (auto it = k.free.rbegin(); it != k.free.rend(); ++it) {
+            if (it->first != n) continue;
+            double* p = it->second;
+            k.free.erase(std::next(it).base());
+            k.bytes -= n * sizeof(double);
+            return p;
+        }
+    }
+    return new double[n];
+}
+
+void give(double* p, std::size_t n) noexcept {
+    if (!p) return;
+    Kept& k = kept();
+    {
+        std::lock_guard<std::mutex> hold(k.lock);
+        if (k.bytes + n * sizeof(double) <= kKeptBytes) {
+            try {
+                k.free.emplace_back(n, p);
+                k.bytes += n * sizeof(double);
+                return;
+            } catch (const std::bad_alloc&) {
+            }
+        }
+    }
+    delete[] p;
+}
+
+}  // namespace buffers
 
 Groups index_groups(const std::vector<long>& group, std::size_t count) {
     Groups out;

@@ -25,12 +25,27 @@ struct Shape {
 
 using In = std::span<const double>;
 
+// Buffers of panels that were let go, kept for the next panel of the same
+// size. A fresh buffer of a panel's size is new pages from the system, each
+// costing a fault when first written; a search makes and drops a few panels
+// per graph. Thread-safe; keeps at most kKeptBytes.
+namespace buffers {
+inline constexpr std::size_t kKeptBytes = std::size_t{64} << 20;
+double* take(std::size_t n);
+void give(double* p, std::size_t n) noexcept;
+}  // namespace buffers
+
 // A kernel's result: a buffer of doubles that is not zeroed first, since
 // every kernel writes all of it.
 class Panel {
+    struct Give {
+        std::size_t n = 0;
+        void operator()(double* p) const noexcept { buffers::give(p, n); }
+    };
+
 public:
     Panel() = default;
-    explicit Panel(std::size_t n) : data_(new double[n]), size_(n) {}
+    explicit Panel(std::size_t n) : data_(buffers::take(n), Give{n}), size_(n) {}
     Panel(std::size_t n, double fill) : Panel(n) { std::fill_n(data_.get(), n, fill); }
 
     double* data() { return data_.get(); }
@@ -41,7 +56,7 @@ public:
     operator In() const { return {data_.get(), size_}; }
 
 private:
-    std::unique_ptr<double[]> data_;
+    std::unique_ptr<double[], Give> data_;
     std::size_t size_ = 0;
 };
 
