@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 import threading
 
 import numpy as np
@@ -27,8 +28,9 @@ class SignalPool:
 
     @staticmethod
     def _unit(pnl: np.ndarray) -> np.ndarray | None:
-        centred = pnl - pnl.mean()
-        norm = float(np.sqrt(centred @ centred))
+        # pnl.mean() and np.sqrt without their Python-level wrappers: the same values.
+        centred = pnl - np.add.reduce(pnl) / pnl.shape[0]
+        norm = math.sqrt(float(centred @ centred))
         return centred / norm if norm > 0.0 else None
 
     def _max_corr(self, unit: np.ndarray | None) -> float:
