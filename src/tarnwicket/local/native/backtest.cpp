@@ -94,44 +94,83 @@ TW_VECTOR_CLONES void signal_weights(In signal, const Market& m, const Settings&
 }
 
 TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s) {
-    thread_local std::vector<double> weights, cells;
+    thread_local std::vector<double> weights, trade_sq, illiquid;
     signal_weights(signal, m, s, weights);
     const std::vector<double>& w = weights;
     const std::size_t days = m.shape.days, n = m.shape.names;
+    const std::size_t factors = m.sectors.count() + 1, sectors = factors - 1;
     Figures f;
     f.pnl.assign(days ? days - 1 : 0, 0.0);
-    f.factor_pnl.assign(m.sectors.count() + 1, 0.0);
-    std::vector<double> gross(days), scratch(n);
+    f.factor_pnl.assign(factors, 0.0);
+    if (days < 2) return f;
+
+    // One sweep over the days, each day's weights read while they are in
+    // cache: what the reference computes in separate passes, each value with
+    // the same operations in the same order. Trading (into day t) and the
+    // sector exposures are kept for every day; the figures below use those
+    // from the first day with a position on.
+    std::vector<double> gross(days), traded(days, 0.0), scratch(n), exposures(days * sectors);
+    std::vector<double> longs, shorts, exposure, inverse_concentration;
+    std::vector<double> largest(n, 0.0);  // per name: a maximum does not depend on order
+    trade_sq.resize(days * n);
+    illiquid.resize(days * n);
     for (std::size_t t = 0; t < days; ++t) {
-        for (std::size_t i = 0; i < n; ++i) scratch[i] = std::fabs(w[t * n + i]);
+        const double* __restrict row = &w[t * n];
+        for (std::size_t i = 0; i < n; ++i) {
+            scratch[i] = std::fabs(row[i]);
+            illiquid[t * n + i] = scratch[i] * m.illiquid[t * n + i];
+        }
         gross[t] = pairwise_sum(scratch.data(), n);
+        if (t + 1 < days) {
+            const double* __restrict next = &m.returns[(t + 1) * n];
+            for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * next[i];
+            f.pnl[t] = pairwise_sum(scratch.data(), n);
+            for (std::size_t g = 0; g < sectors; ++g) {
+                double e = 0.0;
+                for (std::size_t j = m.sectors.starts[g]; j < m.sectors.starts[g + 1]; ++j) e += row[m.sectors.members[j]];
+                exposures[t * sectors + g] = e;
+            }
+        }
+        if (t >= 1) {
+            const double* __restrict before = &w[(t - 1) * n];
+            const double* __restrict inverse_adv = &m.inverse_adv[t * n];
+            for (std::size_t i = 0; i < n; ++i) {
+                scratch[i] = std::fabs(row[i] - before[i]);
+                trade_sq[t * n + i] = scratch[i] * scratch[i] * inverse_adv[i];
+            }
+            traded[t] = pairwise_sum(scratch.data(), n);
+        }
+        if (!(gross[t] > 0.0)) continue;
+        const double* __restrict beta = &m.beta[t * n];
+        std::size_t l = 0, sh = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            l += row[i] > 0.0;
+            sh += row[i] < 0.0;
+            largest[i] = std::max(largest[i], std::fabs(row[i]));
+            scratch[i] = row[i] * beta[i];
+        }
+        longs.push_back(static_cast<double>(l));
+        shorts.push_back(static_cast<double>(sh));
+        exposure.push_back(std::fabs(pairwise_sum(scratch.data(), n)));
+        for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * row[i];
+        inverse_concentration.push_back(1.0 / pairwise_sum(scratch.data(), n));
     }
+
     std::size_t first = 0;
     while (first + 1 < days && !(gross[first] > 0.0)) ++first;
-    if (days < 2 || first + 1 >= days) return f;
+    if (first + 1 >= days) {
+        std::fill(f.pnl.begin(), f.pnl.end(), 0.0);
+        return f;
+    }
     f.has_positions = true;
 
-    for (std::size_t t = 0; t + 1 < days; ++t) {
-        for (std::size_t i = 0; i < n; ++i) scratch[i] = w[t * n + i] * m.returns[(t + 1) * n + i];
-        f.pnl[t] = pairwise_sum(scratch.data(), n);
-    }
     const std::vector<double> period(f.pnl.begin() + static_cast<std::ptrdiff_t>(first), f.pnl.end());
     const std::size_t span = period.size();  // days first+1 .. T-1
-    std::vector<double> traded(span), net(span);
-    std::vector<double>& trade_sq = cells;  // then the illiquid share of each cell
-    trade_sq.resize(span * n);
-    for (std::size_t k = 0; k < span; ++k) {
-        const double* now = &w[(first + k + 1) * n];
-        const double* before = &w[(first + k) * n];
-        for (std::size_t i = 0; i < n; ++i) {
-            scratch[i] = std::fabs(now[i] - before[i]);
-            trade_sq[k * n + i] = scratch[i] * scratch[i] * m.inverse_adv[(first + k + 1) * n + i];
-        }
-        traded[k] = pairwise_sum(scratch.data(), n);
-        net[k] = period[k] - traded[k] * s.cost_bps / 1e4;
-    }
+    const std::vector<double> trades(traded.begin() + static_cast<std::ptrdiff_t>(first + 1), traded.end());
+    std::vector<double> net(span);
+    for (std::size_t k = 0; k < span; ++k) net[k] = period[k] - trades[k] * s.cost_bps / 1e4;
     const double initial = gross[first];
-    net[0] = period[0] - (traded[0] * s.cost_bps / 1e4 + initial * s.cost_bps / 1e4);
+    net[0] = period[0] - (trades[0] * s.cost_bps / 1e4 + initial * s.cost_bps / 1e4);
 
     const Column g = column(period), c = column(net);
     f.sharpe = g.sharpe;
@@ -143,30 +182,12 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
     f.fitness = g.sharpe > 0.0 && g.returns > 0.0
                     ? g.sharpe * std::min(std::max(c.returns / g.returns, 0.0), 1.0)
                     : g.sharpe;
-    const double traded_sum = sum_of(traded);
+    const double traded_sum = sum_of(trades);
     const double total_traded = initial + traded_sum;
     f.turnover = traded_sum / static_cast<double>(span);
     f.margin = total_traded > 0 ? sum_of(period) / total_traded * 1e4 : 0.0;
 
     // Over the days with a position.
-    std::vector<double> longs, shorts, exposure, inverse_concentration;
-    std::vector<double> largest(n, 0.0);  // per name: a maximum does not depend on order
-    for (std::size_t t = 0; t < days; ++t) {
-        if (!(gross[t] > 0.0)) continue;
-        const double* __restrict row = &w[t * n];
-        const double* __restrict beta = &m.beta[t * n];
-        const auto l = std::count_if(row, row + n, [](double v) { return v > 0.0; });
-        const auto sh = std::count_if(row, row + n, [](double v) { return v < 0.0; });
-        for (std::size_t i = 0; i < n; ++i) {
-            largest[i] = std::max(largest[i], std::fabs(row[i]));
-            scratch[i] = row[i] * beta[i];
-        }
-        longs.push_back(static_cast<double>(l));
-        shorts.push_back(static_cast<double>(sh));
-        exposure.push_back(std::fabs(pairwise_sum(scratch.data(), n)));
-        for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * row[i];
-        inverse_concentration.push_back(1.0 / pairwise_sum(scratch.data(), n));
-    }
     f.max_weight = *std::max_element(largest.begin(), largest.end());
     f.long_count = mean_of(longs);
     f.short_count = mean_of(shorts);
@@ -175,17 +196,13 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
     f.coverage = static_cast<double>(longs.size()) / static_cast<double>(days);
 
     // Factor PnL: exposure to the market and to each sector times the factor's return.
-    const std::size_t factors = m.sectors.count() + 1;
     for (std::size_t k = 0; k < span; ++k) {
-        const double* row = &w[(first + k) * n];
+        const double* held = exposures.data() + (first + k) * sectors;
         const double* factor_returns = &m.factor_returns[(first + k + 1) * factors];
         double market_exposure = 0.0;
-        for (std::size_t g = 0; g + 1 < factors; ++g) {
-            double exposure = 0.0;
-            for (std::size_t j = m.sectors.starts[g]; j < m.sectors.starts[g + 1]; ++j)
-                exposure += row[m.sectors.members[j]];
-            f.factor_pnl[g + 1] += exposure * factor_returns[g + 1];
-            market_exposure += exposure;
+        for (std::size_t g = 0; g < sectors; ++g) {
+            f.factor_pnl[g + 1] += held[g] * factor_returns[g + 1];
+            market_exposure += held[g];
         }
         f.factor_pnl[0] += market_exposure * factor_returns[0];
     }
@@ -204,11 +221,8 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
     f.is_pnl_mi = -0.5 * std::log(1.0 - std::min(rho * rho, 1.0 - 1e-12));
 
     const double dollars = traded_sum * s.book_size;
-    f.participation = dollars > 0 ? sum_of(trade_sq) * (s.book_size * s.book_size) / dollars : 0.0;
-    std::vector<double>& illiquid = cells;
-    illiquid.resize(w.size());
-    for (std::size_t k = 0; k < w.size(); ++k) illiquid[k] = std::fabs(w[k]) * m.illiquid[k];
-    f.illiquid_share = sum_of(illiquid) / static_cast<double>(longs.size());
+    f.participation = dollars > 0 ? pairwise_sum(trade_sq.data() + (first + 1) * n, span * n) * (s.book_size * s.book_size) / dollars : 0.0;
+    f.illiquid_share = pairwise_sum(illiquid.data(), days * n) / static_cast<double>(longs.size());
     return f;
 }
 
