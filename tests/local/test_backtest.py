@@ -1,4 +1,5 @@
 import math
+import threading
 
 import numpy as np
 import pytest
@@ -136,6 +137,43 @@ class TestSignalPool:
         for _ in range(5):
             pool.admit(rng.normal(size=10), lambda c: True)
         assert len(pool) == 2
+
+    @pytest.mark.parametrize("before, during", [(0, 3), (2, 1), (3, 2), (4, 3), (5, 9)])
+    def test_series_stored_while_the_product_ran_are_measured_again(self, before, during):
+        # The product with the stored series runs outside the lock; what was
+        # stored meanwhile (appended, or overwriting a row that was read) must
+        # count as if it had all happened under the lock.
+        pool = SignalPool(length=30, capacity=4)
+        rng = np.random.default_rng(before * 10 + during)
+        for _ in range(before):
+            pool.admit(rng.normal(size=30), lambda c: True)
+        probe = SignalPool._unit(rng.normal(size=30))
+        count, stored = pool._count, pool._stored
+        corrs = np.abs(pool._rows[:count] @ probe)
+        for k in range(during):
+            pool.admit(probe * (k + 1) + rng.normal(size=30) * 0.1 * k, lambda c: True)
+        assert pool._max_corr_since(probe, corrs, stored) == pytest.approx(pool._max_corr(probe), abs=1e-12)
+
+    def test_threads_never_store_two_near_identical_series(self):
+        pool = SignalPool(length=200, capacity=64)
+        rng = np.random.default_rng(3)
+        base = [rng.normal(size=200) for _ in range(8)]
+        jobs = [b + rng.normal(size=200) * 1e-3 for b in base for _ in range(6)]
+        rng.shuffle(jobs)
+        stored = []
+
+        def work(part):
+            for pnl in part:
+                corr, kept = pool.admit(pnl, lambda c: c <= 0.9)
+                if kept:
+                    stored.append(pnl)
+
+        threads = [threading.Thread(target=work, args=(jobs[i::4],)) for i in range(4)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        assert len(stored) == len(base)  # one of each family, whatever the interleaving
 
 
 class TestEvaluatorVerdict:
