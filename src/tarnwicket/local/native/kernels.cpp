@@ -197,8 +197,8 @@ Panel over_windows(In x, Shape sh, std::size_t w, Bad bad, PerDay per_day) {
 bool not_finite(double v) { return !finite(v); }
 bool is_nan(double v) { return std::isnan(v); }
 
-// The two counting loops below carry most of the ranking work; they are
-// built for the machine's wider vector units too.
+// The two counting loops below carry most of the ranking work. Called from a
+// kernel's clone they are inlined into it; their own clones serve any other caller.
 
 // For each instrument: how many of the w rows of the window are below `last`,
 // and how many others equal it.
