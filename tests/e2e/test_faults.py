@@ -12,6 +12,8 @@ import pytest
 
 from fakes.searches import SLOW, ServiceProcess, finish, reconcile, search, token_of
 
+pytestmark = pytest.mark.faults
+
 NETWORK = "drop=0.05,5xx=0.05,401=0.05,403=0.05,slow=0.1,slow_seconds=1.5,ban_seconds=1,seed=5"
 
 

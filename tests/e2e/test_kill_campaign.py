@@ -28,6 +28,7 @@ def test_a_thousand_kills(tmp_path):
     campaign(tmp_path, 1000, processes=3, jobs=2, lease=3.0, faults=FAULTS, final_seconds=30.0)
 
 
+@pytest.mark.faults
 @pytest.mark.parametrize("kills", [pytest.param(3 if ASAN else 9, id="ci"),
                                    pytest.param(300, id="long", marks=pytest.mark.soak)])
 def test_three_machines_on_one_postgres_store_send_each_signal_once(tmp_path, postgres_server, kills):

@@ -25,6 +25,7 @@ def store_reader(data_dir):
     return open_store(str(data_dir), db_filename=DB_FILENAME).read_only()
 
 
+@pytest.mark.faults
 def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
     faults = "drop=0.06,5xx=0.06,401=0.12,403=0.12,ban_seconds=1,seed=11"
     first = finish(search(data_dir, 12, "--service-faults", faults, jobs=2))
@@ -42,6 +43,7 @@ def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
     assert len(r.unplaced) <= 2  # a pass recorded as each run stopped may have missed its row
 
 
+@pytest.mark.faults
 def test_a_search_killed_and_restarted_sends_nothing_the_service_holds(data_dir, service):
     url, db = service.url, service.db
     from tarnwicket.local_signal_service import read_store
@@ -66,6 +68,7 @@ def test_a_search_killed_and_restarted_sends_nothing_the_service_holds(data_dir,
     assert left == 0
 
 
+@pytest.mark.faults
 def test_two_processes_on_one_store_never_both_send_a_row(data_dir, service):
     url, db = service.url, service.db
     children = [search(data_dir, 12, "--server-url", url, lease=5.0) for _ in range(2)]
