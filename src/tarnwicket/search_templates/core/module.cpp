@@ -87,21 +87,35 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
     if (!layout || layout->fields.size() > kMaxFields) return call_kw(cls, {}, fields);
     // Gather every value in field order first: nothing here runs Python code
     // but the default factories (list() or dict()), so the layout stays put.
+    // Names and values are held as strong references in two plain arrays: a
+    // record has a handful of fields, and the call is on the evaluation path.
     object init = borrow(layout->init);
-    object names[kMaxFields], values[kMaxFields];
+    PyObject* names[kMaxFields];
+    PyObject* values[kMaxFields];
     std::size_t n = 0, matched = 0;
+    struct Release {
+        PyObject** names;
+        PyObject** values;
+        std::size_t& n;
+        ~Release() {
+            for (std::size_t i = 0; i < n; ++i) {
+                Py_DECREF(names[i]);
+                Py_DECREF(values[i]);
+            }
+        }
+    } release{names, values, n};
     for (const auto& f : layout->fields) {
-        names[n] = borrow(f.name);
-        object value;
+        PyObject* value = nullptr;
         for (auto& kv : fields) {
             if (kv.first.ptr() == f.name) {
-                value = borrow(kv.second.ptr());
+                value = kv.second.inc_ref().ptr();
                 ++matched;
                 break;
             }
         }
-        if (!value) value = f.factory ? call(handle(f.dflt)) : borrow(f.dflt);
-        values[n++] = std::move(value);
+        if (!value) value = f.factory ? call(handle(f.dflt)).release().ptr() : handle(f.dflt).inc_ref().ptr();
+        names[n] = handle(f.name).inc_ref().ptr();
+        values[n++] = value;
     }
     // A name that is not a field: let the class's own __init__ say so.
     if (matched != fields.size()) return call_kw(cls, {}, fields);
@@ -111,12 +125,12 @@ object new_record(handle cls, std::initializer_list<std::pair<handle, handle>> f
     object obj = steal(type->tp_new(type, no_args.ptr(), nullptr));
     if (type->tp_setattro == PyObject_GenericSetAttr) {
         // That __init__ only assigns each field in order: do the same here.
-        for (std::size_t i = 0; i < n; ++i) check_int(PyObject_GenericSetAttr(obj.ptr(), names[i].ptr(), values[i].ptr()));
+        for (std::size_t i = 0; i < n; ++i) check_int(PyObject_GenericSetAttr(obj.ptr(), names[i], values[i]));
         return obj;
     }
     PyObject* argv[kMaxFields + 1];
     argv[0] = obj.ptr();
-    for (std::size_t i = 0; i < n; ++i) argv[i + 1] = values[i].ptr();
+    for (std::size_t i = 0; i < n; ++i) argv[i + 1] = values[i];
     object result = steal(PyObject_Vectorcall(init.ptr(), argv, n + 1, nullptr));
     if (!is_none(result)) {
         PyErr_Format(PyExc_TypeError, "__init__() should return None, not '%.200s'", Py_TYPE(result.ptr())->tp_name);
