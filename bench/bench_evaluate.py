@@ -9,7 +9,9 @@ Reports per call:
 * the host calls it must make, timed on their own with the same arguments
   (evaluate_expression, run_backtest, the tracker's stats record, record and
   enqueue under the tracker's write lock, queue put, event set);
-* the module's own time, the difference.
+* the module's own time, the difference;
+* the same steps written as plain Python (`plain_evaluate.py`), whole and own,
+  for scale.
 
 Run:  python bench/bench_evaluate.py [--calls N] [--repeat R]
 """
@@ -23,6 +25,7 @@ import types
 
 import tarnwicket.search_templates as st
 from bench_hot_memory import THRESHOLDS, Backtester, EraConfig
+from plain_evaluate import PlainContext
 
 GRAPH = {"type": "rotation", "node": "rank",
          "children": [{"type": "rotation", "node": "ts_mean",
@@ -78,8 +81,11 @@ def main():
     q, wakeup = queue.SimpleQueue(), threading.Event()
     ctx = st.SearchContext(VOCAB, "universe_top50", {"seed": 7}, 4, tracker, None, bt, THRESHOLDS,
                            EraConfig(), submission_queue=q, submission_wakeup=wakeup)
-    if ctx.evaluate(GRAPH) is None or not tracker.enqueued:
-        raise SystemExit("the graph did not pass: the benchmark measures the passing path")
+    plain = PlainContext(ctx)
+    for evaluate in (ctx.evaluate, plain.evaluate):
+        tracker.enqueued.clear()
+        if evaluate(GRAPH) is None or not tracker.enqueued:
+            raise SystemExit("the graph did not pass: the benchmark measures the passing path")
 
     def drain():
         tracker.records.clear()
@@ -87,12 +93,13 @@ def main():
         while not q.empty():
             q.get_nowait()
 
-    def run_evaluate(n):
-        evaluate = ctx.evaluate
-        for done in range(0, n, CHUNK):
-            for _ in range(min(CHUNK, n - done)):
-                evaluate(GRAPH)
-            drain()
+    def calls_of(evaluate):
+        def run(n):
+            for done in range(0, n, CHUNK):
+                for _ in range(min(CHUNK, n - done)):
+                    evaluate(GRAPH)
+                drain()
+        return run
 
     payload = {"eval_id": "eval-1", "graph": GRAPH}
     new_stats, lock = st._BacktestStats, ctx._tracker_write_lock
@@ -115,13 +122,16 @@ def main():
 
     gc.disable()
     try:
-        total = per_call(run_evaluate, args.calls, args.repeat)
+        total = per_call(calls_of(ctx.evaluate), args.calls, args.repeat)
         host = per_call(run_host, args.calls, args.repeat)
+        python = per_call(calls_of(plain.evaluate), args.calls, args.repeat)
     finally:
         gc.enable()
     print(f"evaluate, whole call:   {total * 1e6:7.2f} us")
     print(f"host calls it makes:    {host * 1e6:7.2f} us")
     print(f"module's own time:      {(total - host) * 1e6:7.2f} us")
+    print(f"plain Python, whole:    {python * 1e6:7.2f} us")
+    print(f"plain Python, own time: {(python - host) * 1e6:7.2f} us")
 
 
 if __name__ == "__main__":
