@@ -1,4 +1,3 @@
-import random
 import threading
 
 import numpy as np
@@ -8,7 +7,6 @@ from tarnwicket.local import kernels as k
 from tarnwicket.local.backtest import BacktestSettings
 from tarnwicket.local.evaluator import LocalEvaluator
 from tarnwicket.local.operators import OPERATORS
-from tarnwicket.local.sampling import random_graphs
 
 
 def F(name):
@@ -148,38 +146,6 @@ class TestGraphErrors:
         assert (np.isfinite(kept).sum(axis=1)[30:] <= 10).all()
         mean = evaluator.evaluate_expression(R("cs_mean", F("returns"), kind="reduction"))
         assert np.allclose(mean[5:], mean[5:, :1], equal_nan=True)
-
-
-def test_concurrent_backtests_match_serial_results(synthetic_panel):
-    graphs = random_graphs(60, seed=4)
-    lenient = {"sharpe_min": 100.0}           # nothing passes: no pool, no order effects
-    serial = LocalEvaluator.from_panel(synthetic_panel, thresholds=lenient)
-    expected = [serial.run_backtest(g) for g in graphs]
-    shared = LocalEvaluator.from_panel(synthetic_panel, thresholds=lenient,
-                                       signal_cache_size=8, backtest_cache_size=8)
-    results, errors = {}, []
-
-    def work(worker):
-        order = list(range(len(graphs)))
-        random.Random(worker).shuffle(order)
-        try:
-            for i in order:
-                shared.evaluate_expression(graphs[i])
-                results.setdefault(i, []).append(shared.run_backtest(graphs[i]))
-        except Exception as exc:           # pragma: no cover - reported below
-            errors.append(exc)
-
-    threads = [threading.Thread(target=work, args=(w,)) for w in range(4)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    assert not errors
-    for i, want in enumerate(expected):
-        for got in results[i]:
-            assert got.sharpe == pytest.approx(want.sharpe)
-            assert got.turnover == pytest.approx(want.turnover)
-            assert got.long_count == want.long_count
 
 
 def test_concurrent_passes_enter_the_pool_once(synthetic_panel):

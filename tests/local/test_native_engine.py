@@ -143,24 +143,30 @@ def test_a_subexpression_used_twice_is_computed_once(synthetic_panel):
 def test_threads_sharing_one_evaluator_get_the_serial_results(synthetic_panel):
     rng = random.Random(5)
     graphs = [_random_graph(rng, rng.randint(2, 5)) for _ in range(40)]
-    serial = LocalEvaluator.from_panel(synthetic_panel, signal_cache_size=1, backtest_cache_size=1)
-    want, kept = [], []
+    lenient = {"sharpe_min": 100.0}           # nothing passes: no pool, no order effects
+    serial = LocalEvaluator.from_panel(synthetic_panel, thresholds=lenient,
+                                       signal_cache_size=1, backtest_cache_size=1)
+    want, kept, stats = [], [], []
     for g in graphs:
         want.append(serial.evaluate_expression(g))
         kept.append(want[-1].copy())
-    shared = LocalEvaluator.from_panel(synthetic_panel, signal_cache_size=8, backtest_cache_size=8)
-    got: dict[int, np.ndarray] = {}
+        stats.append(serial.run_backtest(g))
+    shared = LocalEvaluator.from_panel(synthetic_panel, thresholds=lenient,
+                                       signal_cache_size=8, backtest_cache_size=8)
+    got: dict[int, list] = {}
     errors = []
 
-    def work(offset):
+    def work(worker):
+        order = list(range(len(graphs)))
+        random.Random(worker).shuffle(order)
         try:
-            for i in range(offset, len(graphs), 3):
-                got[i] = shared.evaluate_expression(graphs[i])
-                shared.run_backtest(graphs[i])
+            for i in order:
+                got.setdefault(i, []).append((shared.evaluate_expression(graphs[i]),
+                                              shared.run_backtest(graphs[i])))
         except Exception as exc:  # reported below
             errors.append(exc)
 
-    threads = [threading.Thread(target=work, args=(k,)) for k in range(3)]
+    threads = [threading.Thread(target=work, args=(k,)) for k in range(4)]
     for t in threads:
         t.start()
     for t in threads:
@@ -169,7 +175,10 @@ def test_threads_sharing_one_evaluator_get_the_serial_results(synthetic_panel):
     for i, w in enumerate(want):
         # Results still held keep their values while freed buffers are reused.
         np.testing.assert_array_equal(w, kept[i])
-        np.testing.assert_array_equal(got[i], w)
+        for values, result in got[i]:
+            np.testing.assert_array_equal(values, w)
+            assert (result.sharpe, result.turnover, result.long_count) == pytest.approx(
+                (stats[i].sharpe, stats[i].turnover, stats[i].long_count))
 
 
 def test_bad_programs_and_arrays_are_refused(synthetic_panel):
