@@ -13,10 +13,7 @@ import time
 from hypothesis import strategies as hs
 
 import tarnwicket.search_templates as st
-
-
-class Boom(Exception):
-    pass
+from fakes.hostile_data import Boom, IntSub, cyclic_list, deep_list
 
 
 class Liar:
@@ -77,10 +74,6 @@ class StrSub(str):
         return "sub\udcff"
 
 
-class IntSub(int):
-    pass
-
-
 class ListSub(list):
     def append(self, item):
         raise Boom("append")
@@ -88,21 +81,6 @@ class ListSub(list):
 
 class DictSub(dict):
     pass
-
-
-def deep_list(depth=100_000):
-    top = cur = []
-    for _ in range(depth):
-        nxt = []
-        cur.append(nxt)
-        cur = nxt
-    return top
-
-
-def cyclic_list():
-    lst = []
-    lst.append(lst)
-    return lst
 
 
 def numbers():
@@ -131,7 +109,7 @@ def hostile():
         hs.lists(hs.integers(), max_size=3), hs.lists(hs.integers(), max_size=3).map(ListSub),
         hs.dictionaries(hs.text(max_size=3), hs.integers(), max_size=3).map(DictSub),
         hs.just(()), hs.just(frozenset()), hs.builds(object),
-        hs.just(None).map(lambda _: cyclic_list()), hs.just(DEEP),
+        hs.builds(cyclic_list), hs.just(DEEP),
     )
 
 

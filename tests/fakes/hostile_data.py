@@ -166,6 +166,16 @@ class StrSub(str):
     pass
 
 
+class Sized:
+    """Only a length, which may be anything up to the largest C size."""
+
+    def __init__(self, n):
+        self.n = n
+
+    def __len__(self):
+        return self.n
+
+
 def leaves():
     return hs.one_of(
         hs.none(), hs.booleans(), hs.integers(-10, 10), hs.sampled_from(HUGE), hs.floats(allow_nan=True),

@@ -14,6 +14,8 @@ import pytest
 from hypothesis import given, strategies as hs
 
 import tarnwicket.search_templates as st
+from fakes import hostile_data as hd
+from fakes.hostile_data import Sized
 from generator.gen_helpers import ref_choice
 
 SURROGATE = "\ud800"
@@ -185,21 +187,11 @@ def plain_scalars():
     )
 
 
-def _deep_list(n=100_000):
-    v = []
-    for _ in range(n):
-        v = [v]
-    return v
+DEEP = hd.deep_list()
 
 
-DEEP = _deep_list()
-
-
-def deep_list():
-    return DEEP
-
-
-def cyclic_dict():
+def cyclic_entry():
+    """A schema entry that holds itself."""
     d = {"name": "cyc", "type": "data"}
     d["self"] = d
     return d
@@ -236,7 +228,7 @@ def values(draw, arena, depth=0):
             return hostile(arena, dict, None, draw(hs.sets(hs.sampled_from(TRIGGERS))), len(d), d)
         return arena.keep(d)
     if kind == 7:
-        return draw(hs.sampled_from([deep_list, cyclic_dict]))()
+        return draw(hs.sampled_from([lambda: DEEP, cyclic_entry]))()
     return draw(hs.sampled_from([float("nan"), 2**63, -1, 0, 1, 2, 1e9, "\ud800"]))
 
 
@@ -361,14 +353,6 @@ def ref_worst_case(rotations, depth, node_limit):
         if count > node_limit:
             return node_limit + 1
     return count
-
-
-class Sized:
-    def __init__(self, n):
-        self.n = n
-
-    def __len__(self):
-        return self.n
 
 
 @given(shapes=hs.lists(hs.tuples(hs.one_of(hs.integers(0, 4), hs.sampled_from([sys.maxsize, sys.maxsize // 2])),

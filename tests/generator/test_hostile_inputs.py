@@ -7,17 +7,10 @@ import types
 import pytest
 
 import tarnwicket.search_templates as st
+from fakes.hostile_data import Sized
 from generator.gen_helpers import context, feature, rotation
 
 MAX = sys.maxsize
-
-
-class Sized:
-    def __init__(self, n):
-        self.n = n
-
-    def __len__(self):
-        return self.n
 
 
 class ShrinkingFloat(float):
