@@ -9,33 +9,11 @@ from __future__ import annotations
 
 import sys
 import tempfile
-import threading
 import time
 
 import tarnwicket.search_templates as st
+from meter import Meter
 from tarnwicket.local.runtime import prepare_local_runtime
-
-
-class Meter:
-    """Thread-safe time accumulator around chosen methods of an object."""
-
-    def __init__(self, target, names):
-        self.spent = 0.0
-        self.lock = threading.Lock()
-        for name in names:
-            setattr(target, name, self._wrap(getattr(target, name)))
-
-    def _wrap(self, fn):
-        def timed(*a, **kw):
-            t0 = time.perf_counter()
-            try:
-                return fn(*a, **kw)
-            finally:
-                dt = time.perf_counter() - t0
-                with self.lock:
-                    self.spent += dt
-
-        return timed
 
 
 def run(n_jobs, seconds, data_dir):

@@ -3,45 +3,22 @@
 1. SearchContext.evaluate() throughput with a trivial evaluator and the real
    SQLite tracker, and the share of that time spent in the module itself
    (everything that is not the evaluator or the tracker).
-2. search() start-up and stop() times with 2 workers.
+2. search() start-up and stop() times with 2 workers on the local runtime.
 
 Run: python bench/bench_search.py
 """
 
 from __future__ import annotations
 
-import os
 import tempfile
 import threading
 import time
 import types
 
-import tarnwicket.agent_onboarding as onboarding
 import tarnwicket.search_templates as st
+from meter import Meter
+from tarnwicket.local.runtime import prepare_local_runtime
 from tarnwicket.search_tracking import BacktestStats, SearchTracker
-
-
-class Timed:
-    """Wraps an object and accumulates the time spent inside chosen methods."""
-
-    def __init__(self, inner, names):
-        self._inner = inner
-        self.spent = 0.0
-        for name in names:
-            setattr(self, name, self._wrap(getattr(inner, name)))
-
-    def _wrap(self, fn):
-        def timed(*a, **kw):
-            t0 = time.perf_counter()
-            try:
-                return fn(*a, **kw)
-            finally:
-                self.spent += time.perf_counter() - t0
-
-        return timed
-
-    def __getattr__(self, name):
-        return getattr(self._inner, name)
 
 
 class TrivialEvaluator:
@@ -74,11 +51,11 @@ def era():
 def bench_evaluate(n=20000):
     d = tempfile.mkdtemp()
     tracker = SearchTracker(d)
-    timed_tracker = Timed(tracker, ["record_signal_evaluation", "enqueue_submission"])
-    timed_tracker._conn = tracker._conn
-    bt = Timed(TrivialEvaluator(), ["evaluate_expression", "run_backtest"])
-    ctx = st.SearchContext({"functions": [], "features": []}, "universe_top50", {"a": "b"}, 4, timed_tracker,
-                           None, bt, era_config=era(), submission_owner="bench")
+    timed_tracker = Meter(tracker, ["record_signal_evaluation", "enqueue_submission"])
+    evaluator = TrivialEvaluator()
+    bt = Meter(evaluator, ["evaluate_expression", "run_backtest"])
+    ctx = st.SearchContext({"functions": [], "features": []}, "universe_top50", {"a": "b"}, 4, tracker,
+                           None, evaluator, era_config=era(), submission_owner="bench")
     graph = {"type": "rotation", "node": "rank", "children": [{"type": "feature", "node": "close"}]}
     for _ in range(200):
         ctx.evaluate(graph)
@@ -96,19 +73,10 @@ def bench_evaluate(n=20000):
 
 
 def bench_start_stop(rounds=5):
-    d = tempfile.mkdtemp()
-    with open(os.path.join(d, "shuffle_seed.enc"), "wb") as fh:
-        fh.write(b"\0" * 60)
-    onboarding._config["data_dir"] = d
-    tracker = SearchTracker(d)
-    st._library_runtime = types.SimpleNamespace(
-        auth_proxy=types.SimpleNamespace(get_token=lambda: "t", wallet_secret=b"\0" * 32), sync_manager=None,
-        valid_universe_id="universe_top50", vocabulary_raw={"functions": [], "features": []},
-        search_tracker=tracker, search_era_config=era(), evaluator=TrivialEvaluator())
-
-    def template(ctx):
-        while True:
-            yield {"type": "feature", "node": "close"}
+    # The local runtime, as the main job runs it: submissions reach the
+    # loopback signal service, so stop() waits for a live submission thread.
+    runtime = prepare_local_runtime(tempfile.mkdtemp(), seed=0)
+    template = st.random_weighted
 
     starts, stops = [], []
     for _ in range(rounds):
@@ -122,7 +90,7 @@ def bench_start_stop(rounds=5):
     assert not [t for t in threading.enumerate() if t.name.startswith("worker_")]
     print(f"search() start with 2 workers: median {sorted(starts)[rounds // 2] * 1e3:.1f} ms; "
           f"stop(): median {sorted(stops)[rounds // 2] * 1e3:.1f} ms")
-    tracker.close()
+    runtime.close()
 
 
 if __name__ == "__main__":
