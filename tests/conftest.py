@@ -3,9 +3,27 @@ import shutil
 import sys
 
 import pytest
+from hypothesis import HealthCheck, settings
 
 # Tests run against the installed package; shared fakes live in tests/fakes.
 sys.path.insert(0, os.path.dirname(__file__))
+
+# Property-based tests take their number of examples from the profile named by
+# TW_FUZZ_PROFILE: "ci" (the default, bounded so that the sanitizer run stays
+# short) or "campaign" (the long run of tests/test_property_campaign.py).
+_PROFILE = dict(deadline=None, derandomize=False, print_blob=True,
+                suppress_health_check=[HealthCheck.too_slow, HealthCheck.data_too_large, HealthCheck.filter_too_much])
+settings.register_profile("ci", max_examples=int(os.environ.get("TW_FUZZ_EXAMPLES", "150")), **_PROFILE)
+settings.register_profile("campaign", max_examples=int(os.environ.get("TW_FUZZ_EXAMPLES", "20000")), **_PROFILE)
+settings.load_profile(os.environ.get("TW_FUZZ_PROFILE", "ci"))
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_collection_modifyitems(items):
+    """Marks every property-based test `properties`, wherever it lives, for the campaign to select."""
+    for item in items:
+        if getattr(getattr(item, "obj", None), "is_hypothesis_test", False):
+            item.add_marker(pytest.mark.properties)
 
 
 @pytest.fixture

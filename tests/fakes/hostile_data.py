@@ -16,7 +16,8 @@ from hypothesis import strategies as hs
 
 HUGE = [sys.maxsize, sys.maxsize + 1, -sys.maxsize - 2, 2 ** 1024, -(2 ** 4000)]
 SPECIAL_FLOATS = [math.nan, math.inf, -math.inf, -0.0, 1e308, 5e-324]
-TEXTS = ["", "x", "type", "node", "children", "name", "is_mi", "is_pnl_mi_values", "\udc80", "a\x00b", "signal"]
+TEXTS = ["", "x", "type", "node", "children", "name", "is_mi", "is_mi_values", "is_pnl_mi_values", "\udc80", "a\x00b",
+         "signal"]
 
 
 class Boom(Exception):
@@ -154,6 +155,13 @@ class ShrinkingDict(dict):
         return super().keys()
 
 
+class BadLen(list):
+    """A list whose length fails."""
+
+    def __len__(self):
+        raise Boom("len")
+
+
 class IntSub(int):
     pass
 
@@ -207,7 +215,8 @@ def plain_nested(max_leaves=25):
     leaf = hs.one_of(hs.none(), hs.booleans(), hs.integers(-10, 10), hs.sampled_from(HUGE),
                      hs.floats(allow_nan=True), hs.sampled_from(TEXTS), hs.builds(IntSub, hs.integers(-3, 3)),
                      hs.builds(FloatSub, hs.sampled_from(SPECIAL_FLOATS)))
-    key = hs.one_of(hs.sampled_from(TEXTS), hs.integers(-3, 3), hs.builds(StrSub, hs.sampled_from(TEXTS)))
+    key = hs.one_of(hs.sampled_from(TEXTS), hs.integers(-3, 3), hs.builds(StrSub, hs.sampled_from(TEXTS)),
+                    hs.just(math.nan))
     return hs.recursive(
         leaf,
         lambda kids: hs.one_of(hs.lists(kids, max_size=5), hs.lists(kids, max_size=5).map(tuple),

@@ -1,6 +1,12 @@
+"""Vocabulary normalisation and the entry contract, on ordinary entries and against hostile input."""
+
 import pytest
+from hypothesis import given
+from hypothesis import strategies as hs
 
 import tarnwicket.search_templates as st
+
+from fakes import hostile_data as hd
 
 
 def rotation(name="r", **extra):
@@ -23,10 +29,6 @@ class TestFlatten:
         r = rotation()
         out = st._flatten_vocabulary_entries({"fam": {"sub": [r, "text", [rotation("deep")]]}, "other": 3})
         assert out == [r] and out[0] is not r
-
-    @pytest.mark.parametrize("node", [None, 3, "x", (rotation(),)])
-    def test_non_containers_give_nothing(self, node):
-        assert st._flatten_vocabulary_entries(node) == []
 
 
 class TestNormalize:
@@ -106,3 +108,87 @@ def test_schema_error_is_a_value_error_with_custom_message():
     err = st.VocabSchemaError("rotation", missing={"a"}, message="custom")
     assert isinstance(err, ValueError) and str(err) == "custom" and err.missing == frozenset({"a"})
     assert err.unexpected == frozenset() and err.entry is None
+
+
+# ---------------------------------------------------------------- hostile input
+
+FIELDS = sorted(set(st._ROTATION_REQUIRED_FIELDS) | set(st._FEATURE_REQUIRED_FIELDS) | {"stats"})
+STATS_KEYS = sorted(st._FEATURE_STATS_REQUIRED_KEYS)
+
+
+def ref_flatten(node):
+    if isinstance(node, list):
+        return [dict(x) for x in node if isinstance(x, dict)]
+    if isinstance(node, dict):
+        return [e for v in node.values() for e in ref_flatten(v)]
+    return []
+
+
+def entries():
+    """Entries that are mostly well formed, with hostile values and keys mixed in."""
+    value = hs.one_of(hd.leaves(), hs.sampled_from(["rotation", "filtration", "reduction", "feature"]),
+                      hs.fixed_dictionaries({}, optional={k: hd.leaves() for k in STATS_KEYS}))
+    key = hs.one_of(hs.sampled_from(FIELDS), hd.leaves().filter(lambda k: not isinstance(k, (list, dict))))
+    return hs.one_of(hs.dictionaries(key, value, max_size=10), hd.leaves())
+
+
+def vocabularies():
+    tree = hs.recursive(hs.lists(entries(), max_size=4),
+                        lambda kids: hs.dictionaries(hs.sampled_from(["a", "b", "c"]), kids, max_size=3),
+                        max_leaves=8)
+    kinds = ["rotations", "filtrations", "reductions", "features", "functions"]
+    return hs.one_of(hs.dictionaries(hs.sampled_from(kinds), hs.one_of(tree, hd.nested(8)), max_size=5), hd.nested(8))
+
+
+@given(hd.plain_nested())
+def test_flatten_matches_the_python_walk_on_ordinary_data(node):
+    assert st._flatten_vocabulary_entries(node) == ref_flatten(node)
+
+
+@given(hs.data(), vocabularies())
+def test_normalisation_raises_only_ordinary_errors(data, vocab):
+    hd.arm(data, vocab)
+    outcome, result = hd.ordinary_outcome(st._normalize_template_vocabulary, vocab)
+    if outcome == "ok":
+        assert isinstance(result, dict)
+    hd.ordinary_outcome(st._flatten_vocabulary_entries, vocab)
+
+
+@given(hs.data(), entries(), hs.one_of(hs.sampled_from(["rotation", "filtration", "reduction"]), hd.leaves()))
+def test_entry_validation_raises_only_ordinary_errors(data, entry, kind):
+    hd.arm(data, entry)
+    for outcome, exc in [hd.ordinary_outcome(st._validate_function_entry, entry, kind),
+                         hd.ordinary_outcome(st._validate_feature_entry, entry)]:
+        if outcome == "raised" and isinstance(exc, st.VocabSchemaError):
+            assert isinstance(exc.missing, frozenset) and isinstance(exc.unexpected, frozenset)
+
+
+@given(hs.data(), hd.leaves(), hd.nested(6), hd.nested(6), hs.one_of(hs.none(), hd.leaves()))
+def test_schema_error_builds_from_any_arguments(data, kind, missing, unexpected, message):
+    hd.arm(data, [missing, unexpected])
+    hd.ordinary_outcome(st.VocabSchemaError, kind, missing, unexpected, None, message)
+
+
+@pytest.mark.parametrize("make", [hd.deep_dict, hd.cyclic_dict])
+def test_deep_and_cyclic_trees_end_in_recursion_error(make):
+    with pytest.raises(RecursionError):
+        st._flatten_vocabulary_entries(make())
+    with pytest.raises(RecursionError):
+        st._normalize_template_vocabulary({"rotations": make()})
+
+
+def test_texts_keep_surrogates_and_any_key():
+    err = st.VocabSchemaError("\udc80", missing={"b\udc80", "a"})
+    assert str(err) == "vocabulary \udc80 entry violates canonical contract; missing fields: a, b\udc80"
+    with pytest.raises(ValueError) as info:
+        st._validate_function_entry({}, "\udc80")
+    assert str(info.value) == "unknown function source_kind '\\udc80'"
+
+
+def test_stats_key_names_are_formatted_as_in_an_fstring(monkeypatch):
+    monkeypatch.setattr(st, "_FEATURE_STATS_REQUIRED_KEYS", frozenset({"\udc80", 5}))
+    entry = {"name": "c", "function_type": "feature", "feature_family": "p", "feature_subfamily": "r",
+             "rotation_families": [], "feature_hash": "h", "stats": {}}
+    with pytest.raises(st.VocabSchemaError) as info:
+        st._validate_feature_entry(entry)
+    assert info.value.missing == {"stats.\udc80", "stats.5"}
