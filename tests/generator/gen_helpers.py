@@ -4,6 +4,8 @@ import math
 import random
 import types
 
+import tarnwicket.search_templates as st
+
 
 def rotation(name, schema, **extra):
     entry = {"name": name, "function_type": "rotation", "param_schema": schema}
@@ -34,3 +36,12 @@ def ref_choice(items, cum):
         return random.choice(items)
     i = bisect.bisect_left(cum, random.random() * total)
     return items[i] if i < len(items) else items[-1]
+
+
+def ref_cum(names, yield_map):
+    """The cumulative weights, written plainly."""
+    out, total = [], 0.0
+    for name in names:
+        total += max(0.0, 1.0 + st._random_weighted_safe_yield_rate(yield_map.get(name, 0.0)))
+        out.append(total)
+    return out if total > 0.0 and math.isfinite(total) else [float(i + 1) for i in range(len(names))]

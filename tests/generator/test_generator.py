@@ -7,20 +7,12 @@ import types
 import pytest
 
 import tarnwicket.search_templates as st
-from generator.gen_helpers import context, feature, ref_choice, rotation, snapshot
+from generator.gen_helpers import context, feature, ref_choice, ref_cum, rotation, snapshot
 
 INT5 = {"name": "w", "type": "int", "default": 5}
 
 
 # ---------------------------------------------------------------- a plain reference of the same algorithm
-
-def ref_cum(names, yield_map):
-    out, total = [], 0.0
-    for name in names:
-        total += max(0.0, 1.0 + st._random_weighted_safe_yield_rate(yield_map.get(name, 0.0)))
-        out.append(total)
-    return out if total > 0.0 and math.isfinite(total) else [float(i + 1) for i in range(len(names))]
-
 
 def ref_build(fn, fs, fw, tn, tw, depth):
     if depth <= 1:
