@@ -13,7 +13,7 @@ import time
 from hypothesis import strategies as hs
 
 import tarnwicket.search_templates as st
-from fakes.hostile_data import Boom, IntSub, cyclic_list, deep_list
+from fakes.hostile_data import Boom, IntSub, cyclic_list, deep_list, ordinary_outcome
 
 
 class Liar:
@@ -194,3 +194,28 @@ def join_new_threads(before, timeout=5.0):
     for t in new:
         t.join(timeout)
     return [t for t in new if t.is_alive()]
+
+
+def settle(call, made=None):
+    """Runs `call` and returns its result, or None where it raised an ordinary exception
+    (SystemError fails the test). Afterwards it stops every active handle and each of
+    `made` (a list, emptied), checks that no thread it started is left running, and
+    clears the module's active search."""
+    before = set(threading.enumerate())
+    try:
+        outcome, result = ordinary_outcome(call)
+    finally:
+        handles = list(st._active_handles) + (made or [])
+        for h in handles:
+            try:
+                h.stop(join_timeout=1.0)
+            except Exception:  # noqa: BLE001 - a hostile handle may refuse to stop
+                pass
+            st._active_handles.discard(h)
+        if made:
+            made.clear()
+        assert not join_new_threads(before), "threads left running"
+        with st._search_active_lock:
+            st._search_active = False
+            st._active_search_handle = None
+    return result if outcome == "ok" else None

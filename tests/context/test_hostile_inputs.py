@@ -2,7 +2,6 @@
 graphs, vocabularies, thresholds and backtest results."""
 
 import gc
-import sys
 import types
 
 import pytest
@@ -10,7 +9,6 @@ from hypothesis import given
 from hypothesis import strategies as hs
 
 import tarnwicket.search_templates as st
-from tarnwicket.search_tracking import BacktestStats
 
 from fakes import context_fakes as cf
 from fakes import hostile_data as hd
@@ -19,17 +17,8 @@ UNKNOWN = {"type": "rotation", "node": "nope"}
 METRIC_DICTS = ["weight_quality_metrics", "liquidity_metrics", "custom_stats"]
 
 
-@pytest.fixture(scope="module", autouse=True)
-def analytics():
-    mp = pytest.MonkeyPatch()
-    mp.setitem(sys.modules, "tarnwicket.search_analytics", cf.analytics_module())
-    if not hasattr(st, "_BacktestStats"):
-        mp.setattr(st, "_BacktestStats", BacktestStats, raising=False)
-    yield
-    mp.undo()
-
-
-def make_ctx(**kw):
+def build_ctx(**kw):
+    """A context with working defaults (the folder's `make_ctx` fixture cannot serve a property test)."""
     args = dict(vocab=cf.VOCAB, universe="u", metaparams={"seed": 7}, depth=4, tracker=cf.MemoryTracker(),
                 sync_mgr=None, bt=cf.FakeBacktester(), era_config=cf.EraConfig())
     args.update(kw)
@@ -59,7 +48,7 @@ def test_evaluate_of_hostile_graphs_returns_or_raises_ordinarily(data, graph, fu
     vocab = {"functions": funcs}
     hd.arm(data, [graph, funcs], extra=[vocab])
     tracker = cf.MemoryTracker()
-    ctx = make_ctx(vocab=vocab, tracker=tracker)
+    ctx = build_ctx(vocab=vocab, tracker=tracker)
     outcome, result = hd.ordinary_outcome(ctx.evaluate, graph)
     if outcome == "ok":
         assert result is None or result.passed is True
@@ -96,7 +85,7 @@ def test_evaluate_of_hostile_backtest_results_returns_or_raises_ordinarily(data,
                                                            "sync_mgr": hd.leaves(), "tracker_write_lock": hd.leaves()}))
     hd.arm(data, [list(overrides.values()), list(bad_thresholds.values()), stats, rules, list(events.values())],
            extra=[vars(stats), thresholds])
-    outcome, ctx = hd.ordinary_outcome(make_ctx, tracker=tracker, bt=cf.FakeBacktester(stats=stats),
+    outcome, ctx = hd.ordinary_outcome(build_ctx, tracker=tracker, bt=cf.FakeBacktester(stats=stats),
                                        era_config=cf.EraConfig(thresholds=thresholds, rules=rules), **events)
     if outcome == "raised":
         return
@@ -116,7 +105,7 @@ def test_construction_and_threshold_lookups_survive_hostile_arguments(data, meta
     hd.arm(data, [metaparams, thresholds, era, stats, reason, name])
     tracker = cf.MemoryTracker(stats=stats)
     for kw in ({"metaparams": metaparams}, {"thresholds": thresholds}, {"era_config": era}):
-        outcome, ctx = hd.ordinary_outcome(make_ctx, tracker=tracker, **kw)
+        outcome, ctx = hd.ordinary_outcome(build_ctx, tracker=tracker, **kw)
         if outcome == "ok":
             hd.ordinary_outcome(ctx.refresh_analytics)
             hd.ordinary_outcome(ctx._safe_record, {"type": "feature"}, False, rejection_reason=reason)
@@ -130,7 +119,7 @@ def test_construction_and_threshold_lookups_survive_hostile_arguments(data, meta
 def test_ordinary_passing_results_still_pass_with_their_metrics(metrics):
     metrics.update(turnover=0.3, delta_exposure=0.01, max_weight=0.05, long_count=3, short_count=4)
     tracker = cf.MemoryTracker()
-    ctx = make_ctx(tracker=tracker, bt=cf.FakeBacktester(stats=cf.make_stats(**metrics)))
+    ctx = build_ctx(tracker=tracker, bt=cf.FakeBacktester(stats=cf.make_stats(**metrics)))
     result = ctx.evaluate({"type": "feature", "node": "close"})
     assert result.stats == metrics and reasons(tracker) == [None] and len(tracker.enqueued) == 1
 
@@ -144,7 +133,7 @@ def test_function_name_cache_survives_reentry_from_a_finaliser():
     list just freed: a cache still naming the old list and set would hand out a
     set that is being destroyed."""
     inner_tracker = cf.MemoryTracker()
-    inner = make_ctx(tracker=inner_tracker)
+    inner = build_ctx(tracker=inner_tracker)
     reentered = []
 
     class Name:
@@ -164,12 +153,12 @@ def test_function_name_cache_survives_reentry_from_a_finaliser():
         def name(self):
             return Name()
 
-    first = make_ctx(vocab={"functions": [Entry()]})
+    first = build_ctx(vocab={"functions": [Entry()]})
     assert first.evaluate(dict(UNKNOWN)) is None
     del first  # the cache now holds the only reference to that function list
     gc.collect()
     tracker = cf.MemoryTracker()
-    second = make_ctx(vocab={"functions": [{"name": "g"}]}, tracker=tracker)
+    second = build_ctx(vocab={"functions": [{"name": "g"}]}, tracker=tracker)
     assert second.evaluate(dict(UNKNOWN)) is None
     assert reentered == [None] and reasons(inner_tracker) == ["unknown_function"]
     assert reasons(tracker) == ["unknown_function"]
@@ -179,7 +168,7 @@ def test_function_name_cache_survives_reentry_from_a_finaliser():
 
 def test_reason_texts_keep_surrogates():
     tracker = cf.MemoryTracker()
-    ctx = make_ctx(tracker=tracker, bt=cf.FakeBacktester(backtest_error=RuntimeError("bad \udc80")))
+    ctx = build_ctx(tracker=tracker, bt=cf.FakeBacktester(backtest_error=RuntimeError("bad \udc80")))
     assert ctx.evaluate({"type": "feature"}) is None
     assert reasons(tracker) == ["backtest_failed: bad \udc80"]
     failed = {"\udc80": {"passed": False, "value": 1}}
@@ -194,7 +183,7 @@ def test_reason_texts_keep_surrogates():
 
 def test_database_error_text_keeps_surrogates():
     seen = []
-    ctx = make_ctx(tracker=cf.MemoryTracker(record_error=OSError("disk \udc80")),
+    ctx = build_ctx(tracker=cf.MemoryTracker(record_error=OSError("disk \udc80")),
                    fatal_callback=lambda *a: seen.append(a))
     assert ctx._safe_record({"type": "feature"}, False) is None
     assert seen[0][2] == "Database write failed after retry: disk \udc80"

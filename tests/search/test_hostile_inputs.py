@@ -7,7 +7,6 @@ and leaves no thread running and no active search behind.
 import shutil
 import sys
 import tempfile
-import threading
 import types
 
 import pytest
@@ -15,7 +14,7 @@ from hypothesis import given, strategies as hs
 
 import tarnwicket.agent_onboarding as onboarding
 import tarnwicket.search_templates as st
-from fakes.handle_fields import IntSub, Liar, hostile, join_new_threads, numbers, texts
+from fakes.handle_fields import IntSub, Liar, hostile, numbers, settle, texts
 from fakes.runtime import FakeAuth, FakeBacktester, MemoryTracker, era_config
 
 NS = types.SimpleNamespace
@@ -33,30 +32,6 @@ class Recorded(st._SearchHandleImpl):
     def __init__(self, *args, **kwargs):
         Recorded.made.append(self)
         super().__init__(*args, **kwargs)
-
-
-def settle(call):
-    """Runs `call`; stops any handle it made and clears the module's active search."""
-    before = set(threading.enumerate())
-    try:
-        result = call()
-    except SystemError:
-        raise
-    except Exception:
-        result = None
-    finally:
-        for h in list(st._active_handles) + Recorded.made:
-            try:
-                h.stop(join_timeout=1.0)
-            except Exception:
-                pass
-            st._active_handles.discard(h)
-        Recorded.made.clear()
-        assert not join_new_threads(before), "threads left running"
-        with st._search_active_lock:
-            st._search_active = False
-            st._active_search_handle = None
-    return result
 
 
 class Obf:
@@ -95,7 +70,7 @@ def test_search(template, n_jobs, cores, universe, vocab):
         mp.setattr(st, "_check_disk", lambda: None)
         mp.setattr("os.cpu_count", lambda: cores)
         mp.setitem(onboarding._config, "data_dir", SEED_DIR)
-        h = settle(lambda: st.search(template, n_jobs=n_jobs))
+        h = settle(lambda: st.search(template, n_jobs=n_jobs), made=Recorded.made)
     if h is not None and isinstance(n_jobs, int) and 1 <= n_jobs and cores is None:
         assert h._n_jobs == n_jobs and h._stopped is True
     assert not st._search_active
