@@ -201,14 +201,19 @@ PyObject* step(PyObject* self) {
     if (s.phase == GenState::done) return nullptr;
     s.running = true;
     PyObject* result = nullptr;
-    bool stepped = detail::returns_to_host([&] {
+    try {
         if (s.phase == GenState::fresh) {
             s.phase = GenState::looping;
             if (!s.setup()) s.phase = GenState::done;
         }
         if (s.phase == GenState::looping) result = s.pass().release().ptr();
-    });
-    if (!stepped) s.phase = GenState::done;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        s.phase = GenState::done;
+    } catch (...) {
+        s.phase = GenState::done;
+        detail::translate_current_cpp_exception();
+    }
     s.running = false;
     return result;
 }

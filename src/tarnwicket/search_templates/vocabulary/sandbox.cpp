@@ -148,7 +148,13 @@ void install_hooks() {
 // ---------------------------------------------------------------- hooked entry points
 
 void set_violation(handle operation) {
-    detail::returns_to_host([&] { raise_violation_impl(operation); });
+    try {
+        raise_violation_impl(operation);
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+    }
 }
 
 // The one shape of the three replacements: refuse on a sandboxed thread,
@@ -223,14 +229,20 @@ void guard_dealloc(PyObject* self) {
 }
 
 PyObject* guard_enter(PyObject* self, PyObject*) {
-    bool entered = detail::returns_to_host([&] {
+    try {
         install_hooks();
         object ident = borrow(current_thread_ident());
         object lock = sandbox_lock();
         with_lock(lock, [&] { thread_set_add(ident.ptr()); });
         Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident.release().ptr());
-    });
-    return entered ? Py_NewRef(Py_None) : nullptr;
+        Py_RETURN_NONE;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+        return nullptr;
+    }
 }
 
 PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
@@ -238,14 +250,20 @@ PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
         PyErr_Format(PyExc_TypeError, "__exit__ expected 3 arguments, got %zd", nargs);
         return nullptr;
     }
-    bool left = detail::returns_to_host([&] {
+    try {
         object ident = borrow(reinterpret_cast<GuardObject*>(self)->ident);
         if (ident) {
             object lock = sandbox_lock();
             with_lock(lock, [&] { thread_set_discard(ident.ptr()); });
         }
-    });
-    return left ? Py_NewRef(Py_False) : nullptr;
+        Py_RETURN_FALSE;
+    } catch (py::error_already_set& e) {
+        e.restore();
+        return nullptr;
+    } catch (...) {
+        detail::translate_current_cpp_exception();
+        return nullptr;
+    }
 }
 
 void init_guard_type() {
