@@ -127,11 +127,6 @@ def test_a_worker_that_outlives_its_join_is_unwound_quietly(tmp_path):
     assert not search_active(data_dir)
 
 
-# Under the sanitizers this run trips the runtime's own false positive: the
-# host's forced unwind of the thread leaves a popped frame's redzones
-# poisoned, and the runtime's sigaltstack call at the next rethrow lands in
-# them. The plain run checks the same exit.
-@pytest.mark.skipif(bool(os.environ.get("TW_SANITIZED")), reason="sanitizer runtime false positive at forced unwind")
 def test_a_submission_thread_still_busy_at_exit_ends_quietly(tmp_path):
     # A receipt that can never be recorded keeps the submission thread going
     # after stop(); the process ends while it is retrying.

@@ -60,6 +60,7 @@ inline const HostLockMethods& host_lock_methods() {
 // Raw forms for hot paths: a new reference to the result, or null with the
 // error set.
 inline PyObject* host_lock_acquire_raw(PyObject* lock) {
+    ExitUnwindPad pad;
     const auto& hm = detail::host_lock_methods();
     if (hm.type && Py_IS_TYPE(lock, hm.type)) return hm.acquire(lock, hm.empty_args, nullptr);
     PyObject* argv[1] = {lock};

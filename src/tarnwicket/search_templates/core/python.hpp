@@ -13,7 +13,11 @@
 #include <Python.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cxxabi.h>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#endif
 
 namespace tw {
 
@@ -38,6 +42,26 @@ inline void drop_xref(PyObject* op) {
 // rethrows, skipping its clean-up when !may_touch_objects(), or goes through
 // detail::translate_current_cpp_exception, the one handler that lets it through.
 using forced_unwind = abi::__forced_unwind;
+
+// That unwinding starts in the host's own code, which the address sanitizer
+// does not instrument: an instrumented frame it pops without running any
+// clean-up keeps its stack redzones, and the runtime's own stack check in the
+// next clean-up above lands in them and reports an overflow that is not
+// there. A frame that calls where the host may end the thread, and keeps an
+// array on its stack, holds an ExitUnwindPad: its clean-up clears the shadow
+// of the dead stack below the frame. Outside that build it is nothing.
+#if defined(__SANITIZE_ADDRESS__)
+struct ExitUnwindPad {
+    [[gnu::noinline]] ~ExitUnwindPad() {
+        if (may_touch_objects()) return;
+        constexpr std::uintptr_t window = 256 * 1024;
+        auto frame = reinterpret_cast<std::uintptr_t>(__builtin_dwarf_cfa());  // the holder's stack pointer
+        __asan_unpoison_memory_region(reinterpret_cast<void*>(frame - window), window);
+    }
+};
+#else
+struct ExitUnwindPad {};
+#endif
 
 }  // namespace tw
 
