@@ -66,6 +66,23 @@ PyMethodDef* make_def(const char* text_sig, PyCFunction fn, const char* doc, Sig
 object new_function(PyMethodDef* def, const char* module);
 object new_method(handle cls, PyMethodDef* def);
 
+// Runs `body` where C returns to the host: a C++ or Python error it throws
+// becomes the pending Python error and false is returned. The host's unwinding
+// of a thread at exit passes through. Every hand-written C entry point uses it:
+//
+//     PyObject* result = nullptr;
+//     if (!returns_to_host([&] { result = work().release().ptr(); })) return nullptr;
+template <class F>
+bool returns_to_host(F&& body) {
+    try {
+        body();
+        return true;
+    } catch (...) {
+        translate_current_cpp_exception();
+        return false;
+    }
+}
+
 template <auto F>
 struct Typed;
 
@@ -89,17 +106,13 @@ struct Typed<F> {
     }
 
     static PyObject* tramp(PyObject* self, PyObject* const* args, Py_ssize_t nargsf, PyObject* kwnames) {
-        try {
+        PyObject* result = nullptr;
+        returns_to_host([&] {
             Signature::Bound b;
             sig->bind(self, args, PyVectorcall_NARGS(nargsf), kwnames, b);
-            return invoke(b, std::index_sequence_for<Ps...>{});
-        } catch (py::error_already_set& e) {
-            e.restore();
-            return nullptr;
-        } catch (...) {
-            translate_current_cpp_exception();
-            return nullptr;
-        }
+            result = invoke(b, std::index_sequence_for<Ps...>{});
+        });
+        return result;
     }
 
     static PyMethodDef* def(const char* text_sig, const char* doc) {

@@ -201,19 +201,14 @@ PyObject* step(PyObject* self) {
     if (s.phase == GenState::done) return nullptr;
     s.running = true;
     PyObject* result = nullptr;
-    try {
+    bool stepped = detail::returns_to_host([&] {
         if (s.phase == GenState::fresh) {
             s.phase = GenState::looping;
             if (!s.setup()) s.phase = GenState::done;
         }
         if (s.phase == GenState::looping) result = s.pass().release().ptr();
-    } catch (py::error_already_set& e) {
-        e.restore();
-        s.phase = GenState::done;
-    } catch (...) {
-        s.phase = GenState::done;
-        detail::translate_current_cpp_exception();
-    }
+    });
+    if (!stepped) s.phase = GenState::done;
     s.running = false;
     return result;
 }

@@ -148,13 +148,7 @@ void install_hooks() {
 // ---------------------------------------------------------------- hooked entry points
 
 void set_violation(handle operation) {
-    try {
-        raise_violation_impl(operation);
-    } catch (py::error_already_set& e) {
-        e.restore();
-    } catch (...) {
-        detail::translate_current_cpp_exception();
-    }
+    detail::returns_to_host([&] { raise_violation_impl(operation); });
 }
 
 // The one shape of the three replacements: refuse on a sandboxed thread,
@@ -229,20 +223,14 @@ void guard_dealloc(PyObject* self) {
 }
 
 PyObject* guard_enter(PyObject* self, PyObject*) {
-    try {
+    bool entered = detail::returns_to_host([&] {
         install_hooks();
         object ident = borrow(current_thread_ident());
         object lock = sandbox_lock();
         with_lock(lock, [&] { thread_set_add(ident.ptr()); });
         Py_XSETREF(reinterpret_cast<GuardObject*>(self)->ident, ident.release().ptr());
-        Py_RETURN_NONE;
-    } catch (py::error_already_set& e) {
-        e.restore();
-        return nullptr;
-    } catch (...) {
-        detail::translate_current_cpp_exception();
-        return nullptr;
-    }
+    });
+    return entered ? Py_NewRef(Py_None) : nullptr;
 }
 
 PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
@@ -250,20 +238,14 @@ PyObject* guard_exit(PyObject* self, PyObject* const*, Py_ssize_t nargs) {
         PyErr_Format(PyExc_TypeError, "__exit__ expected 3 arguments, got %zd", nargs);
         return nullptr;
     }
-    try {
+    bool left = detail::returns_to_host([&] {
         object ident = borrow(reinterpret_cast<GuardObject*>(self)->ident);
         if (ident) {
             object lock = sandbox_lock();
             with_lock(lock, [&] { thread_set_discard(ident.ptr()); });
         }
-        Py_RETURN_FALSE;
-    } catch (py::error_already_set& e) {
-        e.restore();
-        return nullptr;
-    } catch (...) {
-        detail::translate_current_cpp_exception();
-        return nullptr;
-    }
+    });
+    return left ? Py_NewRef(Py_False) : nullptr;
 }
 
 void init_guard_type() {
