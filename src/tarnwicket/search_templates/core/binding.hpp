@@ -68,7 +68,9 @@ object new_method(handle cls, PyMethodDef* def);
 
 // Runs `body` where C returns to the host: a C++ or Python error it throws
 // becomes the pending Python error and false is returned. The host's unwinding
-// of a thread at exit passes through. Every hand-written C entry point uses it:
+// of a thread at exit passes through: translate_current_cpp_exception rethrows
+// it. A hand-written C entry point whose body may throw uses it (the sandbox's
+// forwarding hooks throw nothing and return the C API's own failures):
 //
 //     PyObject* result = nullptr;
 //     if (!returns_to_host([&] { result = work().release().ptr(); })) return nullptr;
