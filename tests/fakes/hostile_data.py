@@ -2,9 +2,11 @@
 metric contract, the vocabulary and the submission helpers.
 
 A `Trap` answers every hook the module may call (hash, comparisons, float(),
-index(), len(), iter(), str(), format(), bool(), attribute reads) and, while
-armed, first runs an action on the data around it: it clears, shrinks or grows
-the containers it was given, or raises. `arm` wires the traps of a generated
+index(), len(), iter(), str(), format(), bool(), arithmetic, attribute reads)
+and, while armed, first runs an action on the data around it: it clears,
+shrinks or grows the containers it was given, or raises. Unarmed, a large
+mode makes it lie about its size; armed with mode 3 and nothing around it,
+every hook raises. `arm` wires the traps of a generated
 structure to the containers of that same structure, so that a callback pulls
 items out from under a walker of it.
 """
@@ -17,7 +19,8 @@ from hypothesis import strategies as hs
 HUGE = [sys.maxsize, sys.maxsize + 1, -sys.maxsize - 2, 2 ** 1024, -(2 ** 4000)]
 SPECIAL_FLOATS = [math.nan, math.inf, -math.inf, -0.0, 1e308, 5e-324]
 TEXTS = ["", "x", "type", "node", "children", "name", "is_mi", "is_mi_values", "is_pnl_mi_values", "\udc80", "a\x00b",
-         "signal"]
+         "signal", "data_params", "config_children", "param_schema", "function_type", "yield_rate",
+         "evaluation_count", "default", "choices", "min", "max", "int", "float", "data", "rotation", "feature"]
 
 
 class Boom(Exception):
@@ -27,8 +30,8 @@ class Boom(Exception):
 class Trap:
     """A value whose hooks may mutate its surroundings, lie, or raise."""
 
-    def __init__(self, mode=0, value=1.0):
-        self.mode, self.value, self.victims, self.armed = mode, value, [], False
+    def __init__(self, mode=0, value=1.0, armed=False):
+        self.mode, self.value, self.victims, self.armed = mode, value, [], armed
 
     def fire(self):
         if not self.armed:
@@ -103,6 +106,12 @@ class Trap:
     def __format__(self, spec):
         self.fire()
         return str(self)
+
+    def __add__(self, other):
+        self.fire()
+        return self
+
+    __radd__ = __sub__ = __rsub__ = __mul__ = __rmul__ = __truediv__ = __add__
 
     def __getattr__(self, name):
         if name.startswith("__"):

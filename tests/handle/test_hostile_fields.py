@@ -14,7 +14,7 @@ from hypothesis import given, strategies as hs
 
 import tarnwicket.callbacks as callbacks
 import tarnwicket.search_templates as st
-from fakes.handle_fields import (CountdownEvent, FakeThread, IntSub, Liar, bare_handle, hostile, join_new_threads,
+from fakes.handle_fields import (CountdownEvent, FakeThread, IntSub, raiser, bare_handle, hostile, join_new_threads,
                                  numbers, settle, texts)
 from fakes.runtime import wait_until
 
@@ -213,7 +213,7 @@ def test_set_fatal_error(fields, code, advice, message):
 def bounded_counts():
     """Counts a spawning call may get: small, beyond any C integer, or not integers at all."""
     return hs.one_of(hs.integers(-3, 3), hs.sampled_from([2**64, -(2**70), 10**100, 1.5, float("nan"), None, "2"]),
-                     hs.builds(IntSub, hs.integers(-2, 3)), hs.just("raise").map(Liar))
+                     hs.builds(IntSub, hs.integers(-2, 3)), raiser())
 
 
 @given(fields=fields_from(["_stopped", "_worker_threads", "_worker_start_event", "_worker_start_count"]),

@@ -1,7 +1,6 @@
 """The submission thread end to end on a real SQLite store, the success path's
 crash-safe ordering, and the dequeues of a tracker without a store."""
 import os
-import queue
 import types
 
 import pytest

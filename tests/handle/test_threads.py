@@ -1,7 +1,6 @@
 import logging
 import threading
 
-import pytest
 
 import tarnwicket.search_templates as st
 from fakes.runtime import FakeSyncManager, wait_until

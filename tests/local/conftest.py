@@ -3,7 +3,7 @@
 import numpy as np
 import pytest
 
-from tarnwicket.local.market_data import Panel
+from tarnwicket.local.market_data import Panel, generate_panel
 
 
 def make_panel(returns: np.ndarray, sector=None, volume: float = 1e6) -> Panel:
@@ -26,11 +26,6 @@ def random_returns(t_len=300, n=12, seed=1, vol=0.01) -> np.ndarray:
     r = rng.normal(0.0, vol, (t_len, n))
     r[0] = 0.0
     return r
-
-
-import pytest
-
-from tarnwicket.local.market_data import generate_panel
 
 
 @pytest.fixture(name="make_panel")

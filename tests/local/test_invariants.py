@@ -1,7 +1,6 @@
 """The invariant checker: a sound directory passes, and each kind of breakage is named."""
 import json
 import os
-import sqlite3
 
 import pytest
 

@@ -14,7 +14,7 @@ from hypothesis import given, strategies as hs
 
 import tarnwicket.agent_onboarding as onboarding
 import tarnwicket.search_templates as st
-from fakes.handle_fields import IntSub, Liar, hostile, numbers, settle, texts
+from fakes.handle_fields import IntSub, raiser, hostile, numbers, settle, texts
 from fakes.runtime import FakeAuth, FakeBacktester, MemoryTracker, era_config
 
 NS = types.SimpleNamespace
@@ -46,7 +46,7 @@ def small_job_counts():
     """n_jobs values that cannot make a search start unbounded numbers of threads."""
     return hs.one_of(hs.integers(-2, 3), hs.sampled_from([2**64, -(2**64), 10**100, float("nan"), float("inf"),
                                                            -float("inf"), 1.5, "2", None, b"1"]),
-                     hs.builds(IntSub, hs.integers(-1, 3)), hs.just("raise").map(Liar))
+                     hs.builds(IntSub, hs.integers(-1, 3)), raiser())
 
 
 class Cores(int):
