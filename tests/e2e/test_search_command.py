@@ -23,7 +23,9 @@ def test_a_short_local_search_sends_each_pass_to_the_local_service_once(tmp_path
     done = run_command("--seconds", SECONDS, "--jobs", "2", "--seed", "7", "--data-dir", str(data_dir))
     assert done.returncode == 0, done.stderr
     assert "Traceback" not in done.stderr
-    assert "evaluated" in done.stdout and str(data_dir) in done.stdout
+    assert f"Local data and settings: {data_dir}" in done.stdout
+    best = [line for line in done.stdout.splitlines() if line.startswith("  fitness ")]
+    assert 1 <= len(best) <= 5 and all("sharpe" in line and "turnover" in line for line in best)
     db = sqlite3.connect(str(data_dir / "search_tracking.db"))
     evaluated = db.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
     passed = db.execute("SELECT COUNT(*) FROM signal_evaluations WHERE passed=1").fetchone()[0]

@@ -129,54 +129,6 @@ def test_the_runtime_starts_its_own_service_unless_given_one(tmp_path, monkeypat
         prepare_local_runtime(str(tmp_path / "d"))
 
 
-class _Status:
-    def __init__(self, n):
-        self.total_evaluated, self.total_found, self.submission_queued, self.errors = n, n // 10, 0, []
-        self.submission_discarded = 0
-
-
-class _FakeHandle:
-    def __init__(self, evaluator, graph):
-        self.calls, self.stopped = 0, False
-        self.evaluator, self.graph = evaluator, graph
-
-    def status(self):
-        self.calls += 1
-        self.evaluator.run_backtest(self.graph)
-        return _Status(100 * self.calls)
-
-    def stop(self, join_timeout=2.0):
-        self.stopped = True
-
-
-def test_search_command_runs_stops_and_summarises(tmp_path, monkeypatch, capsys):
-    import tarnwicket.search_templates as st
-    import tarnwicket.search_tracking as tracking
-
-    class Tracker:
-        def __init__(self, data_dir, store=None):
-            self._data_dir = data_dir
-
-    monkeypatch.setattr(tracking, "SearchTracker", Tracker, raising=False)
-    graph = {"type": "rotation", "node": "ts_mean",
-             "children": [{"type": "feature", "node": "returns"}, {"type": "int", "node": 120}]}
-    handles = []
-
-    def fake_search(template, n_jobs=1):
-        runtime = st._library_runtime
-        runtime.evaluator.thresholds.update(sharpe_min=-100.0, fitness_min=-100.0)
-        handles.append(_FakeHandle(runtime.evaluator, graph))
-        return handles[0]
-
-    monkeypatch.setattr(st, "search", fake_search, raising=False)
-    monkeypatch.setattr(st, "random_weighted", object(), raising=False)
-    assert cli.main(["search", "--data-dir", str(tmp_path), "--seconds", "0.3", "--jobs", "1"]) == 0
-    out = capsys.readouterr().out
-    assert handles[0].stopped and handles[0].calls >= 1
-    assert "ts_mean(returns, 120)" in out
-    assert f"Local data and settings: {tmp_path}" in out
-
-
 def test_an_unknown_store_is_refused_before_anything_is_written(tmp_path, capsys):
     assert cli.main(["search", "--data-dir", str(tmp_path / "d"), "--store", "mysql://db"]) == cli.EXIT_USAGE
     assert "unsupported store 'mysql://db'" in capsys.readouterr().err
