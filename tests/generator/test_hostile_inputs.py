@@ -5,6 +5,7 @@ never SystemError, never a crash; where the inputs are plain, the answer is
 checked as well. The hand-written cases each once crashed, overflowed or raised
 the wrong error.
 """
+import copy
 import fractions
 import random
 import sys
@@ -291,7 +292,9 @@ ANY = hd.nested(6)
 def _vocab(data):
     functions = []
     for i in range(data.draw(hs.integers(0, 4))):
-        entry = {"name": "f%d" % i, "function_type": "rotation", "param_schema": data.draw(hs.sampled_from(SCHEMAS))}
+        # a copy: the traps may empty it
+        entry = {"name": "f%d" % i, "function_type": "rotation",
+                 "param_schema": copy.deepcopy(data.draw(hs.sampled_from(SCHEMAS)))}
         if data.draw(hs.integers(0, 3)) == 0:
             entry[data.draw(hs.sampled_from(["name", "param_schema", "arity", "stateful", "engine_only",
                                              "function_type"]))] = data.draw(ANY)
@@ -315,7 +318,7 @@ def _rows(data):
         elif kind == 1:
             window = types.SimpleNamespace(yield_rate=data.draw(ANY), evaluation_count=data.draw(ANY))
             rows.append(types.SimpleNamespace(
-                group_key=data.draw(hs.one_of(hs.just([["f0"], ["t0"]]), ANY)), windows=[window],
+                group_key=data.draw(hs.one_of(hs.builds(lambda: [["f0"], ["t0"]]), ANY)), windows=[window],
                 evaluation_count=data.draw(ANY)))
         else:
             rows.append(data.draw(ANY))

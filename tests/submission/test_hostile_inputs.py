@@ -1,5 +1,6 @@
 """The payload and signal-service binding helpers against hostile arguments."""
 
+import copy
 import time
 import types
 from collections import UserDict
@@ -35,7 +36,9 @@ def payloads():
     value = hs.one_of(hd.leaves(), hd.nested(6))
     mixed = hs.dictionaries(hs.one_of(hs.sampled_from(PAYLOAD_KEYS), hd.leaves().filter(lambda k: not isinstance(k, (list, dict)))),
                             value, max_size=8)
-    overridden = hs.dictionaries(hs.sampled_from(PAYLOAD_KEYS), value, max_size=4).map(lambda d: {**GOOD, **d})
+    # GOOD's own containers are copied: the traps may empty them
+    overridden = hs.dictionaries(hs.sampled_from(PAYLOAD_KEYS), value, max_size=4).map(
+        lambda d: {**copy.deepcopy(GOOD), **d})
     return hs.one_of(mixed, overridden, overridden.map(hd.ShrinkingDict), hd.leaves())
 
 
