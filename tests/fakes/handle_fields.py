@@ -47,6 +47,7 @@ def texts():
 
 DEEP = deep_list()
 
+
 def raiser():
     """A value every hook of which raises."""
     return hs.builds(Trap, hs.just(3), armed=hs.just(True))

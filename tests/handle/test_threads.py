@@ -1,7 +1,6 @@
 import logging
 import threading
 
-
 import tarnwicket.search_templates as st
 from fakes.runtime import FakeSyncManager, wait_until
 
