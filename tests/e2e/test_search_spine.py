@@ -9,7 +9,7 @@ import pytest
 import tarnwicket.agent_onboarding as onboarding
 import tarnwicket.search_templates as st
 from tarnwicket.search_tracking import BacktestStats, SearchTracker
-from fakes.runtime import FakeAuth, era_config, wait_until
+from fakes.runtime import EraConfig, FakeAuth, wait_until
 
 VOCAB = {
     "rotations": {"cs": [{"name": "rank", "function_type": "rotation", "function_family": "cs",
@@ -49,7 +49,7 @@ def live_runtime(tmp_path, monkeypatch):
     (tmp_path / "shuffle_seed.enc").write_bytes(b"s" * 60)
     tracker = SearchTracker(str(tmp_path))
     rt = types.SimpleNamespace(auth_proxy=FakeAuth(), sync_manager=None, valid_universe_id="universe_top50",
-                               vocabulary_raw=VOCAB, search_tracker=tracker, search_era_config=era_config(),
+                               vocabulary_raw=VOCAB, search_tracker=tracker, search_era_config=EraConfig(),
                                evaluator=CountingEvaluator())
     monkeypatch.setattr(st, "_library_runtime", rt, raising=False)
     monkeypatch.setitem(onboarding._config, "data_dir", str(tmp_path))

@@ -105,14 +105,17 @@ class FakeClock:
 
 
 class EraConfig:
-    """Era configuration in its object form."""
+    """Era configuration in its object form; other keywords set further fields."""
 
-    def __init__(self, era_id=3, thresholds=None, budget=5.0, pools=("pool-a",), rules=()):
+    def __init__(self, era_id=3, thresholds=None, budget=5.0, pools=("pool-a",), rules=(), **fields):
         self.era_id = era_id
-        self.thresholds = dict(THRESHOLDS) if thresholds is None else thresholds
+        self.thresholds = dict(THRESHOLDS, demean="Cross_Sectional", normalise=None) if thresholds is None \
+            else thresholds
         self.max_expression_generation_seconds = budget
         self.signal_pools = [{"signal_pool_id": p} for p in pools]
         self.column_threshold_rules = list(rules)
+        self.transform_pipeline, self.max_depth = ["demean", "normalise"], 4
+        self.__dict__.update(fields)
 
 
 def era_dict(budget=5.0, **extra):

@@ -2,9 +2,8 @@
 
 import threading
 import time
-import types
 
-from fakes.context_fakes import FakeAuth, FakeBacktester, MemoryTracker  # noqa: F401  (one fake each)
+from fakes.context_fakes import EraConfig, FakeAuth, FakeBacktester, MemoryTracker  # noqa: F401  (one fake each)
 
 
 class FakeSyncManager:
@@ -58,15 +57,6 @@ class FakeObfuscation:
 
     def get_vocabulary(self):
         return self.vocab
-
-
-def era_config(**overrides):
-    thresholds = {"demean": "Cross_Sectional", "normalise": None, "turnover_max": 1.0, "delta_exposure_max": 0.5,
-                  "max_weight_max": 0.2, "correlation_max": 0.9}
-    return types.SimpleNamespace(**{**dict(
-        era_id=3, transform_pipeline=["demean", "normalise"], thresholds=thresholds, max_depth=4,
-        max_expression_generation_seconds=5.0, signal_pools=[{"signal_pool_id": "pool-a"}],
-        column_threshold_rules=[]), **overrides})
 
 
 def wait_until(predicate, timeout=5.0, interval=0.01):

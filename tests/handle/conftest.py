@@ -2,7 +2,7 @@ import pytest
 
 import tarnwicket.search_templates as st
 from tarnwicket.search_tracking import SearchTracker
-from fakes.runtime import FakeAuth, FakeBacktester, FakeObfuscation, MemoryTracker, era_config
+from fakes.runtime import EraConfig, FakeAuth, FakeBacktester, FakeObfuscation, MemoryTracker
 
 
 @pytest.fixture
@@ -19,7 +19,7 @@ def make_handle(seed_dir):
             sync_mgr=sync_mgr,
             bt=FakeBacktester(passes=False) if bt == "default" else bt,
             obf=obf or FakeObfuscation(),
-            era_cfg=era_config() if era_cfg == "default" else era_cfg,
+            era_cfg=EraConfig() if era_cfg == "default" else era_cfg,
             auth_mock=FakeAuth() if auth == "default" else auth,
             data_dir=str(seed_dir) if data_dir == "default" else data_dir,
         )

@@ -1,7 +1,7 @@
 import pytest
 
 import tarnwicket.search_templates as st
-from fakes.runtime import FakeAuth, FakeBacktester, MemoryTracker, era_config
+from fakes.runtime import EraConfig, FakeAuth, FakeBacktester, MemoryTracker
 
 
 class RecordingEraData:
@@ -30,7 +30,7 @@ def era_data(monkeypatch):
     (["winsorise"], {"winsorise": "none"}),
 ])
 def test_metaparameters_follow_the_pipeline(make_handle, pipeline, expected):
-    assert make_handle(bt=None, era_cfg=era_config(transform_pipeline=pipeline))._metaparameters == expected
+    assert make_handle(bt=None, era_cfg=EraConfig(transform_pipeline=pipeline))._metaparameters == expected
 
 
 @pytest.mark.parametrize("count, expected", [(41, 41), (True, 1), ("12", 0), (None, 0)])

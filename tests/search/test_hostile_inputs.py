@@ -15,7 +15,7 @@ from hypothesis import given, strategies as hs
 import tarnwicket.agent_onboarding as onboarding
 import tarnwicket.search_templates as st
 from fakes.handle_fields import IntSub, raiser, hostile, numbers, settle, texts
-from fakes.runtime import FakeAuth, FakeBacktester, MemoryTracker, era_config
+from fakes.runtime import EraConfig, FakeAuth, FakeBacktester, MemoryTracker
 
 NS = types.SimpleNamespace
 SEED_DIR = tempfile.mkdtemp(prefix="tw-search-")
@@ -61,7 +61,7 @@ class Cores(int):
        vocab=hs.one_of(hs.just({"functions": [], "features": []}), hostile()))
 def test_search(template, n_jobs, cores, universe, vocab):
     rt = NS(auth_proxy=FakeAuth(), sync_manager=None, valid_universe_id=universe, vocabulary_raw=vocab,
-            search_tracker=MemoryTracker(), search_era_config=era_config(), evaluator=FakeBacktester(passes=False))
+            search_tracker=MemoryTracker(), search_era_config=EraConfig(), evaluator=FakeBacktester(passes=False))
     with pytest.MonkeyPatch.context() as mp:
         mp.setattr(st, "_library_runtime", rt, raising=False)
         mp.setattr(st, "ObfuscationManager", Obf)

@@ -136,11 +136,11 @@ def test_a_submission_thread_still_busy_at_exit_ends_quietly(tmp_path):
         sys.path.insert(0, sys.argv[2])
         import tarnwicket.search_templates as st
         from fakes.context_fakes import FakeBacktester, MemoryTracker
-        from fakes.runtime import FakeAuth, FakeObfuscation, era_config
+        from fakes.runtime import EraConfig, FakeAuth, FakeObfuscation
 
         open(sys.argv[1] + "/shuffle_seed.enc", "wb").write(b"s" * 60)
         h = st._SearchHandleImpl(template=lambda ctx: None, n_jobs=1, tracker=MemoryTracker(), sync_mgr=None,
-                                 bt=FakeBacktester(passes=False), obf=FakeObfuscation(), era_cfg=era_config(),
+                                 bt=FakeBacktester(passes=False), obf=FakeObfuscation(), era_cfg=EraConfig(),
                                  auth_mock=FakeAuth(), data_dir=sys.argv[1])
         h._record_background_failure = lambda *a, **kw: None  # never degrades
         st._submission_backoff_sleep = lambda seconds: time.sleep(0.0005)  # awake all through finalisation

@@ -6,7 +6,7 @@ import pytest
 import tarnwicket.agent_onboarding as onboarding
 import tarnwicket.search_templates as st
 from tarnwicket.sync import SyncError
-from fakes.runtime import FakeAuth, FakeBacktester, FakeSyncManager, MemoryTracker, era_config, raising, wait_until
+from fakes.runtime import EraConfig, FakeAuth, FakeBacktester, FakeSyncManager, MemoryTracker, raising, wait_until
 
 
 class Obf:
@@ -30,7 +30,7 @@ def runtime(monkeypatch, seed_dir):
     rt = types.SimpleNamespace(
         auth_proxy=FakeAuth(), sync_manager=None, valid_universe_id="universe_top50",
         vocabulary_raw={"functions": [], "features": []}, search_tracker=MemoryTracker(),
-        search_era_config=era_config(), evaluator=FakeBacktester(passes=False))
+        search_era_config=EraConfig(), evaluator=FakeBacktester(passes=False))
     monkeypatch.setattr(st, "_library_runtime", rt, raising=False)
     monkeypatch.setattr(st, "ObfuscationManager", Obf)
     monkeypatch.setattr(st, "_check_memory", lambda: None)
