@@ -13,12 +13,7 @@ import time
 from hypothesis import strategies as hs
 
 import tarnwicket.search_templates as st
-from fakes.hostile_data import Boom, IntSub, Trap, cyclic_list, deep_list, ordinary_outcome
-
-
-class StrSub(str):
-    def __str__(self):
-        return "sub\udcff"
+from fakes.hostile_data import Boom, IntSub, StrSub, Trap, cyclic_list, deep_list, ordinary_outcome
 
 
 class ListSub(list):

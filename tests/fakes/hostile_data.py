@@ -180,7 +180,10 @@ class FloatSub(float):
 
 
 class StrSub(str):
-    pass
+    """A text whose str() is another text, one that cannot be encoded."""
+
+    def __str__(self):
+        return "sub\udcff"
 
 
 class Sized:
