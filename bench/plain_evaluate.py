@@ -166,11 +166,12 @@ class PlainContext:
         if entry is not None:
             return f"liquidity_{name}_below_min"
         custom = getattr(stats, "custom_stats", {})
-        cname, centry = _first_failed(custom)
+        custom_fail = _first_failed(custom)[1] is not None
         corr = getattr(stats, "correlation", None)
         corr_fail = isinstance(corr, (int, float)) and corr > self._require_search_threshold(thresholds, "correlation_max")
-        if not passed and centry is None and not corr_fail:
+        if not passed and not custom_fail and not corr_fail:
             return "gross_returns_sharpe_below_min"
+        cname, centry = _first_failed(custom)
         if centry is not None:
             return f"custom_stat_{cname}_below_min"
         if corr_fail:

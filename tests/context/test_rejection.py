@@ -96,3 +96,23 @@ def test_replaced_threshold_lookup_is_used(make_ctx, monkeypatch):
     monkeypatch.setattr(st, "_require_search_threshold", lambda t, name: asked.append(name) or 100)
     assert make_ctx()._derive_rejection_reason(cf.make_stats(turnover=50, correlation=0.9)) is None
     assert asked == ["turnover_max", "delta_exposure_max", "max_weight_max", "correlation_max"]
+
+
+class Verdict:
+    """A `passed` value that is falsy when first asked and truthy after."""
+
+    def __init__(self):
+        self.asked = 0
+
+    def __bool__(self):
+        self.asked += 1
+        return self.asked > 1
+
+
+def test_custom_statistics_are_walked_again_for_the_reason(make_ctx):
+    # the first walk sets the flag, the second finds no failed entry: the rule goes on to the next tier
+    ctx = make_ctx()
+    assert ctx._derive_rejection_reason(cf.make_stats(custom_stats={"c": {"passed": Verdict()}})) is None
+    custom = {"c": {"passed": Verdict()}, "d": bad(value=5, max=1)}
+    assert ctx._derive_rejection_reason(cf.make_stats(custom_stats=custom, correlation=0.9)) == \
+        "custom_stat_d_above_max"

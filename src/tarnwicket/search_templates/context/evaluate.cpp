@@ -297,8 +297,7 @@ object derive_rejection_reason(handle self, handle stats) {
     if (liq_entry) return limit_reason("liquidity_", liq_name, liq_entry);
 
     object custom = get_attr_or(stats, ID("custom_stats"), empty);
-    auto [custom_name, custom_entry] = first_failed(custom);
-    bool has_custom_failure = static_cast<bool>(custom_entry);
+    bool has_custom_failure = static_cast<bool>(first_failed(custom).second);
     object correlation = get_attr_or_none(stats, ID("correlation"));
     bool has_correlation_failure = false;
     if (is_number(correlation))
@@ -317,7 +316,9 @@ object derive_rejection_reason(handle self, handle stats) {
         }
         return str_of("gross_returns_sharpe_below_min");
     }
-    if (has_custom_failure) return limit_reason("custom_stat_", custom_name, custom_entry);
+    // The record is walked again, as the rule reads: an entry may answer differently the second time.
+    auto [custom_name, custom_entry] = first_failed(custom);
+    if (custom_entry) return limit_reason("custom_stat_", custom_name, custom_entry);
     if (has_correlation_failure) return str_of("correlation_exceeded");
     if (!passed) return str_of("gross_returns_sharpe_below_min");
     return none();
