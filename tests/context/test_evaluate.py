@@ -57,6 +57,21 @@ def test_shape_rejections_need_no_era_config(world, vocab, graph, reason):
     assert reasons(w.tracker) == [(False, reason)] and w.bt.calls == []
 
 
+def test_function_names_follow_the_vocabulary_as_it_is_now(world):
+    # the host changes the function list in place, without changing its length
+    w = world(vocab={"functions": [{"name": "ts_mean"}, {"name": "rank"}], "features": []})
+    graph = {"type": "rotation", "node": "zscore"}
+    assert w.ctx.evaluate(graph) is None
+    w.ctx._vocabulary["functions"][0] = {"name": "zscore"}
+    assert isinstance(w.ctx.evaluate(graph), st.BacktestResult)
+    w.ctx._vocabulary["functions"][0]["name"] = "ts_mean"
+    assert w.ctx.evaluate(graph) is None
+    assert reasons(w.tracker) == [(False, "unknown_function"), (True, None), (False, "unknown_function")]
+    w.ctx._vocabulary["functions"] = 5
+    with pytest.raises(TypeError, match="not iterable"):
+        w.ctx.evaluate(graph)
+
+
 def test_evaluate_expression_failure_logged_with_traceback(world, caplog):
     w = world(bt=cf.FakeBacktester(eval_error=RuntimeError("cannot compile")))
     assert w.ctx.evaluate(GRAPH) is None

@@ -18,20 +18,11 @@ bool greater(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.p
 bool less(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LT)) == 1; }
 bool is_number(handle o) { return is_int(o) || is_float(o); }
 
-// Names of the vocabulary's functions; one cached set for the shared list.
-struct NameCache {
-    PyObject* list = nullptr;  // strong reference
-    Py_ssize_t size = -1;
-    PyObject* names = nullptr;  // frozenset
-};
-NameCache g_names;
-
+// Names of the vocabulary's functions, read afresh at each call: the host may
+// change an entry of the list in place. A name that cannot be hashed is left out.
 object function_names(handle functions) {
-    Py_ssize_t n = PyObject_Length(functions.ptr());
-    if (n < 0) throw_py();
-    if (g_names.list == functions.ptr() && g_names.size == n) return borrow(g_names.names);
-    object names = steal(PySet_New(nullptr));
-    object it = steal(PyObject_GetIter(functions.ptr()));
+    object names = steal(check(PySet_New(nullptr)));
+    object it = steal(check(PyObject_GetIter(functions.ptr())));
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object entry = steal(raw);
         object name = is_dict(entry) ? dict_get(entry, ID("name")) : get_attr_or_none(entry, ID("name"));
@@ -42,17 +33,6 @@ object function_names(handle functions) {
         check_int(PySet_Add(names.ptr(), name.ptr()));
     }
     if (PyErr_Occurred()) throw_py();
-    if (is_list(functions)) {
-        // Install the new entry before letting go of the old one: dropping the
-        // old list can run finalisers that evaluate again and read the cache.
-        PyObject* old_list = g_names.list;
-        PyObject* old_names = g_names.names;
-        g_names.list = functions.inc_ref().ptr();
-        g_names.size = n;
-        g_names.names = names.inc_ref().ptr();
-        Py_XDECREF(old_names);
-        Py_XDECREF(old_list);
-    }
     return names;
 }
 
