@@ -80,8 +80,10 @@ def test_views_and_read_only_properties(make_ctx):
     for name in ("vocabulary", "universe_id", "metaparameters", "max_depth"):
         with pytest.raises(AttributeError, match=f"^{name} is read-only$"):
             setattr(ctx, name, 1)
-    with pytest.raises(AttributeError):
+    with pytest.raises(AttributeError, match="^property 'analytics' of 'SearchContext' object has no setter$"):
         ctx.analytics = None
+    with pytest.raises(AttributeError, match="^property 'vocabulary' of 'SearchContext' object has no deleter$"):
+        del ctx.vocabulary
 
 
 # ---------------------------------------------------------------- analytics
