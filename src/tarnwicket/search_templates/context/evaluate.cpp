@@ -21,8 +21,8 @@ bool is_number(handle o) { return is_int(o) || is_float(o); }
 // Names of the vocabulary's functions, read afresh at each call: the host may
 // change an entry of the list in place. A name that cannot be hashed is left out.
 object function_names(handle functions) {
-    object names = steal(check(PySet_New(nullptr)));
-    object it = steal(check(PyObject_GetIter(functions.ptr())));
+    object names = steal(PySet_New(nullptr));
+    object it = steal(PyObject_GetIter(functions.ptr()));
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object entry = steal(raw);
         object name = is_dict(entry) ? dict_get(entry, ID("name")) : get_attr_or_none(entry, ID("name"));

@@ -214,7 +214,7 @@ void add_property(handle cls, const char* name, handle fget, handle fset, const 
     object prop_type = borrow(reinterpret_cast<PyObject*>(&PyProperty_Type));
     object d = doc ? str_of(doc) : none();
     object p = call(prop_type, {fget, fset ? fset : handle(Py_None), handle(Py_None), d});
-    object key = steal(check(PyUnicode_InternFromString(name)));
+    object key = steal(PyUnicode_InternFromString(name));
     set_attr(cls, key, p);
     // As a class body would: the property learns its name, which the host's own
     // "has no setter" and "has no deleter" errors print.
