@@ -116,3 +116,16 @@ def test_custom_statistics_are_walked_again_for_the_reason(make_ctx):
     custom = {"c": {"passed": Verdict()}, "d": bad(value=5, max=1)}
     assert ctx._derive_rejection_reason(cf.make_stats(custom_stats=custom, correlation=0.9)) == \
         "custom_stat_d_above_max"
+
+
+def test_a_verdict_that_changes_its_record_raises_as_a_loop_over_it_does(make_ctx):
+    metrics = {}
+
+    class Growing:
+        def __bool__(self):
+            metrics["late"] = bad()
+            return True
+
+    metrics["a"] = {"passed": Growing()}
+    with pytest.raises(RuntimeError, match="^dictionary changed size during iteration$"):
+        make_ctx()._derive_rejection_reason(cf.make_stats(liquidity_metrics=metrics))

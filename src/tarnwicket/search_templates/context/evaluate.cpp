@@ -226,14 +226,17 @@ object entry_get(handle entry, const char* key, handle dflt) { return dict_get(e
 // First failing entry of a metric record, or a null object.
 std::pair<object, object> first_failed(handle record) {
     if (!is_dict(record) || PyDict_GET_SIZE(record.ptr()) == 0) return {object(), object()};
-    object items = list_from(steal(PyDict_Items(record.ptr())));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
-        handle pair = PyList_GET_ITEM(items.ptr(), i);
+    // An entry's verdict can run code that changes the record: the host's own
+    // iterator then raises, as a loop over the items would.
+    object it = dict_items_iter(record);
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object pair = steal(raw);
         handle name = PyTuple_GET_ITEM(pair.ptr(), 0);
         handle entry = PyTuple_GET_ITEM(pair.ptr(), 1);
         if (!is_dict(entry)) continue;
         if (!truthy(entry_get(entry, "passed", Py_True))) return {borrow(name.ptr()), borrow(entry.ptr())};
     }
+    if (PyErr_Occurred()) throw_py();
     return {object(), object()};
 }
 

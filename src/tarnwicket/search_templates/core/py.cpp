@@ -155,6 +155,10 @@ object tuple_of(std::initializer_list<handle> items) {
 }
 
 object dict_copy(handle d) { return steal(PyDict_Copy(d.ptr())); }
+object dict_items_iter(handle d) {
+    object items = call(get_attr(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), ID("items")), {d});
+    return steal(PyObject_GetIter(items.ptr()));
+}
 object list_from(handle iterable) { return steal(PySequence_List(iterable.ptr())); }
 
 double as_double(handle o) {

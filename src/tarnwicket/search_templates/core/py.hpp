@@ -220,6 +220,7 @@ inline void list_append(handle l, handle v) { check_int(PyList_Append(l.ptr(), v
 inline void dict_set(handle d, handle k, handle v) { check_int(PyDict_SetItem(d.ptr(), k.ptr(), v.ptr())); }
 object tuple_of(std::initializer_list<handle> items);
 object dict_copy(handle d);           // dict(d) for a dict
+object dict_items_iter(handle d);     // iter(dict.items(d)): a change of size during the walk raises as the host's does
 object list_from(handle iterable);    // list(iterable)
 
 // ---------------------------------------------------------------- numbers

@@ -36,11 +36,11 @@ static const char* kTransient[] = {"_queue_id",       "retry_id",           "ret
 
 object for_storage(handle payload) {
     object out = new_dict();
-    // Storing a key hashes it, which can run code that changes `payload`: walk
-    // a snapshot of its items.
-    object items = steal(PyDict_Items(payload.ptr()));
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
-        object pair = borrow(PyList_GET_ITEM(items.ptr(), i));
+    // Storing a key hashes it, which can run code that changes `payload`: the
+    // host's own iterator then raises, as a loop over the items would.
+    object it = dict_items_iter(payload);
+    while (PyObject* raw = PyIter_Next(it.ptr())) {
+        object pair = steal(raw);
         handle k = PyTuple_GET_ITEM(pair.ptr(), 0), v = PyTuple_GET_ITEM(pair.ptr(), 1);
         bool transient = false;
         if (PyUnicode_Check(k.ptr()))
@@ -48,6 +48,7 @@ object for_storage(handle payload) {
                 if (PyUnicode_CompareWithASCIIString(k.ptr(), t) == 0) transient = true;
         if (!transient) dict_set(out, k, v);
     }
+    if (PyErr_Occurred()) throw_py();
     return out;
 }
 
