@@ -40,6 +40,26 @@ def test_every_public_name_says_what_it_is():
     assert all((getattr(tarnwicket, n).__doc__ or "").strip() for n in tarnwicket.__all__)
 
 
+@pytest.mark.parametrize("obj, doc", [
+    (st.search, "Start search with given template. Returns SearchHandle immediately."),
+    (st.SearchHandle, "Concrete SearchHandle returned by search()."),
+    (st.SearchError, "Raised when a fatal error occurs during search."),
+    (st.SearchStatus, "Current search state snapshot (23 fields)."),
+    (st.SearchContext, "Context passed to template functions."),
+    (st.BacktestResult, "Result from expression evaluation."),
+    (st.TemplateSandboxViolation, "Raised when template code attempts forbidden direct system access."),
+    (st.SubmissionProtocolError, "Raised when a successful submission response violates the client protocol."),
+    (st._resolve_search_thresholds, "Resolve SearchContext thresholds without silent defaults."),
+    (st.SearchContext._resolve_search_thresholds, "Resolve SearchContext thresholds without silent defaults."),
+    (st.SearchHandle.status, "Return SearchStatus snapshot. Raises SearchError on fatal."),
+    (st.status, "Return the active search's status snapshot."),
+    (st.get_db_info, "Return database size and row-count information."),
+    (st.inject_heartbeat, "Inject heartbeat during search startup."),
+])
+def test_the_texts_that_say_what_a_name_is(obj, doc):
+    assert obj.__doc__ == doc
+
+
 def test_register_then_login_elsewhere_with_the_same_identity(tmp_path):
     key = tarnwicket.register(str(tmp_path / "a"))
     assert len(key) == 64 and int(key, 16) >= 0

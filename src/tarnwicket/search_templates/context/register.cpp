@@ -37,11 +37,12 @@ void register_context(handle m) {
     def_method<derive_rejection_reason>(cls, "_derive_rejection_reason($self, stats)");
 
     // Helpers that need no context: module functions, also reachable from the class.
+    static const char* const k_resolve_thresholds_doc = "Resolve SearchContext thresholds without silent defaults.";
     def_function<build_search_analytics>(m, "_build_search_analytics_from_era_config(tracker, era_config)");
-    def_function<resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)");
+    def_function<resolve_thresholds>(m, "_resolve_search_thresholds(thresholds, era_config)", k_resolve_thresholds_doc);
     def_function<require_threshold>(m, "_require_search_threshold(thresholds, name)");
     def_static<c_build_analytics>(cls, "_build_search_analytics_from_era_config(tracker, era_config)");
-    def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)");
+    def_static<c_resolve_thresholds>(cls, "_resolve_search_thresholds(thresholds, era_config)", k_resolve_thresholds_doc);
     keep_original(k_class_require_threshold.name(),
                   def_static<c_require_threshold>(cls, "_require_search_threshold(thresholds, name)"));
     set_global("SearchContext", cls);
