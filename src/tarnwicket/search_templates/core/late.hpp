@@ -66,9 +66,13 @@ public:
     LateAttr(const char* module, const char* attr);
     // Keeps the module and its attribute as they are now; called at import.
     void capture() const;
-    handle module() const { return handle(module_.original()); }
+    // The host module: the one kept at import, or, once the exit hook has let
+    // the kept objects go, the one the host has now (threads outliving their
+    // join still run until the host finalises).
+    object module() const;
     object current() const { return get_attr(module(), handle(attr_)); }
-    // The attribute as the module had it at import (borrowed).
+    // The attribute as the module had it at import (borrowed); null once the
+    // exit hook has run, when replaced() is never empty.
     handle original() const { return handle(original_.original()); }
     bool own(handle obj) const { return original_.own(obj); }
     object replaced() const {

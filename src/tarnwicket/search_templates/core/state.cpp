@@ -101,6 +101,11 @@ static std::string dotted(const char* module, const char* attr) { return std::st
 LateAttr::LateAttr(const char* module, const char* attr)
     : module_(module), original_(dotted(module, attr).c_str()), attr_(PyUnicode_InternFromString(attr)) {}
 
+object LateAttr::module() const {
+    if (PyObject* m = module_.original()) return borrow(m);
+    return steal(PyImport_Import(module_.name().ptr()));
+}
+
 void LateAttr::capture() const {
     object m = steal(PyImport_Import(module_.name().ptr()));
     keep_original(module_.name(), m);

@@ -22,7 +22,7 @@ void init() {
     for (const LateAttr* a : {&k_random, &k_randint, &k_choice, &k_inst}) a->capture();
 }
 
-object random_module() { return borrow(k_random.module().ptr()); }
+object random_module() { return k_random.module(); }
 
 double random01(PyObject* fn) {
     object r = steal(PyObject_Vectorcall(fn, nullptr, 0, nullptr));
