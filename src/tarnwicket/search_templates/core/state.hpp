@@ -54,7 +54,7 @@ object global(handle name);
 object global_or(handle name, handle dflt);
 inline object global_or_none(handle name) { return global_or(name, Py_None); }
 void set_global(handle name, handle value);
-inline void set_global(const char* name, handle value) { set_global(handle(PyUnicode_InternFromString(name)), value); }
+inline void set_global(const char* name, handle value) { set_global(steal(PyUnicode_InternFromString(name)), value); }
 
 // An expression over builtins and the module's own names (defaults in signatures).
 object eval_in_module(const std::string& expr);
