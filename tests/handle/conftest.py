@@ -52,8 +52,12 @@ def h(make_handle, store):
     """A stopped handle on the real store (no thread of its own runs), whose background
     failures are collected in `h.failures`."""
     handle = make_handle(tracker=store)
-    handle.stop(join_timeout=1.0)  # the tests drive the pipeline's steps themselves
-    assert not handle._submission_thread.is_alive()
+    handle.stop(join_timeout=10.0)  # the tests drive the pipeline's steps themselves
+    # Every thread must be gone before the stop event is cleared: one that were
+    # still running would go on working beside the test.
+    threads = [handle._supervisor_thread, handle._era_thread, handle._submission_thread, handle._polling_thread,
+               *handle._worker_threads]
+    assert not [t for t in threads if t is not None and t.is_alive()]
     handle._stop_event.clear()
     handle.failures = []
     handle._record_background_failure = lambda component, operation, exc, backoff=True: \
