@@ -69,6 +69,17 @@ class TestStop:
         assert "Failed to set search inactive: store gone" in caplog.text
         assert "Failed to release sync manager during stop: manager gone" in caplog.text
 
+    @pytest.mark.parametrize("flush", [raising(OSError("disk gone")), None])
+    def test_a_failing_receipt_flush_leaves_stop_which_can_be_called_again(self, make_handle, flush):
+        h = make_handle(bt=None)
+        h._flush_pending_receipt_finalizations = flush
+        with pytest.raises(OSError if flush else TypeError):
+            h.stop(join_timeout=0)
+        assert h._stopped is False and not h._stop_event.is_set()
+        del h._flush_pending_receipt_finalizations
+        h.stop(join_timeout=0)
+        assert h._stopped is True
+
     def test_fatal_handle_is_unblocked_by_stop(self, make_handle):
         h = make_handle(bt=None)
         make_active(h)

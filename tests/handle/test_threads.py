@@ -30,6 +30,26 @@ class TestWorkerLoop:
         h.stop()
         assert h._total_evaluated >= 10 and h._crash_count == 0
 
+    def test_a_replaced_stop_event_is_obeyed_at_the_next_graph(self, make_handle):
+        handles, resumed, built = [], [], threading.Event()
+
+        def template(ctx):
+            built.wait(5.0)
+            yield {"type": "feature", "node": "first"}
+            stopped = threading.Event()
+            stopped.set()
+            handles[0]._stop_event = stopped  # the fields are the handle's truth, read at each use
+            yield {"type": "feature", "node": "second"}
+            resumed.append(1)
+            yield from feature_graphs(3)
+
+        handles.append(make_handle(template=template))
+        built.set()
+        (worker,) = handles[0]._worker_threads
+        worker.join(5.0)
+        assert not worker.is_alive()
+        assert (handles[0]._total_evaluated, resumed) == (1, [])
+
     def test_failed_evaluations_still_count(self, make_handle, caplog):
         calls = []
 

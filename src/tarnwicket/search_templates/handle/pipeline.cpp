@@ -11,8 +11,6 @@ const LateFn k_require_typed_keys("_require_payload_typed_keys");
 const LateFn k_resolve_pool_ids("_resolve_submission_pool_ids");
 }  // namespace
 
-bool stop_set(handle self) { return event_is_set(field(self, ID("_stop_event"))); }
-
 void record_failure(handle self, const char* component, const char* operation, handle exc, bool backoff) {
     call_method_kw(self, ID("_record_background_failure"), {str_of(component), str_of(operation), exc},
                    {{ID("backoff"), bool_of(backoff)}});

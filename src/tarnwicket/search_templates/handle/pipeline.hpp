@@ -20,7 +20,6 @@ inline object shallow_copy(handle payload) {
     return call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {payload});
 }
 
-bool stop_set(handle self);
 // Once the host shuts its threads down, the pipeline's loops leave at their next pass.
 inline bool host_exiting() { return g_interpreter_exiting.load(std::memory_order_relaxed); }
 

@@ -109,10 +109,9 @@ object polling_loop(handle self) {
 }
 
 object polling_loop_inner(handle self) {
-    object stop_event = field(self, ID("_stop_event"));
     while (!host_exiting() && !stop_set(self)) {
         if (polling_degraded(self) || aborted(self)) return none();
-        call_method(self, ID("_interruptible_wait"), {stop_event, global(ID("POLLING_INTERVAL"))});
+        call_method(self, ID("_interruptible_wait"), {stop_event_of(self), global(ID("POLLING_INTERVAL"))});
         if (stop_set(self) || aborted(self)) return none();
         if (in_polling_backoff(self)) continue;
         call_method(self, ID("_flush_pending_receipt_finalizations"));

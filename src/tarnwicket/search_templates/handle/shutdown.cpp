@@ -101,9 +101,8 @@ static const char* kBackgroundThreads[] = {"_supervisor_thread", "_era_thread", 
 
 object stop(handle self, handle join_timeout) {
     if (field_true(self, ID("_stopped"))) return none();
-    object flush = get_attr_or_none(self, ID("_flush_pending_receipt_finalizations"));
-    if (PyCallable_Check(flush.ptr())) call(flush);
-    event_set(field(self, ID("_stop_event")));
+    call_method(self, ID("_flush_pending_receipt_finalizations"));
+    event_set(stop_event_of(self));
     object workers = list_from(field(self, ID("_worker_threads")));
     object five = float_of(5.0);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(workers.ptr()); ++i)
@@ -112,7 +111,7 @@ object stop(handle self, handle join_timeout) {
         object t = field(self, str_of(name));
         if (!is_none(t)) call_method(t, ID("join"), {join_timeout});
     }
-    if (PyCallable_Check(flush.ptr())) call(flush);
+    call_method(self, ID("_flush_pending_receipt_finalizations"));  // what the submission thread finished meanwhile
     release_sync_manager(self, "Failed to release sync manager during stop: %s");
     drain_queue(self, "Failed to drain submission queue during stop: %s");
     call_method(self, ID("_update_submission_counts"));
@@ -165,7 +164,7 @@ object abort_for_replacement(handle self) {
             });
         });
     }
-    event_set(field(self, ID("_stop_event")));
+    event_set(stop_event_of(self));
     try {
         event_set(field(self, ID("_submission_wakeup")));
     } catch (py::error_already_set& e) {
@@ -213,7 +212,7 @@ object finalize(handle self) {
     object quiet_inner =
         tuple_of({handle(PyExc_AttributeError), handle(PyExc_RuntimeError), handle(PyExc_OSError)});
     try {
-        event_set(field(self, ID("_stop_event")));
+        event_set(stop_event_of(self));
         set_field(self, ID("_running"), bool_of(false));
         object sync_mgr = field(self, ID("_sync_mgr"));
         if (!is_none(sync_mgr)) {

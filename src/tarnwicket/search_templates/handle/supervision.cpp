@@ -41,12 +41,10 @@ static void watch_pipeline_thread(handle self, handle thread_field, handle degra
 
 object supervisor_loop_inner(handle self) {
     long long consecutive_failures = 0;
-    object interruptible_wait = get_attr(self, ID("_interruptible_wait"));
     while (true) {
-        object stop_event = field(self, ID("_stop_event"));
-        if (event_is_set(stop_event) || !field_true(self, ID("_running"))) return none();
-        call(interruptible_wait, {stop_event, global(ID("SUPERVISOR_HEALTH_CHECK_INTERVAL"))});
-        if (event_is_set(stop_event)) return none();
+        if (stop_set(self) || !field_true(self, ID("_running"))) return none();
+        call_method(self, ID("_interruptible_wait"), {stop_event_of(self), global(ID("SUPERVISOR_HEALTH_CHECK_INTERVAL"))});
+        if (stop_set(self)) return none();
 
         // Workers: replace the dead, or probe that spawning still works.
         object threads = list_from(field(self, ID("_worker_threads")));

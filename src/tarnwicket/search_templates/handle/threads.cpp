@@ -110,7 +110,7 @@ static object build_context(handle self) {
                     {ID("submission_queue"), field(self, ID("_submission_queue"))},
                     {ID("tracker_write_lock"), field(self, ID("_tracker_write_lock"))},
                     {ID("submission_wakeup"), field(self, ID("_submission_wakeup"))},
-                    {ID("stop_event"), field(self, ID("_stop_event"))},
+                    {ID("stop_event"), stop_event_of(self)},
                     {ID("submission_owner"), field(self, ID("_submission_owner"))},
                     {ID("replacement_abort_event"), field(self, ID("_replacement_abort_event"))}});
 }
@@ -119,8 +119,7 @@ object worker_loop_inner(handle self, handle worker_id) {
     int restart_count = 0;
     const int max_restarts = 20;
     while (true) {
-        object stop_event = field(self, ID("_stop_event"));
-        if (event_is_set(stop_event) || restart_count >= max_restarts || !field_true(self, ID("_running")))
+        if (stop_set(self) || restart_count >= max_restarts || !field_true(self, ID("_running")))
             return none();
         object ctx = build_context(self);
         try {
@@ -128,7 +127,6 @@ object worker_loop_inner(handle self, handle worker_id) {
             object gen = in_sandbox([&] { return call(tmpl, {ctx}); });
             if (is_none(gen)) return none();
             object iterator = steal(PyObject_GetIter(gen.ptr()));
-            object lock = lock_of(self);
             while (true) {
                 bool exhausted = false;
                 object expr = in_sandbox([&] {
@@ -141,21 +139,21 @@ object worker_loop_inner(handle self, handle worker_id) {
                     return steal(item);
                 });
                 if (exhausted) break;
-                if (event_is_set(stop_event)) return none();
+                if (stop_set(self)) return none();
                 try {
                     call_method(ctx, ID("evaluate"), {expr});
                 } catch (py::error_already_set& e) {
                     if (!ordinary(e)) throw;
                     log_warning("Expression evaluation failed: %s", {exc_value(e)});
                 }
-                with_lock(lock, [&] {
+                with_lock(lock_of(self), [&] {
                     add_int(self, ID("_total_evaluated"), 1);
                 });
             }
-            if (event_is_set(stop_event)) return none();
+            if (stop_set(self)) return none();
             log_info("%s", {ftext({str_of("Template exhausted in worker "), worker_id, str_of(" \xE2\x80\x94 restarting")})});
             restart_count += 1;
-            if (wait_event(stop_event, 0.05)) return none();
+            if (wait_event(stop_event_of(self), 0.05)) return none();
         } catch (py::error_already_set& e) {
             if (!ordinary(e)) throw;
             {
@@ -165,9 +163,9 @@ object worker_loop_inner(handle self, handle worker_id) {
             }
             log_warning("%s", {ftext({str_of("Template sandbox violation in worker "), worker_id, str_of(": "),
                                       exc_value(e)})});
-            if (event_is_set(stop_event)) return none();
+            if (stop_set(self)) return none();
             restart_count += 1;
-            wait_event(stop_event, 0.05);
+            wait_event(stop_event_of(self), 0.05);
         }
     }
 }
@@ -219,11 +217,10 @@ object build_era_thread(handle self) {
 object era_loop(handle self) {
     object era_config = field(self, ID("_era_config"));
     object era_id = is_none(era_config) ? int_of(1) : get_attr_or(era_config, ID("era_id"), int_of(1));
-    object stop_event = field(self, ID("_stop_event"));
-    while (!event_is_set(stop_event) && field_true(self, ID("_running"))) {
-        if (truthy(call_method(self, ID("_interruptible_wait"), {stop_event, global(ID("ERA_POLL_INTERVAL"))})))
+    while (!stop_set(self) && field_true(self, ID("_running"))) {
+        if (truthy(call_method(self, ID("_interruptible_wait"), {stop_event_of(self), global(ID("ERA_POLL_INTERVAL"))})))
             return none();
-        if (event_is_set(stop_event) || field_true(self, ID("_stopped"))) return none();
+        if (stop_set(self) || field_true(self, ID("_stopped"))) return none();
         object sync_mgr = field(self, ID("_sync_mgr"));
         object transition = is_none(sync_mgr) ? none() : get_attr_or_none(sync_mgr, ID("run_handle_era_transition"));
         if (!PyCallable_Check(transition.ptr())) continue;
