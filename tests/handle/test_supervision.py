@@ -71,6 +71,12 @@ class TestFatalError:
         idle._set_fatal_error("X", "y", "z")
         assert "callback dispatch failed during fatal-error: no sink" in caplog.text
         assert idle._fatal_error.error_code == "X"
+        # the event's arguments are read inside the guard too
+        del idle._data_dir
+        idle._set_fatal_error("W", "y", "z")
+        assert "callback dispatch failed during fatal-error: " \
+               "'_SearchHandleImpl' object has no attribute '_data_dir'" in caplog.text
+        assert idle._fatal_error.error_code == "W"
 
 
 class TestSupervisor:

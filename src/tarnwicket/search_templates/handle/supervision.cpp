@@ -149,7 +149,7 @@ object set_fatal_error(handle self, handle error_code, handle recovery_advice, h
         dict_set(payload, ID("recovery"), advice);
         dict_set(payload, ID("message"), message);
         call_kw(get_attr(callbacks, ID("emit_event")), {},
-                {{ID("data_dir"), get_attr_or_none(self, ID("_data_dir"))},
+                {{ID("data_dir"), field(self, ID("_data_dir"))},
                  {ID("event_type"), str_of("failure")},
                  {ID("severity"), str_of("fatal")},
                  {ID("payload"), payload}});
