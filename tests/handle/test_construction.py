@@ -56,6 +56,8 @@ def test_missing_collaborators_and_bad_vocabulary_leave_the_constructor(make_han
     for kw in ({"era_cfg": None}, {"auth": None}):
         with pytest.raises(st.SdkRuntimeNotReadyError):
             make_handle(**kw)
+    with pytest.raises(AttributeError, match="_era_config"):  # a field that is not there is not a none
+        st._SearchHandleImpl.__new__(st._SearchHandleImpl)._do_per_era_init()
     bad = type("BadObf", (), {"get_vocabulary": lambda self: {"rotations": [{"name": "r"}]}})
     with pytest.raises(st.VocabSchemaError):
         make_handle(obf=bad())

@@ -146,8 +146,8 @@ static bool permanent_failure(handle self, handle err_msg) {
 }
 
 object do_per_era_init(handle self) {
-    object era_config = get_attr_or_none(self, ID("_era_config"));
-    object auth = get_attr_or_none(self, ID("_auth"));
+    object era_config = field(self, ID("_era_config"));
+    object auth = field(self, ID("_auth"));
     if (is_none(era_config) || is_none(auth)) raise_runtime_not_ready();
     try {
         object os_path = import_module("os.path");
