@@ -8,10 +8,18 @@ namespace tw::hnd {
 
 namespace {
 
-object sim_id_of(handle payload, handle eval_id, handle submission_type) {
+// payload.get("sim_id") if truthy, else the synthetic id of the evaluation;
+// `evaluation` gives (eval_id, submission_type), read only when needed.
+template <class Evaluation>
+object sim_id_of(handle payload, Evaluation&& evaluation) {
     object sim_id = payload_get(payload, "sim_id");
     if (truthy(sim_id)) return sim_id;
+    auto [eval_id, submission_type] = evaluation();
     return call(global(ID("_synthetic_submission_sim_id")), {eval_id, submission_type});
+}
+
+object sim_id_of(handle payload, handle eval_id, handle submission_type) {
+    return sim_id_of(payload, [&] { return std::pair<handle, handle>{eval_id, submission_type}; });
 }
 
 bool is_text(handle value, const char* text) {
@@ -25,16 +33,18 @@ void nudge(handle self) { call_method(self, ID("_maybe_fire_discovery_rate_decli
 void record_submission_and_delete_queue(handle self, handle payload, handle receipt) {
     object queue_id = payload_get(payload, "_queue_id");
     object retry_id = payload_get(payload, "retry_id");
-    object submission_id = get_attr(receipt, ID("submission_id"));
 
     if ((is_none(queue_id) && is_none(retry_id)) || !persistent(self)) {
-        object eval_id = getitem(payload, ID("eval_id"));
+        object sim_id = sim_id_of(payload, [&] {
+            return std::pair<object, object>{getitem(payload, ID("eval_id")), getitem(payload, ID("submission_type"))};
+        });
         object submission_type = getitem(payload, ID("submission_type"));
-        object sim_id = sim_id_of(payload, eval_id, submission_type);
         object pool_id = payload::recorded_pool_id(payload);
         object signal_pool_id = payload_get(payload, "signal_pool_id");
         if (is_text(submission_type, "signal") && is_none(signal_pool_id)) signal_pool_id = pool_id;
         with_lock(tracker_write_lock(self), [&] {
+            object eval_id = getitem(payload, ID("eval_id"));
+            object submission_id = get_attr(receipt, ID("submission_id"));
             call_method_kw(field(self, ID("_tracker")), ID("record_submission"),
                            {eval_id, submission_type, submission_id, getitem(payload, ID("era_id"))},
                            {{ID("sim_id"), sim_id}, {ID("pool_id"), pool_id}, {ID("signal_pool_id"), signal_pool_id}});
@@ -55,8 +65,8 @@ void record_submission_and_delete_queue(handle self, handle payload, handle rece
         if (!truthy(pool_id)) raise(PyExc_ValueError, "pool_id must be a non-empty string");
         call(global(ID("_ensure_submission_sim_parent")), {conn, sim_id, era_id});
         store::execute(conn, store::Stmt::insert_pending_status,
-                       {eval_id, submission_type, pool_id, signal_pool_id, submission_id, sim_id, era_id,
-                        float_of(wall_time())});
+                       {eval_id, submission_type, pool_id, signal_pool_id, get_attr(receipt, ID("submission_id")),
+                        sim_id, era_id, float_of(wall_time())});
         bool strategy = is_text(submission_type, "strategy");
         object marked = store::execute(conn, strategy ? store::Stmt::mark_strategy_submitted : store::Stmt::mark_signal_submitted,
                                        {eval_id});
