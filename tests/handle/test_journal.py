@@ -111,9 +111,9 @@ def test_replay_drops_stale_and_malformed_entries_and_stops_at_a_store_failure(h
         os.remove(os.path.join(h._receipt_journal_path(), name))
     # an entry of an unknown kind, and one without a submission id, are removed without a word
     entry = h._receipt_journal_entry(claimed, RECEIPT)
-    for kind, sub in (("elsewhere", "sub-1"), ("queue", "")):
-        with open(h._receipt_journal_file_path((kind, str(claimed["_queue_id"]), sub)), "w") as f:
-            json.dump(dict(entry, source_kind=kind, submission_id=sub), f)
+    for kind, sub in (("elsewhere", "sub-1"), ("queue", ""), ("queue", None)):
+        with open(h._receipt_journal_file_path((kind, str(claimed["_queue_id"]), str(sub))), "w") as f:
+            json.dump({k: v for k, v in dict(entry, source_kind=kind, submission_id=sub).items() if v is not None}, f)
     failures = len(h.failures)
     assert h._replay_receipt_journal() is True and journal_files(h) == []
     assert len(h.failures) == failures

@@ -91,8 +91,9 @@ object receipt_journal_entry(handle self, handle payload, handle receipt) {
 object receipt_journal_key(handle self, handle entry) {
     (void)self;
     if (is_none(entry)) return none();
-    return tuple_of({getitem(entry, ID("source_kind")), py_str(getitem(entry, ID("source_id"))),
-                     py_str(getitem(entry, ID("submission_id")))});
+    // An entry read back from disk may lack any field: its key must still name it, for its removal.
+    return tuple_of({mapping_get(entry, ID("source_kind"), Py_None), py_str(mapping_get(entry, ID("source_id"), Py_None)),
+                     py_str(mapping_get(entry, ID("submission_id"), Py_None))});
 }
 
 object receipt_journal_key_for_payload(handle self, handle payload, handle submission_id) {
