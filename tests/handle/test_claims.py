@@ -86,6 +86,11 @@ def test_a_claim_lost_between_select_and_update_rolls_back(h, store):
     assert h.failures == [("submission", "claim_submission_queue", "submission_queue claim lost", True)]
     assert rows(store, "submission_queue", "in_flight_owner") == [(None,)]
     assert not conn.in_transaction
+    # whatever fails inside the claim's transaction is rolled back and recorded, the owner's read included
+    owner = h.__dict__.pop("_submission_owner")
+    assert h._peek_submission_payload() is None and not conn.in_transaction
+    assert h.failures[-1][:2] == ("submission", "dequeue_submission") and "_submission_owner" in h.failures[-1][2]
+    h._submission_owner = owner
 
 
 def test_rows_that_cannot_be_sent_are_deleted_or_stay_claimed(h, store):

@@ -28,11 +28,11 @@ struct ClaimSql {
 object claim_row(handle self, const ClaimSql& q) {
     object now = float_of(wall_time());
     object expired_before = steal(PyNumber_Subtract(now.ptr(), global(ID("SUBMISSION_QUEUE_LEASE_SECONDS")).ptr()));
-    object owner = field(self, ID("_submission_owner"));
     object row = none();
     object exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
+            object owner = field(self, ID("_submission_owner"));
             store::execute(conn, store::Stmt::begin_immediate);
             object cur = q.table == store::Table::submission_queue
                              ? store::execute(conn, q.select, {owner, expired_before})
