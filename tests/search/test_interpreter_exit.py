@@ -127,35 +127,44 @@ def test_a_worker_that_outlives_its_join_is_unwound_quietly(tmp_path):
     assert not search_active(data_dir)
 
 
+STOPPED_HANDLE = """
+import atexit, sys, time, types
+sys.path.insert(0, sys.argv[2])
+import tarnwicket.search_templates as st
+from fakes.context_fakes import FakeBacktester, MemoryTracker
+from fakes.runtime import EraConfig, FakeAuth, FakeObfuscation
+
+open(sys.argv[1] + "/shuffle_seed.enc", "wb").write(b"s" * 60)
+h = st._SearchHandleImpl(template=lambda ctx: None, n_jobs=1, tracker=MemoryTracker(), sync_mgr=None,
+                         bt=FakeBacktester(passes=False), obf=FakeObfuscation(), era_cfg=EraConfig(),
+                         auth_mock=FakeAuth(), data_dir=sys.argv[1])
+h._record_background_failure = lambda *a, **kw: None  # never degrades; the fake tracker has no queue of its own
+"""
+
+
+def run_with_a_stopped_handle(tmp_path, work, ending):
+    """A child that gives a handle `work`, stops it with a short join while its
+    submission thread goes on, then runs `ending` and leaves."""
+    script = tmp_path / "child.py"
+    script.write_text(STOPPED_HANDLE + textwrap.dedent(work) + textwrap.dedent("""
+        h.stop(join_timeout=0.2)
+        assert h._submission_thread.is_alive()
+    """) + textwrap.dedent(ending) + 'print("left running", flush=True)\n')
+    tests_dir = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+    return subprocess.run([sys.executable, str(script), str(tmp_path), tests_dir], capture_output=True, text=True,
+                          timeout=60)
+
+
 def test_a_submission_thread_still_busy_at_exit_ends_quietly(tmp_path):
     # A receipt that can never be recorded keeps the submission thread going
     # after stop(); the process ends while it is retrying.
-    script = tmp_path / "busy.py"
-    script.write_text(textwrap.dedent("""
-        import sys, time, types
-        sys.path.insert(0, sys.argv[2])
-        import tarnwicket.search_templates as st
-        from fakes.context_fakes import FakeBacktester, MemoryTracker
-        from fakes.runtime import EraConfig, FakeAuth, FakeObfuscation
-
-        open(sys.argv[1] + "/shuffle_seed.enc", "wb").write(b"s" * 60)
-        h = st._SearchHandleImpl(template=lambda ctx: None, n_jobs=1, tracker=MemoryTracker(), sync_mgr=None,
-                                 bt=FakeBacktester(passes=False), obf=FakeObfuscation(), era_cfg=EraConfig(),
-                                 auth_mock=FakeAuth(), data_dir=sys.argv[1])
-        h._record_background_failure = lambda *a, **kw: None  # never degrades
+    done = run_with_a_stopped_handle(tmp_path, """
         st._submission_backoff_sleep = lambda seconds: time.sleep(0.0005)  # awake all through finalisation
         garbage = [{"n": [i]} for i in range(300000)]  # and finalisation takes a while
         h._pending_receipts_by_queue_id[("queue", 1)] = ({"eval_id": "e1"}, types.SimpleNamespace(submission_id="s"))
-        h.stop(join_timeout=0.2)
-        assert h._submission_thread.is_alive()
-        print("left running", flush=True)
-    """))
-    tests_dir = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    done = subprocess.run([sys.executable, str(script), str(tmp_path), tests_dir], capture_output=True, text=True,
-                          timeout=60)
+    """, "")
     assert (done.returncode, done.stdout) == (0, "left running\n"), done.stderr
     assert "terminate" not in done.stderr and "Fatal" not in done.stderr
-
 
 
 def test_a_thread_that_outlives_stop_may_still_run_after_the_exit_hook(tmp_path):
@@ -163,26 +172,9 @@ def test_a_thread_that_outlives_stop_may_still_run_after_the_exit_hook(tmp_path)
     # polling; the program's own exit handler then keeps the host alive after
     # the module's exit hook has let its state go. The thread reads the clock
     # and the queues all that while.
-    script = tmp_path / "polling.py"
-    script.write_text(textwrap.dedent("""
-        import atexit, sys, time
-        sys.path.insert(0, sys.argv[2])
-        import tarnwicket.search_templates as st
-        from fakes.context_fakes import FakeBacktester, MemoryTracker
-        from fakes.runtime import EraConfig, FakeAuth, FakeObfuscation
-
-        open(sys.argv[1] + "/shuffle_seed.enc", "wb").write(b"s" * 60)
-        h = st._SearchHandleImpl(template=lambda ctx: None, n_jobs=1, tracker=MemoryTracker(), sync_mgr=None,
-                                 bt=FakeBacktester(passes=False), obf=FakeObfuscation(), era_cfg=EraConfig(),
-                                 auth_mock=FakeAuth(), data_dir=sys.argv[1])
-        h._record_background_failure = lambda *a, **kw: None  # the fake tracker has no queue of its own
+    done = run_with_a_stopped_handle(tmp_path, """
         h._retry_queue.append({"eval_id": "e1", "retry_after": time.time() + 3600})
-        h.stop(join_timeout=0.2)
-        assert h._submission_thread.is_alive()
+    """, """
         atexit.register(time.sleep, 0.5)
-        print("left polling", flush=True)
-    """))
-    tests_dir = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    done = subprocess.run([sys.executable, str(script), str(tmp_path), tests_dir], capture_output=True, text=True,
-                          timeout=60)
-    assert (done.returncode, done.stdout, done.stderr) == (0, "left polling\n", "")
+    """)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "left running\n", "")
