@@ -7,6 +7,8 @@ entries of each day. No kernel writes into its inputs.
 
 from __future__ import annotations
 
+import math
+
 import numpy as np
 from numpy.lib.stride_tricks import sliding_window_view
 
@@ -232,11 +234,34 @@ def safe_div(x: np.ndarray, y: np.ndarray) -> np.ndarray:
         return np.where(np.abs(y) > _EPS, x / y, np.nan)
 
 
+# pow and log1p come from the C library, element by element, as in the native
+# kernels: on some processors NumPy's own vectorised versions differ from it in
+# the last bit, and the reference must give one answer on every machine.
+def _c_pow(base: float, exponent: float) -> float:
+    try:
+        return math.pow(base, exponent)
+    except OverflowError:
+        return math.inf
+    except ValueError:  # a negative base under a fractional exponent
+        return math.nan
+
+
+_C_POW = np.frompyfunc(_c_pow, 2, 1)
+_C_LOG1P = np.frompyfunc(math.log1p, 1, 1)
+
+
 def signed_log1p(x: np.ndarray) -> np.ndarray:
-    return np.sign(x) * np.log1p(np.abs(x))
+    return np.sign(x) * _C_LOG1P(np.abs(x)).astype(np.float64)
 
 
 def signed_power(x: np.ndarray, exponent: float) -> np.ndarray:
+    a = np.abs(x)
     with np.errstate(over="ignore", invalid="ignore"):
-        out = np.sign(x) * np.abs(x) ** exponent
+        if exponent == 2.0:
+            powered = a * a
+        elif exponent == 0.5:
+            powered = np.sqrt(a)
+        else:
+            powered = _C_POW(a, exponent).astype(np.float64)
+        out = np.sign(x) * powered
     return np.where(np.isfinite(out), out, np.nan)
