@@ -53,6 +53,32 @@ def test_nothing_hooked_before_first_guard():
     assert out.returncode == 0, out.stderr
 
 
+def test_hooked_operations_still_work_for_finalisers_after_the_namespace_is_emptied(tmp_path):
+    # A finaliser that kept the hooked operations runs after the host has
+    # emptied the module's namespace at exit: no template runs any more, and
+    # the calls reach the real operations.
+    script = f"""
+import builtins, sqlite3, sys
+import tarnwicket.search_templates as st
+with st._template_sandbox():
+    pass
+
+class Late:
+    def __del__(self, open=builtins.open, connect=sqlite3.connect, err=sys.stderr):
+        try:
+            with open({str(tmp_path / "late.txt")!r}, "w") as f:
+                f.write("written")
+            connect(":memory:").close()
+        except Exception as e:
+            err.write("finaliser failed: %r" % (e,))
+
+st._late_finaliser = Late()
+"""
+    out = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
+    assert (out.returncode, out.stderr) == (0, "")
+    assert (tmp_path / "late.txt").read_text() == "written"
+
+
 @pytest.mark.parametrize("call, word", [
     (lambda d: open(d / "data.txt"), "filesystem"), (lambda d: open(d / "new.txt", "w"), "filesystem"),
     (lambda d: sqlite3.connect(str(d / "db.sqlite")), "sqlite"),

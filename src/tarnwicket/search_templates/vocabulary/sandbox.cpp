@@ -22,6 +22,18 @@ const LateFn k_active("_template_sandbox_active");
 const LateFn k_raise_violation("_raise_template_sandbox_violation");
 const LateFn k_install_hooks("_install_template_sandbox_hooks");
 
+// The three real operations as the namespace held them when the hooks went in:
+// the way through once the host, finalising, has emptied the namespace (a
+// finaliser may still open a file; no template runs any more). Kept for the
+// life of the process.
+struct KeptOriginal {
+    const char* name;
+    PyObject* object;
+};
+KeptOriginal g_kept_open{"_original_open", nullptr};
+KeptOriginal g_kept_sqlite_connect{"_original_sqlite_connect", nullptr};
+KeptOriginal g_kept_urlopen{"_original_urllib_urlopen", nullptr};
+
 // Module global as a borrowed reference, or null with NameError set.
 PyObject* global_ref(handle name) {
     PyObject* v = PyDict_GetItemWithError(module_state().globals, name.ptr());
@@ -137,6 +149,8 @@ void install_hooks_impl() {
         set_attr(sqlite3, ID("connect"), global(ID("_sandboxed_sqlite_connect")));
         set_global(ID("_original_urllib_urlopen"), get_attr(urllib_request, ID("urlopen")));
         set_attr(urllib_request, ID("urlopen"), global(ID("_sandboxed_urllib_urlopen")));
+        for (KeptOriginal* kept : {&g_kept_open, &g_kept_sqlite_connect, &g_kept_urlopen})
+            if (!kept->object) kept->object = global(str_of(kept->name)).release().ptr();
         set_global(ID("_template_sandbox_hooks_installed"), bool_of(true));
     });
 }
@@ -154,9 +168,12 @@ void set_violation(handle operation) {
 // The one shape of the three replacements: refuse on a sandboxed thread,
 // otherwise forward the caller's arguments untouched to the saved operation.
 PyObject* forward_unless_sandboxed(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, handle original_name,
-                                   handle operation) {
+                                   handle operation, const KeptOriginal& kept) {
     PyObject* active_fn = global_ref(ID("_template_sandbox_active"));
     if (!active_fn) return nullptr;
+    if (__builtin_expect(g_interpreter_exiting.load(std::memory_order_relaxed), 0) && !PyCallable_Check(active_fn) &&
+        kept.object)
+        return PyObject_Vectorcall(kept.object, args, (size_t)nargs, kwnames);
     int active;
     if (k_active.own(handle(active_fn))) {
         active = sandbox_active_raw();
@@ -202,15 +219,15 @@ struct GuardObject {
 PyTypeObject* g_guard_type = nullptr;
 
 PyObject* sandboxed_open(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_open"), ID("filesystem"));
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_open"), ID("filesystem"), g_kept_open);
 }
 
 PyObject* sandboxed_sqlite_connect(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_sqlite_connect"), ID("sqlite"));
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_sqlite_connect"), ID("sqlite"), g_kept_sqlite_connect);
 }
 
 PyObject* sandboxed_urllib_urlopen(PyObject*, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_urllib_urlopen"), ID("network"));
+    return forward_unless_sandboxed(args, nargs, kwnames, ID("_original_urllib_urlopen"), ID("network"), g_kept_urlopen);
 }
 
 // ---------------------------------------------------------------- scoped guard
