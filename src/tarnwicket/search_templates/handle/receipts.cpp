@@ -8,18 +8,13 @@ namespace tw::hnd {
 
 namespace {
 
-// payload.get("sim_id") if truthy, else the synthetic id of the evaluation;
-// `evaluation` gives (eval_id, submission_type), read only when needed.
-template <class Evaluation>
-object sim_id_of(handle payload, Evaluation&& evaluation) {
-    object sim_id = payload_get(payload, "sim_id");
-    if (truthy(sim_id)) return sim_id;
-    auto [eval_id, submission_type] = evaluation();
+object synthetic_sim_id(handle eval_id, handle submission_type) {
     return call(global(ID("_synthetic_submission_sim_id")), {eval_id, submission_type});
 }
 
 object sim_id_of(handle payload, handle eval_id, handle submission_type) {
-    return sim_id_of(payload, [&] { return std::pair<handle, handle>{eval_id, submission_type}; });
+    object sim_id = payload_get(payload, "sim_id");
+    return truthy(sim_id) ? sim_id : synthetic_sim_id(eval_id, submission_type);
 }
 
 bool is_text(handle value, const char* text) {
@@ -35,9 +30,9 @@ void record_submission_and_delete_queue(handle self, handle payload, handle rece
     object retry_id = payload_get(payload, "retry_id");
 
     if ((is_none(queue_id) && is_none(retry_id)) || !persistent(self)) {
-        object sim_id = sim_id_of(payload, [&] {
-            return std::pair<object, object>{getitem(payload, ID("eval_id")), getitem(payload, ID("submission_type"))};
-        });
+        // The keys are read in the order of the steps: the evaluation's only for a synthetic sim id.
+        object sim_id = payload_get(payload, "sim_id");
+        if (!truthy(sim_id)) sim_id = synthetic_sim_id(getitem(payload, ID("eval_id")), getitem(payload, ID("submission_type")));
         object submission_type = getitem(payload, ID("submission_type"));
         object pool_id = payload::recorded_pool_id(payload);
         object signal_pool_id = payload_get(payload, "signal_pool_id");
