@@ -17,6 +17,10 @@ static const Required kRequired[] = {{"sharpe", false},   {"fitness", false},   
 static const LateFn k_names("_REQUIRED_BACKTEST_METRICS");
 static const LateFn k_counts("_REQUIRED_BACKTEST_COUNT_METRICS");
 static const LateFn k_required_value("_required_backtest_metric_value");
+static const LateFn k_invalid_reason("_invalid_backtest_metric_reason");
+static const LateFn k_is_finite("_is_finite_number");
+static const LateFn k_non_finite("_has_non_finite_number");
+static const LateFn k_disallowed("_has_disallowed_mi_contract_field");
 
 void register_required_metric_names() {
     object names = new_list();
@@ -35,18 +39,19 @@ void register_required_metric_names() {
 }
 
 object invalid_reason(handle attr) { return ftext({str_of("invalid_backtest_metric_"), attr}); }
+static object late_invalid_reason(handle attr) { return k_invalid_reason.run<invalid_reason>(attr); }
 
 // The value of one required metric, or the rejection reason. `sentinel` is the
 // module's _MISSING_BACKTEST_METRIC, read by the caller.
 static std::pair<object, object> required_value(handle bt_stats, handle attr, handle sentinel, bool is_count) {
     object value = get_attr_or(bt_stats, attr, sentinel);
-    if (value.ptr() == sentinel.ptr()) return {none(), invalid_reason(attr)};
-    if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), invalid_reason(attr)};
+    if (value.ptr() == sentinel.ptr()) return {none(), late_invalid_reason(attr)};
+    if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), late_invalid_reason(attr)};
     double d;
-    if (!try_double(value, d)) return {none(), invalid_reason(attr)};
-    if (!std::isfinite(d)) return {none(), invalid_reason(attr)};
+    if (!try_double(value, d)) return {none(), late_invalid_reason(attr)};
+    if (!std::isfinite(d)) return {none(), late_invalid_reason(attr)};
     if (is_count) {
-        if (std::floor(d) != d) return {none(), invalid_reason(attr)};
+        if (std::floor(d) != d) return {none(), late_invalid_reason(attr)};
         return {steal(PyLong_FromDouble(d)), none()};
     }
     if (PyFloat_CheckExact(value.ptr())) return {value, none()};  // float(x) is x
@@ -158,7 +163,7 @@ bool is_finite_number(handle value) {
 
 object is_pnl_mi_from_stats(handle bt_stats) {
     object v = get_attr_or_none(bt_stats, ID("is_pnl_mi"));
-    if (!is_finite_number(v)) raise(PyExc_ValueError, "BacktestStats.is_pnl_mi must be a finite scalar number");
+    if (!is_finite_number_late(v)) raise(PyExc_ValueError, "BacktestStats.is_pnl_mi must be a finite scalar number");
     return float_of(as_double(v));
 }
 
@@ -182,11 +187,11 @@ bool any_of(handle iterable, Test test) {
 
 bool has_non_finite_number(handle value) {
     PyTypeObject* t = Py_TYPE(value.ptr());
-    if (t == &PyLong_Type || t == &PyFloat_Type) return !is_finite_number(value);
+    if (t == &PyLong_Type || t == &PyFloat_Type) return !is_finite_number_late(value);
     if (!is_dict(value) && !is_list(value) && !is_tuple(value)) return false;
     RecursionGuard guard(" while checking numbers for finiteness");
     object items = is_dict(value) ? steal(PyDict_Values(value.ptr())) : borrow(value.ptr());
-    return any_of(items, [](handle v) { return has_non_finite_number(v); });
+    return any_of(items, [](handle v) { return has_non_finite_number_late(v); });
 }
 
 static bool is_disallowed_mi_key(handle key) {
@@ -201,12 +206,25 @@ bool has_disallowed_mi_field(handle value) {
     if (!is_dict(value) && !is_list(value) && !is_tuple(value)) return false;
     RecursionGuard guard(" while looking for MI contract fields");
     if (is_list(value) || is_tuple(value))
-        return any_of(value, [](handle v) { return has_disallowed_mi_field(v); });
+        return any_of(value, [](handle v) { return has_disallowed_mi_field_late(v); });
     object items = steal(PyDict_Items(value.ptr()));
     return any_of(items, [](handle pair) {
         return is_disallowed_mi_key(PyTuple_GET_ITEM(pair.ptr(), 0)) ||
-               has_disallowed_mi_field(PyTuple_GET_ITEM(pair.ptr(), 1));
+               has_disallowed_mi_field_late(PyTuple_GET_ITEM(pair.ptr(), 1));
     });
+}
+
+bool is_finite_number_late(handle value) {
+    if (object f = k_is_finite.replaced()) return truthy(call(f, {value}));
+    return is_finite_number(value);
+}
+bool has_non_finite_number_late(handle value) {
+    if (object f = k_non_finite.replaced()) return truthy(call(f, {value}));
+    return has_non_finite_number(value);
+}
+bool has_disallowed_mi_field_late(handle value) {
+    if (object f = k_disallowed.replaced()) return truthy(call(f, {value}));
+    return has_disallowed_mi_field(value);
 }
 
 // ---------------------------------------------------------------- bindings

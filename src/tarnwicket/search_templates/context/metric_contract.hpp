@@ -17,6 +17,11 @@ bool is_finite_number(handle value);
 bool has_non_finite_number(handle value);
 bool has_disallowed_mi_field(handle value);
 object invalid_reason(handle attr);
+// The three checks as the module's own functions call them: through their
+// names in the namespace, in C++ while the names hold ours.
+bool is_finite_number_late(handle value);
+bool has_non_finite_number_late(handle value);
+bool has_disallowed_mi_field_late(handle value);
 // Sets _REQUIRED_BACKTEST_METRICS (a tuple) and _REQUIRED_BACKTEST_COUNT_METRICS (a frozenset).
 void register_required_metric_names();
 

@@ -50,7 +50,9 @@ object spec_names(handle specs) {
     return names;
 }
 
-object feature_names(handle features) { return spec_names(feature_specs(features)); }
+object feature_names(handle features) {
+    return spec_names(via(hooks::feature_specs, {features}, [&] { return feature_specs(features); }));
+}
 
 // ---------------------------------------------------------------- rows
 
@@ -74,7 +76,33 @@ struct Entry {
     object single;          // a map row's name
     bool single_is_feature = false;
     double yield_rate = 0.0;
+    object yield_obj;       // what a replaced _random_weighted_float gave; null while it is ours
     object evaluation_count;
+};
+
+// The row readers' helpers, through the namespace unless `own` (all of them ours).
+struct RowHelpers {
+    bool own;
+    const Limits& lim;
+    static bool all_own() {
+        return hooks::is_own(hooks::rw_float) && hooks::is_own(hooks::rw_int) && hooks::is_own(hooks::valid_names);
+    }
+    void yield_rate(handle value, Entry& e) const {
+        if (own) {
+            if (!rw_float_d(value, e.yield_rate)) e.yield_rate = 0.0;
+            return;
+        }
+        object zero_f = float_of(0.0);
+        e.yield_obj = late_float(value, zero_f);
+    }
+    object count(handle value) const {
+        object zero = int_of(0);
+        return own ? rw_int(value, zero) : late_int(value, zero);
+    }
+    object names(handle value) const {
+        if (own) return valid_names(value, lim);
+        return via(hooks::valid_names, {value}, [&] { return valid_names(value, lim); });
+    }
 };
 
 static bool swallowed_row_error() {
@@ -86,13 +114,13 @@ static bool swallowed_row_error() {
     return false;
 }
 
-static bool map_row(handle row, Entry& e) {
+static bool map_row(handle row, Entry& e, const RowHelpers& h) {
     object empty = str_of("");
     object name = get(row, ID("name"), empty);
     if (!is_nonempty_str(name)) return false;
     object zero_f = float_of(0.0), zero = int_of(0);
-    if (!rw_float_d(get(row, ID("yield_rate"), zero_f), e.yield_rate)) e.yield_rate = 0.0;
-    e.evaluation_count = rw_int(get(row, ID("evaluation_count"), zero), zero);
+    h.yield_rate(get(row, ID("yield_rate"), zero_f), e);
+    e.evaluation_count = h.count(get(row, ID("evaluation_count"), zero));
     object function = str_of("function");
     object rtype = get(row, ID("type"), function);
     object feature = str_of("feature");
@@ -102,7 +130,7 @@ static bool map_row(handle row, Entry& e) {
     return true;
 }
 
-static bool object_row(handle row, Entry& e, const Limits& lim) {
+static bool object_row(handle row, Entry& e, const RowHelpers& h) {
     object group_key = get_attr_or_none(row, ID("group_key"));
     object windows = get_attr_or_none(row, ID("windows"));
     if (!truthy(group_key) || !truthy(windows)) return false;
@@ -115,19 +143,19 @@ static bool object_row(handle row, Entry& e, const Limits& lim) {
         object zero_idx = int_of(0);
         window = getitem(windows, zero_idx);
         object zero_f = float_of(0.0);
-        if (!rw_float_d(get_attr_or(window, ID("yield_rate"), zero_f), e.yield_rate)) e.yield_rate = 0.0;
-        e.function_names = valid_names(steal(PySequence_GetItem(group_key.ptr(), 0)), lim);
-        e.feature_names = valid_names(steal(PySequence_GetItem(group_key.ptr(), 1)), lim);
+        h.yield_rate(get_attr_or(window, ID("yield_rate"), zero_f), e);
+        e.function_names = h.names(steal(PySequence_GetItem(group_key.ptr(), 0)));
+        e.feature_names = h.names(steal(PySequence_GetItem(group_key.ptr(), 1)));
     } catch (py::error_already_set& err) {
         err.restore();
         if (swallowed_row_error()) return false;
         throw_py();
     }
-    if (PyList_GET_SIZE(e.function_names.ptr()) == 0 && PyList_GET_SIZE(e.feature_names.ptr()) == 0) return false;
+    if (!truthy(e.function_names) && !truthy(e.feature_names)) return false;
     object zero = int_of(0);
     object window_count = get_attr_or(window, ID("evaluation_count"), zero);
-    object count = rw_int(get_attr_or(row, ID("evaluation_count"), window_count), zero);
-    if (cmp(count, zero, Py_LE)) count = rw_int(get_attr_or(window, ID("evaluation_count"), zero), zero);
+    object count = h.count(get_attr_or(row, ID("evaluation_count"), window_count));
+    if (cmp(count, zero, Py_LE)) count = h.count(get_attr_or(window, ID("evaluation_count"), zero));
     e.evaluation_count = count;
     return true;
 }
@@ -135,6 +163,7 @@ static bool object_row(handle row, Entry& e, const Limits& lim) {
 // Calls f(entry) for each accepted row of the first max_analytics_rows rows.
 template <class F>
 static void for_each_entry(handle analytics, const Limits& lim, F&& f) {
+    RowHelpers h{RowHelpers::all_own(), lim};
     if (!truthy(analytics)) return;
     object rows = get_attr_or_none(analytics, ID("rows"));
     if (!truthy(rows)) return;
@@ -150,7 +179,7 @@ static void for_each_entry(handle analytics, const Limits& lim, F&& f) {
         if (!p) break;
         object row = steal(p);
         Entry e;
-        bool ok = is_dict(row) ? map_row(row, e) : object_row(row, e, lim);
+        bool ok = is_dict(row) ? map_row(row, e, h) : object_row(row, e, h);
         if (ok) f(e);
     }
     if (PyErr_Occurred()) throw_py();
@@ -170,8 +199,8 @@ object analytics_entries_list(handle analytics) {
     object out = new_list();
     object one = int_of(1);
     for_each_entry(analytics, lim, [&](Entry& e) {
-        list_append(out, tuple_of({one, names_list(e, false), names_list(e, true), float_of(e.yield_rate),
-                                   e.evaluation_count}));
+        object yr = e.yield_obj ? e.yield_obj : float_of(e.yield_rate);
+        list_append(out, tuple_of({one, names_list(e, false), names_list(e, true), yr, e.evaluation_count}));
     });
     return out;
 }
@@ -204,9 +233,10 @@ bool skip_analytics_name(handle name, handle allowed_names, handle seen_names, c
     return false;
 }
 
-static long long clamped_count(handle evaluation_count, const Limits& lim) {
+// `own`: _random_weighted_int is known to be ours for the whole operation.
+static long long clamped_count(handle evaluation_count, const Limits& lim, bool own = false) {
     object zero = int_of(0);
-    object c = rw_int(evaluation_count, zero);
+    object c = own ? rw_int(evaluation_count, zero) : late_int(evaluation_count, zero);
     long long count = is_int(c) ? clamp_ll(c) : clamp_ll(py_int(c));
     return std::min(std::max(count, 0LL), lim.max_analytics_weight);
 }
@@ -214,7 +244,7 @@ static long long clamped_count(handle evaluation_count, const Limits& lim) {
 void add_stat(handle stats, handle name, handle yield_rate, handle evaluation_count, const Limits& lim) {
     long long count = clamped_count(evaluation_count, lim);
     double weight = count > 0 ? (double)count : 1.0;
-    double safe = safe_yield_rate(yield_rate, lim.max_abs_yield_rate);
+    double safe = late_safe_yield_rate(yield_rate, lim);
     if (!contains(stats, name)) {
         object item = new_dict();
         dict_set(item, ID("yield_total"), float_of(0.0));
@@ -244,13 +274,27 @@ void finalize_stats(handle stats, const Limits& lim) {
     object items = list_from(steal(PyObject_CallMethodNoArgs(stats.ptr(), ID("values").ptr())));
     object zero_f = float_of(0.0);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
-        handle item = PyList_GET_ITEM(items.ptr(), i);
-        double wt, yt = 0.0;
-        if (!rw_float_d(get(item, ID("weight_total"), zero_f), wt)) wt = 0.0;
-        if (wt > 0.0 && !rw_float_d(get(item, ID("yield_total"), zero_f), yt)) yt = 0.0;
-        auto [rate, failure] = finalized_rates(wt, yt, lim.max_abs_yield_rate);
-        setitem(item, ID("yield_rate"), float_of(rate));
-        setitem(item, ID("failure_rate"), float_of(failure));
+        object item = borrow(PyList_GET_ITEM(items.ptr(), i));
+        if (hooks::is_own(hooks::rw_float) && hooks::is_own(hooks::safe_yield_rate)) {
+            double wt, yt = 0.0;
+            if (!rw_float_d(get(item, ID("weight_total"), zero_f), wt)) wt = 0.0;
+            if (wt > 0.0 && !rw_float_d(get(item, ID("yield_total"), zero_f), yt)) yt = 0.0;
+            auto [rate, failure] = finalized_rates(wt, yt, lim.max_abs_yield_rate);
+            setitem(item, ID("yield_rate"), float_of(rate));
+            setitem(item, ID("failure_rate"), float_of(failure));
+            continue;
+        }
+        // The same steps through the namespace, with the host's arithmetic.
+        object rate = zero_f;
+        object wt = late_float(get(item, ID("weight_total"), zero_f), zero_f);
+        if (cmp(wt, zero_f, Py_GT)) {
+            object yt = late_float(get(item, ID("yield_total"), zero_f), zero_f);
+            object mean = steal(PyNumber_TrueDivide(yt.ptr(), wt.ptr()));
+            rate = via(hooks::safe_yield_rate, {mean}, [&] { return float_of(safe_yield_rate(mean, lim.max_abs_yield_rate)); });
+        }
+        if (!std::isfinite(as_double(rate))) rate = zero_f;
+        setitem(item, ID("yield_rate"), rate);
+        setitem(item, ID("failure_rate"), float_of(std::min(std::max(0.0, 1.0 - as_double(rate)), 1.0)));
     }
 }
 
@@ -321,11 +365,12 @@ struct KindStats {
     }
 };
 
+// Only while stats_helpers_own(): the accumulation below stands for those helpers.
 static long long collect(handle analytics, KindStats& fs, KindStats& ts, const Limits& lim) {
     long long rows_seen = 0;
     for_each_entry(analytics, lim, [&](Entry& e) {
         rows_seen += 1;
-        long long count = clamped_count(e.evaluation_count, lim);
+        long long count = clamped_count(e.evaluation_count, lim, true);
         double weight = count > 0 ? (double)count : 1.0;
         double safe = safe_yield_rate_d(e.yield_rate, lim.max_abs_yield_rate);
         if (e.single) {
@@ -340,8 +385,64 @@ static long long collect(handle analytics, KindStats& fs, KindStats& ts, const L
     return rows_seen;
 }
 
+// The helpers analytics_stats calls, directly or through the row readers. While
+// all of them are ours (looked at once per operation, as the limits are), the
+// accumulation runs in C++; otherwise each step goes through the namespace.
+static bool stats_helpers_own() {
+    for (hooks::Id id : {hooks::allowed_name_set, hooks::analytics_entries, hooks::skip_analytics_name,
+                         hooks::add_stat, hooks::finalize_stats, hooks::safe_yield_rate})
+        if (!hooks::is_own(id)) return false;
+    return RowHelpers::all_own();
+}
+
+static object late_allowed(handle names) {
+    return via(hooks::allowed_name_set, {names}, [&] { return allowed_name_set(names); });
+}
+
+// analytics_stats step by step, each helper read from the namespace at its call.
+static object analytics_stats_through_namespace(handle analytics, handle allowed_function_names,
+                                                handle allowed_feature_names, const Limits& lim) {
+    object rows_seen = int_of(0);
+    object function_stats = new_dict(), feature_stats = new_dict();
+    object function_seen = steal(PySet_New(nullptr)), feature_seen = steal(PySet_New(nullptr));
+    object allowed_functions = late_allowed(allowed_function_names);
+    object allowed_features = late_allowed(allowed_feature_names);
+    object entries = via(hooks::analytics_entries, {analytics}, [&] { return analytics_entries_list(analytics); });
+    auto credit = [&](handle names, handle allowed, handle seen, handle stats, handle yield_rate, handle count) {
+        object it = steal(PyObject_GetIter(names.ptr()));
+        while (PyObject* p = PyIter_Next(it.ptr())) {
+            object name = steal(p);
+            object skip = via(hooks::skip_analytics_name, {name, allowed, seen},
+                              [&] { return bool_of(skip_analytics_name(name, allowed, seen, lim)); });
+            if (truthy(skip)) continue;
+            via(hooks::add_stat, {stats, name, yield_rate, count}, [&] {
+                add_stat(stats, name, yield_rate, count, lim);
+                return none();
+            });
+        }
+        if (PyErr_Occurred()) throw_py();
+    };
+    object it = steal(PyObject_GetIter(entries.ptr()));
+    while (PyObject* p = PyIter_Next(it.ptr())) {
+        object entry = steal(p);
+        std::vector<object> v = unpack(entry, 5);  // row_seen, function_names, feature_names, yield_rate, count
+        rows_seen = steal(PyNumber_InPlaceAdd(rows_seen.ptr(), v[0].ptr()));
+        credit(v[1], allowed_functions, function_seen, function_stats, v[3], v[4]);
+        credit(v[2], allowed_features, feature_seen, feature_stats, v[3], v[4]);
+    }
+    if (PyErr_Occurred()) throw_py();
+    for (handle stats : {handle(function_stats), handle(feature_stats)})
+        via(hooks::finalize_stats, {stats}, [&] {
+            finalize_stats(stats, lim);
+            return none();
+        });
+    return tuple_of({rows_seen, function_stats, feature_stats});
+}
+
 object analytics_stats(handle analytics, handle allowed_function_names, handle allowed_feature_names) {
     Limits lim = Limits::read();
+    if (!stats_helpers_own())
+        return analytics_stats_through_namespace(analytics, allowed_function_names, allowed_feature_names, lim);
     KindStats fs, ts;
     fs.allowed = allowed_name_set(allowed_function_names);
     ts.allowed = allowed_name_set(allowed_feature_names);
@@ -351,6 +452,26 @@ object analytics_stats(handle analytics, handle allowed_function_names, handle a
 
 std::pair<object, object> yield_maps(handle analytics, handle function_names, handle feature_names) {
     Limits lim = Limits::read();
+    if (!hooks::is_own(hooks::analytics_stats) || !stats_helpers_own()) {
+        object stats = via(hooks::analytics_stats, {analytics, function_names, feature_names},
+                           [&] { return analytics_stats(analytics, function_names, feature_names); });
+        std::vector<object> v = unpack(stats, 3);
+        object zero_f = float_of(0.0);
+        auto rates = [&](handle kind) {
+            object out = new_dict();
+            object items = list_from(steal(check(PyObject_CallMethodNoArgs(kind.ptr(), ID("items").ptr()))));
+            for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
+                std::vector<object> kv = unpack(PyList_GET_ITEM(items.ptr(), i), 2);
+                object value = get(kv[1], ID("yield_rate"), zero_f);
+                setitem(out, kv[0], via(hooks::safe_yield_rate, {value}, [&] {
+                            return float_of(safe_yield_rate(value, lim.max_abs_yield_rate));
+                        }));
+            }
+            return out;
+        };
+        object function_map = rates(v[1]);
+        return {function_map, rates(v[2])};
+    }
     KindStats fs, ts;
     fs.allowed = allowed_name_set(function_names);
     ts.allowed = allowed_name_set(feature_names);
@@ -365,7 +486,7 @@ object normalized_weights(handle names, handle stats) {
     if (count < 0) throw_py();
     object out = new_dict();
     if (count == 0) return out;
-    double max_abs = Limits::read().max_abs_yield_rate;
+    Limits lim = Limits::read();
     double cold = 1.0 / (double)count;
     object raw = new_dict();
     double total = 0.0;
@@ -375,7 +496,7 @@ object normalized_weights(handle names, handle stats) {
         handle name = PyList_GET_ITEM(seq.ptr(), i);
         object empty = new_dict();
         object item = get(stats, name, empty);
-        double rate = safe_yield_rate(get(item, ID("yield_rate"), zero_f), max_abs);
+        double rate = late_safe_yield_rate(get(item, ID("yield_rate"), zero_f), lim);
         double w = std::max(0.0, 1.0 + rate);
         setitem(raw, name, float_of(w));
         total += w;
@@ -394,17 +515,19 @@ object normalized_weights(handle names, handle stats) {
 }
 
 object weight_entry(handle normalized_weights, handle stats, handle name) {
-    double max_abs = Limits::read().max_abs_yield_rate;
+    Limits lim = Limits::read();
     object e1 = new_dict(), e2 = new_dict();
     object item = get(stats, name, e1);
     object weights = get(normalized_weights, name, e2);
     object zero_f = float_of(0.0), one_f = float_of(1.0), zero = int_of(0);
     object entry = new_dict();
-    dict_set(entry, ID("yield_rate"), float_of(safe_yield_rate(get(item, ID("yield_rate"), zero_f), max_abs)));
-    dict_set(entry, ID("failure_rate"), rw_float(get(item, ID("failure_rate"), one_f), one_f));
+    object rate = get(item, ID("yield_rate"), zero_f);
+    dict_set(entry, ID("yield_rate"),
+             via(hooks::safe_yield_rate, {rate}, [&] { return float_of(safe_yield_rate(rate, lim.max_abs_yield_rate)); }));
+    dict_set(entry, ID("failure_rate"), late_float(get(item, ID("failure_rate"), one_f), one_f));
     dict_set(entry, ID("evaluation_count"), py_int(get(item, ID("evaluation_count"), zero)));
     for (handle key : {ID("cold_weight"), ID("warm_weight"), ID("warm_delta")})
-        dict_set(entry, key, rw_float(get(weights, key, zero_f), zero_f));
+        dict_set(entry, key, late_float(get(weights, key, zero_f), zero_f));
     return entry;
 }
 
@@ -415,9 +538,9 @@ static object weight_report(handle specs, handle normalized, handle stats, handl
     while (PyObject* p = PyIter_Next(it.ptr())) {
         object spec = steal(p);
         object name = get(spec, ID("name"));
-        object entry = weight_entry(normalized, stats, name);
-        dict_set(entry, family, get(spec, family, empty));
-        dict_set(entry, subfamily, get(spec, subfamily, empty));
+        object entry = via(hooks::weight_entry, {normalized, stats, name}, [&] { return weight_entry(normalized, stats, name); });
+        setitem(entry, family, get(spec, family, empty));  // a replaced weight_entry may answer with any mapping
+        setitem(entry, subfamily, get(spec, subfamily, empty));
         setitem(report, name, entry);
     }
     if (PyErr_Occurred()) throw_py();

@@ -36,20 +36,30 @@ object numeric_range_label(handle has_min, handle min_value, handle has_max, han
     return msg("[%U, %U]", lower.ptr(), upper.ptr());
 }
 
+// has_min, min_value, has_max, max_value, bounds_valid = _random_weighted_numeric_bounds(param)
+static std::vector<object> bounds_of(handle param) {
+    return unpack(via(hooks::numeric_bounds, {param}, [&] { return numeric_bounds(param); }), 5);
+}
+
 object numeric_bounds_reason(handle param, handle value) {
     double nv;
     if (!try_double(value, nv)) return str_of("has non-numeric default/range");
     if (!std::isfinite(nv)) return str_of("has non-finite numeric default/range");
-    object b = numeric_bounds(param);
-    auto item = [&](int i) { return borrow(PyTuple_GET_ITEM(b.ptr(), i)); };
-    if (!truthy(item(4))) return str_of("has invalid numeric range metadata");
+    std::vector<object> b = bounds_of(param);
+    if (!truthy(b[4])) return str_of("has invalid numeric range metadata");
     auto outside = [&]() {
-        object label = numeric_range_label(item(0), item(1), item(2), item(3));
-        return msg("default %R outside declared range %U", value.ptr(), label.ptr());
+        object label = via(hooks::numeric_range_label, {b[0], b[1], b[2], b[3]},
+                           [&] { return numeric_range_label(b[0], b[1], b[2], b[3]); });
+        return msg("default %R outside declared range %S", value.ptr(), label.ptr());
     };
-    if (truthy(item(0)) && nv < PyFloat_AS_DOUBLE(item(1).ptr())) return outside();
-    if (truthy(item(2)) && nv > PyFloat_AS_DOUBLE(item(3).ptr())) return outside();
+    object numeric_value = float_of(nv);
+    if (truthy(b[0]) && cmp(numeric_value, b[1], Py_LT)) return outside();
+    if (truthy(b[2]) && cmp(numeric_value, b[3], Py_GT)) return outside();
     return none();
+}
+
+static object late_bounds_reason(handle param, handle value) {
+    return via(hooks::numeric_bounds_reason, {param, value}, [&] { return numeric_bounds_reason(param, value); });
 }
 
 object config_value_reason(handle param_name, handle value, bool integer) {
@@ -96,17 +106,19 @@ object window_budget_reason(handle param_name, handle value, handle window_limit
 }
 
 object numeric_default(handle param, bool integer) {
-    object b = numeric_bounds(param);
-    auto item = [&](int i) { return borrow(PyTuple_GET_ITEM(b.ptr(), i)); };
-    if (!truthy(item(4))) return none();
-    bool has_min = truthy(item(0)), has_max = truthy(item(2));
+    std::vector<object> b = bounds_of(param);
+    if (!truthy(b[4])) return none();
+    bool has_min = truthy(b[0]), has_max = truthy(b[2]);
     if (!has_min && !has_max) return none();
-    object min_value = item(1), max_value = item(3);
+    object min_value = b[1], max_value = b[3];
     object value;
-    if (has_min && has_max)
-        value = float_of((PyFloat_AS_DOUBLE(min_value.ptr()) + PyFloat_AS_DOUBLE(max_value.ptr())) / 2.0);
-    else
+    if (has_min && has_max) {
+        object sum = steal(PyNumber_Add(min_value.ptr(), max_value.ptr()));
+        object two = float_of(2.0);
+        value = steal(PyNumber_TrueDivide(sum.ptr(), two.ptr()));
+    } else {
         value = has_min ? min_value : max_value;
+    }
     if (integer) {
         object zero = int_of(0), one = int_of(1);
         try {
@@ -126,7 +138,7 @@ object numeric_default(handle param, bool integer) {
         }
         if (cmp(value, zero, Py_LE)) return none();
     }
-    return is_none(numeric_bounds_reason(param, value)) ? value : none();
+    return is_none(late_bounds_reason(param, value)) ? value : none();
 }
 
 object first_choice(handle param) {
@@ -155,6 +167,21 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
     auto no_safe = [&](const char* type) {
         return fail(msg("config param %R has no safe %s default/range", pn.ptr(), type));
     };
+    auto budget_reason = [&](handle value) {
+        return via(hooks::window_budget_reason, {pn, value, window_limit},
+                   [&] { return window_budget_reason(pn, value, window_limit); });
+    };
+    // _random_weighted_config_value_reason(param_name, value, integer=...)
+    auto value_reason = [&](handle value, bool integer) {
+        if (object f = hooks::replaced(hooks::config_value_reason))
+            return call_kw(f, {pn, value}, {{ID("integer"), bool_of(integer)}});
+        return config_value_reason(pn, value, integer);
+    };
+    // _random_weighted_numeric_default(p, integer=...)
+    auto late_numeric_default = [](handle p, bool integer) {
+        if (object f = hooks::replaced(hooks::numeric_default)) return call_kw(f, {p}, {{ID("integer"), bool_of(integer)}});
+        return numeric_default(p, integer);
+    };
     auto child = [](handle type, handle node) {
         object d = new_dict();
         dict_set(d, ID("type"), type);
@@ -163,22 +190,24 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
     };
 
     if (eq_str(param_type, "int")) {
-        object bounded = is_none(window_limit) ? borrow(param.ptr()) : window_bounded_param(param, window_limit);
+        object bounded = is_none(window_limit) ? borrow(param.ptr())
+                                               : via(hooks::window_bounded_param, {param, window_limit},
+                                                     [&] { return window_bounded_param(param, window_limit); });
         object value;
         if (has_default) {
             value = get(param, ID("default"));
             if (!positive_int(value)) return no_safe("int");
-            object br = numeric_bounds_reason(param, value);
+            object br = late_bounds_reason(param, value);
             if (!is_none(br)) return prefixed(br);
-            object wr = window_budget_reason(param_name, value, window_limit);
+            object wr = budget_reason(value);
             if (!is_none(wr)) return {none(), wr};
         } else {
-            value = numeric_default(bounded, true);
+            value = late_numeric_default(bounded, true);
         }
         if (!positive_int(value)) return no_safe("int");
-        object vr = config_value_reason(param_name, value, true);
+        object vr = value_reason(value, true);
         if (!is_none(vr)) return {none(), vr};
-        object wr = window_budget_reason(param_name, value, window_limit);
+        object wr = budget_reason(value);
         if (!is_none(wr)) return {none(), wr};
         return child(ID("int"), value);
     }
@@ -188,13 +217,13 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
         if (has_default) {
             value = get(param, ID("default"));
             if (!numeric(value)) return no_safe("float");
-            object br = numeric_bounds_reason(param, value);
+            object br = late_bounds_reason(param, value);
             if (!is_none(br)) return prefixed(br);
         } else {
-            value = numeric_default(param, false);
+            value = late_numeric_default(param, false);
         }
         if (!numeric(value)) return no_safe("float");
-        object vr = config_value_reason(param_name, value, false);
+        object vr = value_reason(value, false);
         if (!is_none(vr)) return {none(), vr};
         return child(ID("float"), float_of(as_double(value)));
     }
@@ -203,7 +232,8 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
         return child(ID("bool"), bool_of(v));
     }
     if (eq_str(param_type, "string")) {
-        object value = has_default ? get(param, ID("default")) : first_choice(param);
+        object value = has_default ? get(param, ID("default"))
+                                   : via(hooks::first_choice, {param}, [&] { return first_choice(param); });
         if (!is_nonempty_str(value)) return no_safe("string");
         return child(ID("string"), value);
     }

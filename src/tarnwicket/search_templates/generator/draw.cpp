@@ -91,8 +91,14 @@ object choice(handle seq) {
 
 // Walks `names` as the host iterates it, so that a value's __float__ that
 // changes the names is seen as a `for` loop would see it.
+// _random_weighted_is_finite_number(total)
+static bool finite_total(double total) {
+    if (object f = hooks::replaced(hooks::is_finite_number)) return truthy(call(f, {float_of(total)}));
+    return std::isfinite(total);
+}
+
 object cum_weights(handle names, handle yield_map) {
-    double max_abs = Limits::read().max_abs_yield_rate;
+    Limits lim = Limits::read();
     object out = new_list();
     double total = 0.0;
     object zero_f = float_of(0.0);
@@ -106,15 +112,15 @@ object cum_weights(handle names, handle yield_map) {
             PyObject* v = PyDict_GetItemWithError(yield_map.ptr(), name.ptr());
             if (!v && PyErr_Occurred()) throw_py();
             object value = v ? borrow(v) : zero_f;
-            rate = safe_yield_rate(value, max_abs);
+            rate = late_safe_yield_rate(value, lim);
         } else {
-            rate = safe_yield_rate(dict_get(yield_map, name, zero_f), max_abs);
+            rate = late_safe_yield_rate(dict_get(yield_map, name, zero_f), lim);
         }
         total += std::max(0.0, 1.0 + rate);
         list_append(out, float_of(total));
     }
     if (PyErr_Occurred()) throw_py();
-    if (total > 0.0 && std::isfinite(total)) return out;
+    if (total > 0.0 && finite_total(total)) return out;
     // the uniform fallback is as long as the names are now
     Py_ssize_t n = PyObject_Size(names.ptr());
     if (n < 0) throw_py();

@@ -97,13 +97,4 @@ private:
 // Mirrors of func_specs[name] for each name; false when a spec is not plain.
 bool build_mirror(handle func_names, handle func_specs, std::vector<FuncMirror>& out);
 
-// Calls module function `id` through the namespace when a host replaced it,
-// else the C++ implementation `own`.
-template <class Own>
-object via(hooks::Id id, std::initializer_list<handle> args, Own&& own) {
-    object r = hooks::replaced(id);
-    if (r) return call(r, args);
-    return own();
-}
-
 }  // namespace tw::gen

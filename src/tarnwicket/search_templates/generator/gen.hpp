@@ -163,6 +163,37 @@ enum Id {
     normalized_weights,
     function_weight_report,
     feature_weight_report,
+    // called by the module's own functions above and below them
+    unsafe_function_reason,
+    rotation_schema,
+    declared_arity,
+    schema_params,
+    param_dict,
+    config_child,
+    numeric_bounds,
+    numeric_range_label,
+    numeric_bounds_reason,
+    config_value_reason,
+    window_bounded_param,
+    window_budget_reason,
+    numeric_default,
+    first_choice,
+    analytics_entries,
+    valid_names,
+    allowed_name_set,
+    skip_analytics_name,
+    add_stat,
+    finalize_stats,
+    weight_entry,
+    is_finite_number,
+    rw_float,
+    rw_int,
+    rw_positive_int,
+    safe_yield_rate,
+    era_value,
+    buffer_duration_limit,
+    min_node_count,
+    worst_case_node_count,
     count
 };
 // The late binding of each name above.
@@ -174,5 +205,32 @@ inline bool is_own(Id id) { return !late(id).replaced(); }
 
 // a, b = value  (the host's unpacking rules and messages)
 std::vector<object> unpack(handle value, std::size_t n);
+
+// Calls module function `id` through the namespace when a host replaced it,
+// else the C++ implementation `own`.
+template <class Own>
+object via(hooks::Id id, std::initializer_list<handle> args, Own&& own) {
+    object r = hooks::replaced(id);
+    if (r) return call(r, args);
+    return own();
+}
+
+// `a, b = name(args)`: the same, for the functions that answer with a pair.
+template <class Own>
+std::pair<object, object> via_pair(hooks::Id id, std::initializer_list<handle> args, Own&& own) {
+    object r = hooks::replaced(id);
+    if (!r) return own();
+    std::vector<object> v = unpack(call(r, args), 2);
+    return {v[0], v[1]};
+}
+
+// The coercers as the generator's own functions call them: through the
+// namespace, and in C++ while they are ours.
+object late_int(handle value, handle dflt);            // _random_weighted_int
+object late_float(handle value, handle dflt);          // _random_weighted_float
+object late_positive_int(handle value, handle dflt);   // _random_weighted_positive_int
+// _random_weighted_safe_yield_rate(value) as a double (a replacement's answer
+// goes through float(), as the arithmetic after it would take it)
+double late_safe_yield_rate(handle value, const Limits& lim);
 
 }  // namespace tw::gen

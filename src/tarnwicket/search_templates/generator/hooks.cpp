@@ -7,7 +7,7 @@ namespace tw::gen {
 namespace hooks {
 
 const LateFn& late(Id id) {
-    static const LateFn table[count] = {
+    static const LateFn table[] = {
         LateFn("_normalize_template_vocabulary"),
         LateFn("_random_weighted_window_limit"),
         LateFn("_random_weighted_node_limit"),
@@ -25,7 +25,38 @@ const LateFn& late(Id id) {
         LateFn("_random_weighted_normalized_weights"),
         LateFn("_random_weighted_function_weight_report"),
         LateFn("_random_weighted_feature_weight_report"),
+        LateFn("_random_weighted_unsafe_function_reason"),
+        LateFn("_random_weighted_rotation_schema"),
+        LateFn("_random_weighted_declared_arity"),
+        LateFn("_random_weighted_schema_params"),
+        LateFn("_random_weighted_param_dict"),
+        LateFn("_random_weighted_config_child"),
+        LateFn("_random_weighted_numeric_bounds"),
+        LateFn("_random_weighted_numeric_range_label"),
+        LateFn("_random_weighted_numeric_bounds_reason"),
+        LateFn("_random_weighted_config_value_reason"),
+        LateFn("_random_weighted_window_bounded_param"),
+        LateFn("_random_weighted_window_budget_reason"),
+        LateFn("_random_weighted_numeric_default"),
+        LateFn("_random_weighted_first_choice"),
+        LateFn("_random_weighted_analytics_entries"),
+        LateFn("_random_weighted_valid_names"),
+        LateFn("_random_weighted_allowed_name_set"),
+        LateFn("_random_weighted_skip_analytics_name"),
+        LateFn("_random_weighted_add_stat"),
+        LateFn("_random_weighted_finalize_stats"),
+        LateFn("_random_weighted_weight_entry"),
+        LateFn("_random_weighted_is_finite_number"),
+        LateFn("_random_weighted_float"),
+        LateFn("_random_weighted_int"),
+        LateFn("_random_weighted_positive_int"),
+        LateFn("_random_weighted_safe_yield_rate"),
+        LateFn("_random_weighted_era_value"),
+        LateFn("_random_weighted_buffer_duration_limit"),
+        LateFn("_random_weighted_min_node_count"),
+        LateFn("_random_weighted_worst_case_node_count"),
     };
+    static_assert(std::size(table) == count, "one name per hook");
     return table[id];
 }
 

@@ -3,6 +3,7 @@
 #include "generator/gen.hpp"
 
 #include <climits>
+#include <optional>
 
 namespace tw::gen {
 
@@ -81,7 +82,7 @@ object rw_int(handle value, handle dflt) {
 }
 
 object rw_positive_int(handle value, handle dflt) {
-    object r = rw_int(value, dflt);
+    object r = late_int(value, dflt);
     object zero = int_of(0);
     if (cmp(r, zero, Py_LE)) return borrow(dflt.ptr());
     return r;
@@ -96,8 +97,31 @@ double safe_yield_rate_d(double rate, double max_abs) {
 
 double safe_yield_rate(handle value, double max_abs) {
     double r;
-    if (!rw_float_d(value, r)) return 0.0;
-    return safe_yield_rate_d(r, max_abs);
+    if (hooks::is_own(hooks::rw_float)) {
+        if (!rw_float_d(value, r)) return 0.0;
+        return safe_yield_rate_d(r, max_abs);
+    }
+    // rate = _random_weighted_float(value, 0.0), clamped with the host's comparisons
+    object zero_f = float_of(0.0);
+    object rate = late_float(value, zero_f);
+    object top = float_of(max_abs), bottom = float_of(-1.0);
+    if (cmp(rate, top, Py_GT)) return max_abs;
+    if (cmp(rate, bottom, Py_LT)) return -1.0;
+    return as_double(rate);
+}
+
+object late_int(handle value, handle dflt) {
+    return via(hooks::rw_int, {value, dflt}, [&] { return rw_int(value, dflt); });
+}
+object late_float(handle value, handle dflt) {
+    return via(hooks::rw_float, {value, dflt}, [&] { return rw_float(value, dflt); });
+}
+object late_positive_int(handle value, handle dflt) {
+    return via(hooks::rw_positive_int, {value, dflt}, [&] { return rw_positive_int(value, dflt); });
+}
+double late_safe_yield_rate(handle value, const Limits& lim) {
+    if (object f = hooks::replaced(hooks::safe_yield_rate)) return as_double(call(f, {value}));
+    return safe_yield_rate(value, lim.max_abs_yield_rate);
 }
 
 // ---------------------------------------------------------------- era values
@@ -114,22 +138,26 @@ object era_value(handle ctx, handle name, handle dflt) {
     return borrow(dflt.ptr());
 }
 
+static object late_era_value(handle ctx, handle name, handle dflt) {
+    return via(hooks::era_value, {ctx, name, dflt}, [&] { return era_value(ctx, name, dflt); });
+}
+
 object node_limit(handle ctx) {
     object dflt = global(ID("_RANDOM_WEIGHTED_DEFAULT_MAX_NODE_COUNT"));
-    object value = rw_positive_int(era_value(ctx, ID("max_node_count"), dflt), dflt);
+    object value = late_positive_int(late_era_value(ctx, ID("max_node_count"), dflt), dflt);
     object hard = global(ID("_RANDOM_WEIGHTED_HARD_MAX_NODE_COUNT"));
     return cmp(hard, value, Py_LT) ? hard : value;  // min(value, hard)
 }
 
 object buffer_duration_limit(handle ctx) {
     object dflt = global(ID("_RANDOM_WEIGHTED_DEFAULT_BUFFER_DURATION_MINUTES"));
-    return rw_positive_int(era_value(ctx, ID("buffer_duration_minutes"), dflt), dflt);
+    return late_positive_int(late_era_value(ctx, ID("buffer_duration_minutes"), dflt), dflt);
 }
 
 object window_limit(handle ctx, handle max_depth) {
-    object buffer = buffer_duration_limit(ctx);
+    object buffer = via(hooks::buffer_duration_limit, {ctx}, [&] { return buffer_duration_limit(ctx); });
     object one = int_of(1);
-    object divisor = rw_positive_int(max_depth, one);
+    object divisor = late_positive_int(max_depth, one);
     object q = steal(PyNumber_FloorDivide(buffer.ptr(), divisor.ptr()));
     return cmp(one, q, Py_GT) ? one : q;  // max(q, 1)
 }
@@ -161,7 +189,7 @@ object rotations_within_node_budget(handle rotations, handle node_limit) {
     object it = steal(PyObject_GetIter(rotations.ptr()));
     while (PyObject* p = PyIter_Next(it.ptr())) {
         object spec = steal(p);
-        object min_count = min_node_count(spec);
+        object min_count = via(hooks::min_node_count, {spec}, [&] { return min_node_count(spec); });
         if (cmp(min_count, node_limit, Py_GT)) {
             object unknown = str_of("<unknown>");
             object name = dict_get(spec, ID("name"), unknown);
@@ -268,10 +296,16 @@ object max_depth_within_node_budget(handle rotations, handle requested_depth, ha
     if (cmp(node_limit, best, Py_LT)) best = borrow(node_limit.ptr());
     if (cmp(max_rec, best, Py_LT)) best = max_rec;
     long long max_candidate = depth_ll(best);
-    auto [md, mc] = max_children(rotations);
+    std::optional<std::pair<long long, long long>> children;  // taken once, at the first own count
     long long max_depth = 1;
     for (long long depth = 2; depth <= max_candidate; ++depth) {
-        object count = worst_case_with(md, mc, depth, node_limit);
+        object count;
+        if (object f = hooks::replaced(hooks::worst_case_node_count)) {
+            count = call(f, {rotations, int_of(depth), node_limit});
+        } else {
+            if (!children) children = max_children(rotations);
+            count = worst_case_with(children->first, children->second, depth, node_limit);
+        }
         if (cmp(count, node_limit, Py_GT)) break;
         max_depth = depth;
         if (depth == max_candidate) break;  // max_candidate may be LLONG_MAX

@@ -63,11 +63,11 @@ std::pair<object, object> schema_params(handle schema, handle node_limit) {
         object param;
         if (is_map) {
             auto kv = unpack(raw, 2);
-            param = param_dict(kv[1], kv[0]);
+            param = via(hooks::param_dict, {kv[1], kv[0]}, [&] { return param_dict(kv[1], kv[0]); });
             if (is_none(param)) return fail(msg("unsupported param_schema entry for %R", kv[0].ptr()));
         } else {
             object default_name = msg("param_%zd", idx);
-            param = param_dict(raw, default_name);
+            param = via(hooks::param_dict, {raw, default_name}, [&] { return param_dict(raw, default_name); });
             if (is_none(param)) return fail(msg("unsupported param_schema entry at index %zd", idx));
         }
         list_append(params, param);
@@ -80,7 +80,7 @@ std::pair<object, object> declared_arity(handle fn) {
     if (!is_dict(fn)) return {none(), none()};
     object value = get(fn, ID("arity"));
     if (is_none(value)) return {none(), none()};
-    object arity = rw_int(value, Py_None);
+    object arity = late_int(value, Py_None);
     object one = int_of(1);
     if (is_none(arity) || cmp(arity, one, Py_LT)) return {none(), msg("invalid arity metadata %R", value.ptr())};
     return {arity, none()};
@@ -96,15 +96,18 @@ static object unsafe_result(handle reason) {
 object rotation_schema(handle fn, handle window_limit, handle node_limit) {
     object unknown = str_of("<unknown>");
     object name = dict_get(fn, ID("name"), unknown);
-    auto [arity, arity_reason] = declared_arity(fn);
+    auto [arity, arity_reason] = via_pair(hooks::declared_arity, {fn}, [&] { return declared_arity(fn); });
     if (!is_none(arity_reason)) return unsafe_result(arity_reason);
-    auto [params, reason] = schema_params(get(fn, ID("param_schema")), node_limit);
+    object schema = get(fn, ID("param_schema"));
+    auto [params, reason] = via_pair(hooks::schema_params, {schema, node_limit}, [&] { return schema_params(schema, node_limit); });
     if (!is_none(reason)) return unsafe_result(reason);
+    // `for param in params`: a replacement may answer with any iterable
+    if (!PyList_CheckExact(params.ptr())) params = list_from(params);
     object data_params = new_list(), config_children = new_list();
     bool stateful = truthy(dict_get(fn, ID("stateful"), Py_False));
     object one = int_of(1);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(params.ptr()); ++i) {
-        handle param = PyList_GET_ITEM(params.ptr(), i);
+        object param = borrow(PyList_GET_ITEM(params.ptr(), i));  // held: a replaced helper may change the list
         if (!is_none(node_limit)) {
             object count = int_of(1 + PyList_GET_SIZE(data_params.ptr()) + PyList_GET_SIZE(config_children.ptr()));
             if (cmp(count, node_limit, Py_GE))
@@ -118,7 +121,8 @@ object rotation_schema(handle fn, handle window_limit, handle node_limit) {
         } else if (eq_str(param_type, "int") || eq_str(param_type, "float") || eq_str(param_type, "string") ||
                    eq_str(param_type, "bool")) {
             handle pwl = (stateful && eq_str(param_type, "int")) ? window_limit : handle(Py_None);
-            auto [child, config_reason] = config_child(name, param, pwl);
+            auto [child, config_reason] =
+                via_pair(hooks::config_child, {name, param, pwl}, [&] { return config_child(name, param, pwl); });
             if (!is_none(config_reason)) return unsafe_result(config_reason);
             list_append(config_children, child);
         } else {
@@ -149,6 +153,11 @@ object unsafe_function_reason(handle function_type, handle schema_reason) {
     return str_of("unsupported rotation metadata for SIGNAL-safe random_weighted generation");
 }
 
+static object late_unsafe_reason(handle function_type, handle schema_reason) {
+    return via(hooks::unsafe_function_reason, {function_type, schema_reason},
+               [&] { return unsafe_function_reason(function_type, schema_reason); });
+}
+
 std::pair<object, object> function_safety(handle functions, bool log_reasons, handle window_limit, handle node_limit) {
     object safe = new_list(), unsafe = new_dict();
     if (!is_list(functions)) {
@@ -173,7 +182,7 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
             if (log_reasons)
                 log_info("random_weighted excluded %s from SIGNAL generation: function_type=%r is not rotation",
                          {name, function_type});
-            dict_set(unsafe, name, unsafe_function_reason(function_type, Py_None));
+            dict_set(unsafe, name, late_unsafe_reason(function_type, Py_None));
             continue;
         }
         if (truthy(dict_get(fn, ID("engine_only"), Py_False))) {
@@ -181,12 +190,13 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
             dict_set(unsafe, name, str_of("engine_only runtime transform"));
             continue;
         }
-        object result = rotation_schema(fn, window_limit, node_limit);
+        object result = via(hooks::rotation_schema, {fn, window_limit, node_limit},
+                            [&] { return rotation_schema(fn, window_limit, node_limit); });
         if (!truthy(dict_get(result, ID("safe"), Py_False))) {
             object dflt = str_of("unsupported rotation metadata");
             object reason = dict_get(result, ID("reason"), dflt);
             if (log_reasons) log_info("random_weighted excluded %s from SIGNAL generation: %s", {name, reason});
-            dict_set(unsafe, name, unsafe_function_reason(function_type, reason));
+            dict_set(unsafe, name, late_unsafe_reason(function_type, reason));
             continue;
         }
         object spec = new_dict();
@@ -204,7 +214,9 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
 }
 
 object safe_rotations(handle functions, handle window_limit, handle node_limit) {
-    return function_safety(functions, true, window_limit, node_limit).first;
+    return via_pair(hooks::function_safety, {functions, Py_True, window_limit, node_limit},
+                    [&] { return function_safety(functions, true, window_limit, node_limit); })
+        .first;
 }
 
 }  // namespace tw::gen

@@ -122,10 +122,10 @@ void validate_submit_contract(handle kwargs) {
     if (!has_key(kwargs, "is_stats")) raise(PyExc_ValueError, "is_stats is required");
     object is_stats = dict_get(kwargs, ID("is_stats"));
     if (!is_dict(is_stats)) raise(PyExc_ValueError, "is_stats must be a dict");
-    if (metrics::has_disallowed_mi_field(is_stats)) raise(PyExc_ValueError, "is_stats must not contain MI contract fields");
-    if (metrics::has_non_finite_number(is_stats)) raise(PyExc_ValueError, "is_stats values must be finite numbers");
+    if (metrics::has_disallowed_mi_field_late(is_stats)) raise(PyExc_ValueError, "is_stats must not contain MI contract fields");
+    if (metrics::has_non_finite_number_late(is_stats)) raise(PyExc_ValueError, "is_stats values must be finite numbers");
     if (!has_key(kwargs, "is_pnl_mi")) raise(PyExc_ValueError, "is_pnl_mi is required");
-    if (!metrics::is_finite_number(dict_get(kwargs, ID("is_pnl_mi"))))
+    if (!metrics::is_finite_number_late(dict_get(kwargs, ID("is_pnl_mi"))))
         raise(PyExc_ValueError, "is_pnl_mi must be a finite scalar number");
     if (!has_key(kwargs, "expression_elapsed_seconds")) raise(PyExc_ValueError, "expression_elapsed_seconds is required");
     object elapsed = dict_get(kwargs, ID("expression_elapsed_seconds"));

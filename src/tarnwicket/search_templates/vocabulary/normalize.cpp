@@ -48,6 +48,16 @@ static object raise_schema_error(handle source_kind, handle missing, handle unex
 
 // ---------------------------------------------------------------- flattening
 
+static const LateFn k_flatten("_flatten_vocabulary_entries");
+static const LateFn k_validate_function("_validate_function_entry");
+static const LateFn k_validate_feature("_validate_feature_entry");
+
+// _flatten_vocabulary_entries(node) as a list (a replacement may answer with any iterable)
+static object flatten_late(handle node) {
+    object entries = k_flatten.run<flatten_entries>(node);
+    return PyList_CheckExact(entries.ptr()) ? entries : list_from(entries);
+}
+
 object flatten_entries(handle node) {
     object out = new_list();
     if (is_list(node)) {
@@ -63,7 +73,7 @@ object flatten_entries(handle node) {
         object values = steal(PyDict_Values(node.ptr()));
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(values.ptr()); ++i) {
             object value = borrow(PyList_GET_ITEM(values.ptr(), i));
-            object sub = flatten_entries(value);
+            object sub = flatten_late(value);
             check_int(PyList_SetSlice(out.ptr(), PY_SSIZE_T_MAX, PY_SSIZE_T_MAX, sub.ptr()));
         }
         return out;
@@ -169,11 +179,11 @@ object normalize(handle vocab) {
         for (auto& [key, kind] : sources) {
             object empty = new_dict();
             object node = dict_get(normalized, str_of(key), empty);
-            object entries = flatten_entries(node);
+            object entries = flatten_late(node);
             object source_kind = str_of(kind);
             for (Py_ssize_t i = 0; i < PyList_GET_SIZE(entries.ptr()); ++i) {
                 object entry = borrow(PyList_GET_ITEM(entries.ptr(), i));
-                validate_function_entry(entry, source_kind);
+                k_validate_function.run<validate_function_entry>(entry, source_kind);
                 list_append(flat, dict_copy(entry));
             }
         }
@@ -181,9 +191,11 @@ object normalize(handle vocab) {
     }
     object features = dict_get(normalized, ID("features"));
     if (!is_list(features)) {
-        object entries = flatten_entries(features);
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(entries.ptr()); ++i)
-            validate_feature_entry(borrow(PyList_GET_ITEM(entries.ptr(), i)));
+        object entries = flatten_late(features);
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(entries.ptr()); ++i) {
+            object entry = borrow(PyList_GET_ITEM(entries.ptr(), i));
+            k_validate_feature.run<validate_feature_entry>(entry);
+        }
         dict_set(normalized, ID("features"), entries);
     }
     return normalized;
