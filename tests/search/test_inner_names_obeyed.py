@@ -6,11 +6,14 @@ Each case replaces one helper with a spy that hands the call on to the original,
 so the caller must reach the spy and still give exactly the answer it gives with
 the helper in place.
 """
+import math
 import types
 
 import pytest
 
 import tarnwicket.search_templates as st
+
+from fakes import hostile_data as hd
 
 ROTATION = {"name": "f", "function_type": "rotation", "stateful": True, "arity": 1,
             "param_schema": [{"name": "x", "type": "data"}, {"name": "w", "type": "int", "min": 2, "max": 20}]}
@@ -112,6 +115,16 @@ def test_a_replaced_helper_is_called_and_the_answer_is_unchanged(helper, run, mo
     monkeypatch.setattr(st, helper, spy)
     assert run() == expected
     assert calls, f"{helper} was not looked up in the module"
+
+
+ANSWERS = [None, -1, math.nan, 10**400, "", [], (1, 2), (1, 2, 3, 4, 5), {"safe": True}, object(), iter([1])]
+
+
+@pytest.mark.parametrize("helper, run", CASES, ids=[f"{helper}-{i}" for i, (helper, _) in enumerate(CASES)])
+def test_a_replacement_answering_anything_ends_in_an_ordinary_outcome(helper, run, monkeypatch):
+    for answer in ANSWERS:
+        monkeypatch.setattr(st, helper, lambda *args, _answer=answer, **kwargs: _answer)
+        hd.ordinary_outcome(run)
 
 
 def test_a_replaced_rotation_schema_decides_what_is_safe(monkeypatch):

@@ -50,7 +50,7 @@ object numeric_bounds_reason(handle param, handle value) {
     auto outside = [&]() {
         object label = via(hooks::numeric_range_label, {b[0], b[1], b[2], b[3]},
                            [&] { return numeric_range_label(b[0], b[1], b[2], b[3]); });
-        return msg("default %R outside declared range %S", value.ptr(), label.ptr());
+        return msg("default %R outside declared range %U", value.ptr(), fmt(label).ptr());
     };
     object numeric_value = float_of(nv);
     if (truthy(b[0]) && cmp(numeric_value, b[1], Py_LT)) return outside();
@@ -163,7 +163,7 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
     handle pn = param_name;
     auto fail = [](object reason) { return std::pair<object, object>{none(), reason}; };
     // "config param {param_name!r} {reason}"
-    auto prefixed = [&](handle reason) { return fail(msg("config param %R %U", pn.ptr(), reason.ptr())); };
+    auto prefixed = [&](handle reason) { return fail(msg("config param %R %U", pn.ptr(), fmt(reason).ptr())); };
     auto no_safe = [&](const char* type) {
         return fail(msg("config param %R has no safe %s default/range", pn.ptr(), type));
     };
