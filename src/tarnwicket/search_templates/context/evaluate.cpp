@@ -18,22 +18,39 @@ bool greater(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.p
 bool less(handle a, handle b) { return check_int(PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_LT)) == 1; }
 bool is_number(handle o) { return is_int(o) || is_float(o); }
 
-// Names of the vocabulary's functions, read afresh at each call: the host may
-// change an entry of the list in place. A name that cannot be hashed is left out.
-object function_names(handle functions) {
-    object names = steal(PySet_New(nullptr));
+// `node in {name of each entry of functions}`, with the vocabulary read afresh
+// at each call (the host may change an entry of the list in place). Every
+// entry's name is read, as the set is built; a name that cannot be hashed is
+// left out, and an unhashable node is in no set. Text against text compares
+// directly; anything else is matched as a set matches it (equal hashes, then
+// identity or equality). Neither a set nor its building is needed for that.
+bool known_function(handle functions, handle node) {
+    Py_hash_t node_hash = PyObject_Hash(node.ptr());
+    if (node_hash == -1) PyErr_Clear();
+    bool node_is_text = PyUnicode_CheckExact(node.ptr());
+    bool found = false;
     object it = steal(PyObject_GetIter(functions.ptr()));
     while (PyObject* raw = PyIter_Next(it.ptr())) {
         object entry = steal(raw);
         object name = is_dict(entry) ? dict_get(entry, ID("name")) : get_attr_or_none(entry, ID("name"));
-        if (PyObject_Hash(name.ptr()) == -1) {
+        if (found) continue;
+        if (node_is_text && PyUnicode_CheckExact(name.ptr())) {
+            found = PyUnicode_Compare(name.ptr(), node.ptr()) == 0;
+            continue;
+        }
+        Py_hash_t h = PyObject_Hash(name.ptr());
+        if (h == -1) {
             PyErr_Clear();
             continue;
         }
-        check_int(PySet_Add(names.ptr(), name.ptr()));
+        if (node_hash != -1 && h == node_hash) {
+            int eq = PyObject_RichCompareBool(name.ptr(), node.ptr(), Py_EQ);
+            if (eq < 0) PyErr_Clear();  // a comparison that fails is no match
+            found = eq == 1;
+        }
     }
     if (PyErr_Occurred()) throw_py();
-    return names;
+    return found;
 }
 
 bool cancelled(handle self) {
@@ -101,10 +118,7 @@ object evaluate(handle self, handle expr_graph) {
                                                : mapping_get(vocabulary, ID("functions"), new_list());
         if (truthy(functions)) {
             object node = dict_get(graph, ID("node"), empty);
-            object names = function_names(functions);
-            bool known = PyObject_Hash(node.ptr()) != -1 && check_int(PySet_Contains(names.ptr(), node.ptr())) == 1;
-            if (PyErr_Occurred()) PyErr_Clear();
-            if (!known) return reject(self, graph, "unknown_function");
+            if (!known_function(functions, node)) return reject(self, graph, "unknown_function");
         }
     }
 
