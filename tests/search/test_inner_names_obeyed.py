@@ -163,3 +163,12 @@ def test_the_integer_flag_is_passed_by_keyword(monkeypatch):
     assert st._random_weighted_config_child("f", {"name": "w", "type": "int"}) == ({"type": "int", "node": 3}, None)
     assert st._random_weighted_config_child("f", {"name": "w", "type": "float"}) == ({"type": "float", "node": 3.0}, None)
     assert seen == [True, True, False, False]
+
+
+def test_entries_from_replaced_vocabulary_helpers_are_copied_as_records_are(monkeypatch):
+    monkeypatch.setattr(st, "_flatten_vocabulary_entries", lambda node: [[("name", "r")], 1])
+    monkeypatch.setattr(st, "_validate_function_entry", lambda entry, source_kind: None)
+    with pytest.raises(TypeError):  # dict(1)
+        st._normalize_template_vocabulary({"rotations": {}, "features": []})
+    monkeypatch.setattr(st, "_flatten_vocabulary_entries", lambda node: [[("name", "r")]])
+    assert st._normalize_template_vocabulary({"rotations": {}, "features": []})["functions"] == [{"name": "r"}] * 3

@@ -154,7 +154,10 @@ object tuple_of(std::initializer_list<handle> items) {
     return t;
 }
 
-object dict_copy(handle d) { return steal(PyDict_Copy(d.ptr())); }
+object dict_copy(handle d) {
+    if (PyDict_Check(d.ptr())) return steal(PyDict_Copy(d.ptr()));
+    return call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {d});
+}
 object dict_items_iter(handle d) {
     object items = call(get_attr(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), ID("items")), {d});
     return steal(PyObject_GetIter(items.ptr()));

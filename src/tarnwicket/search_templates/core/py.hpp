@@ -219,7 +219,7 @@ inline object new_list(Py_ssize_t n = 0) { return steal(PyList_New(n)); }
 inline void list_append(handle l, handle v) { check_int(PyList_Append(l.ptr(), v.ptr())); }
 inline void dict_set(handle d, handle k, handle v) { check_int(PyDict_SetItem(d.ptr(), k.ptr(), v.ptr())); }
 object tuple_of(std::initializer_list<handle> items);
-object dict_copy(handle d);           // dict(d) for a dict
+object dict_copy(handle d);           // dict(d): a copy of a dict, else the dict type called on it
 object dict_items_iter(handle d);     // iter(dict.items(d)): a change of size during the walk raises as the host's does
 object list_from(handle iterable);    // list(iterable)
 

@@ -93,11 +93,11 @@ struct RowHelpers {
             return;
         }
         object zero_f = float_of(0.0);
-        e.yield_obj = late_float(value, zero_f);
+        e.yield_obj = float_late(value, zero_f);
     }
     object count(handle value) const {
         object zero = int_of(0);
-        return own ? rw_int(value, zero) : late_int(value, zero);
+        return own ? rw_int(value, zero) : int_late(value, zero);
     }
     object names(handle value) const {
         if (own) return valid_names(value, lim);
@@ -160,10 +160,11 @@ static bool object_row(handle row, Entry& e, const RowHelpers& h) {
     return true;
 }
 
-// Calls f(entry) for each accepted row of the first max_analytics_rows rows.
+// Calls f(entry) for each accepted row of the first max_analytics_rows rows;
+// `own`: the row readers' helpers were found to be ours when the operation began.
 template <class F>
-static void for_each_entry(handle analytics, const Limits& lim, F&& f) {
-    RowHelpers h{RowHelpers::all_own(), lim};
+static void for_each_entry(handle analytics, const Limits& lim, bool own, F&& f) {
+    RowHelpers h{own, lim};
     if (!truthy(analytics)) return;
     object rows = get_attr_or_none(analytics, ID("rows"));
     if (!truthy(rows)) return;
@@ -198,7 +199,7 @@ object analytics_entries_list(handle analytics) {
     Limits lim = Limits::read();
     object out = new_list();
     object one = int_of(1);
-    for_each_entry(analytics, lim, [&](Entry& e) {
+    for_each_entry(analytics, lim, RowHelpers::all_own(), [&](Entry& e) {
         object yr = e.yield_obj ? e.yield_obj : float_of(e.yield_rate);
         list_append(out, tuple_of({one, names_list(e, false), names_list(e, true), yr, e.evaluation_count}));
     });
@@ -236,7 +237,7 @@ bool skip_analytics_name(handle name, handle allowed_names, handle seen_names, c
 // `own`: _random_weighted_int is known to be ours for the whole operation.
 static long long clamped_count(handle evaluation_count, const Limits& lim, bool own = false) {
     object zero = int_of(0);
-    object c = own ? rw_int(evaluation_count, zero) : late_int(evaluation_count, zero);
+    object c = own ? rw_int(evaluation_count, zero) : int_late(evaluation_count, zero);
     long long count = is_int(c) ? clamp_ll(c) : clamp_ll(py_int(c));
     return std::min(std::max(count, 0LL), lim.max_analytics_weight);
 }
@@ -244,7 +245,7 @@ static long long clamped_count(handle evaluation_count, const Limits& lim, bool 
 void add_stat(handle stats, handle name, handle yield_rate, handle evaluation_count, const Limits& lim) {
     long long count = clamped_count(evaluation_count, lim);
     double weight = count > 0 ? (double)count : 1.0;
-    double safe = late_safe_yield_rate(yield_rate, lim);
+    double safe = safe_yield_rate_late(yield_rate, lim);
     if (!contains(stats, name)) {
         object item = new_dict();
         dict_set(item, ID("yield_total"), float_of(0.0));
@@ -286,9 +287,9 @@ void finalize_stats(handle stats, const Limits& lim) {
         }
         // The same steps through the namespace, with the host's arithmetic.
         object rate = zero_f;
-        object wt = late_float(get(item, ID("weight_total"), zero_f), zero_f);
+        object wt = float_late(get(item, ID("weight_total"), zero_f), zero_f);
         if (cmp(wt, zero_f, Py_GT)) {
-            object yt = late_float(get(item, ID("yield_total"), zero_f), zero_f);
+            object yt = float_late(get(item, ID("yield_total"), zero_f), zero_f);
             object mean = steal(PyNumber_TrueDivide(yt.ptr(), wt.ptr()));
             rate = via(hooks::safe_yield_rate, {mean}, [&] { return float_of(safe_yield_rate(mean, lim.max_abs_yield_rate)); });
         }
@@ -368,7 +369,7 @@ struct KindStats {
 // Only while stats_helpers_own(): the accumulation below stands for those helpers.
 static long long collect(handle analytics, KindStats& fs, KindStats& ts, const Limits& lim) {
     long long rows_seen = 0;
-    for_each_entry(analytics, lim, [&](Entry& e) {
+    for_each_entry(analytics, lim, true, [&](Entry& e) {
         rows_seen += 1;
         long long count = clamped_count(e.evaluation_count, lim, true);
         double weight = count > 0 ? (double)count : 1.0;
@@ -395,7 +396,7 @@ static bool stats_helpers_own() {
     return RowHelpers::all_own();
 }
 
-static object late_allowed(handle names) {
+static object allowed_name_set_late(handle names) {
     return via(hooks::allowed_name_set, {names}, [&] { return allowed_name_set(names); });
 }
 
@@ -405,8 +406,8 @@ static object analytics_stats_through_namespace(handle analytics, handle allowed
     object rows_seen = int_of(0);
     object function_stats = new_dict(), feature_stats = new_dict();
     object function_seen = steal(PySet_New(nullptr)), feature_seen = steal(PySet_New(nullptr));
-    object allowed_functions = late_allowed(allowed_function_names);
-    object allowed_features = late_allowed(allowed_feature_names);
+    object allowed_functions = allowed_name_set_late(allowed_function_names);
+    object allowed_features = allowed_name_set_late(allowed_feature_names);
     object entries = via(hooks::analytics_entries, {analytics}, [&] { return analytics_entries_list(analytics); });
     auto credit = [&](handle names, handle allowed, handle seen, handle stats, handle yield_rate, handle count) {
         object it = steal(PyObject_GetIter(names.ptr()));
@@ -496,7 +497,7 @@ object normalized_weights(handle names, handle stats) {
         handle name = PyList_GET_ITEM(seq.ptr(), i);
         object empty = new_dict();
         object item = get(stats, name, empty);
-        double rate = late_safe_yield_rate(get(item, ID("yield_rate"), zero_f), lim);
+        double rate = safe_yield_rate_late(get(item, ID("yield_rate"), zero_f), lim);
         double w = std::max(0.0, 1.0 + rate);
         setitem(raw, name, float_of(w));
         total += w;
@@ -524,10 +525,10 @@ object weight_entry(handle normalized_weights, handle stats, handle name) {
     object rate = get(item, ID("yield_rate"), zero_f);
     dict_set(entry, ID("yield_rate"),
              via(hooks::safe_yield_rate, {rate}, [&] { return float_of(safe_yield_rate(rate, lim.max_abs_yield_rate)); }));
-    dict_set(entry, ID("failure_rate"), late_float(get(item, ID("failure_rate"), one_f), one_f));
+    dict_set(entry, ID("failure_rate"), float_late(get(item, ID("failure_rate"), one_f), one_f));
     dict_set(entry, ID("evaluation_count"), py_int(get(item, ID("evaluation_count"), zero)));
     for (handle key : {ID("cold_weight"), ID("warm_weight"), ID("warm_delta")})
-        dict_set(entry, key, late_float(get(weights, key, zero_f), zero_f));
+        dict_set(entry, key, float_late(get(weights, key, zero_f), zero_f));
     return entry;
 }
 

@@ -58,7 +58,7 @@ object numeric_bounds_reason(handle param, handle value) {
     return none();
 }
 
-static object late_bounds_reason(handle param, handle value) {
+static object bounds_reason_late(handle param, handle value) {
     return via(hooks::numeric_bounds_reason, {param, value}, [&] { return numeric_bounds_reason(param, value); });
 }
 
@@ -76,7 +76,7 @@ object config_value_reason(handle param_name, handle value, bool integer) {
 }
 
 object window_bounded_param(handle param, handle window_limit) {
-    object bounded = is_dict(param) ? dict_copy(param) : call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {param});
+    object bounded = dict_copy(param);
     if (is_none(window_limit)) return bounded;
     if (!has_value(bounded, ID("min"))) dict_set(bounded, ID("min"), int_of(1));
     if (!has_value(bounded, ID("max"))) {
@@ -138,7 +138,7 @@ object numeric_default(handle param, bool integer) {
         }
         if (cmp(value, zero, Py_LE)) return none();
     }
-    return is_none(late_bounds_reason(param, value)) ? value : none();
+    return is_none(bounds_reason_late(param, value)) ? value : none();
 }
 
 object first_choice(handle param) {
@@ -178,7 +178,7 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
         return config_value_reason(pn, value, integer);
     };
     // _random_weighted_numeric_default(p, integer=...)
-    auto late_numeric_default = [](handle p, bool integer) {
+    auto numeric_default_late = [](handle p, bool integer) {
         if (object f = hooks::replaced(hooks::numeric_default)) return call_kw(f, {p}, {{ID("integer"), bool_of(integer)}});
         return numeric_default(p, integer);
     };
@@ -197,12 +197,12 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
         if (has_default) {
             value = get(param, ID("default"));
             if (!positive_int(value)) return no_safe("int");
-            object br = late_bounds_reason(param, value);
+            object br = bounds_reason_late(param, value);
             if (!is_none(br)) return prefixed(br);
             object wr = budget_reason(value);
             if (!is_none(wr)) return {none(), wr};
         } else {
-            value = late_numeric_default(bounded, true);
+            value = numeric_default_late(bounded, true);
         }
         if (!positive_int(value)) return no_safe("int");
         object vr = value_reason(value, true);
@@ -217,10 +217,10 @@ std::pair<object, object> config_child(handle, handle param, handle window_limit
         if (has_default) {
             value = get(param, ID("default"));
             if (!numeric(value)) return no_safe("float");
-            object br = late_bounds_reason(param, value);
+            object br = bounds_reason_late(param, value);
             if (!is_none(br)) return prefixed(br);
         } else {
-            value = late_numeric_default(param, false);
+            value = numeric_default_late(param, false);
         }
         if (!numeric(value)) return no_safe("float");
         object vr = value_reason(value, false);

@@ -112,9 +112,9 @@ object cum_weights(handle names, handle yield_map) {
             PyObject* v = PyDict_GetItemWithError(yield_map.ptr(), name.ptr());
             if (!v && PyErr_Occurred()) throw_py();
             object value = v ? borrow(v) : zero_f;
-            rate = late_safe_yield_rate(value, lim);
+            rate = safe_yield_rate_late(value, lim);
         } else {
-            rate = late_safe_yield_rate(dict_get(yield_map, name, zero_f), lim);
+            rate = safe_yield_rate_late(dict_get(yield_map, name, zero_f), lim);
         }
         total += std::max(0.0, 1.0 + rate);
         list_append(out, float_of(total));
@@ -228,10 +228,6 @@ inline object new_node2(PyObject* type_value, PyObject* node_value) {
     return o;
 }
 
-inline object copy_child(handle c) {
-    if (PyDict_Check(c.ptr())) return steal(PyDict_Copy(c.ptr()));
-    return call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {c});
-}
 
 }  // namespace
 
@@ -331,7 +327,7 @@ object Builder::rotation_node(handle func, Py_ssize_t index, Depth d) const {
         object cit = steal(PyObject_GetIter(configs.ptr()));
         while (PyObject* p = PyIter_Next(cit.ptr())) {
             object c = steal(p);
-            list_append(children, copy_child(c));
+            list_append(children, dict_copy(c));
         }
         if (PyErr_Occurred()) throw_py();
     }

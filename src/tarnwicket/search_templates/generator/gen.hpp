@@ -226,11 +226,11 @@ std::pair<object, object> via_pair(hooks::Id id, std::initializer_list<handle> a
 
 // The coercers as the generator's own functions call them: through the
 // namespace, and in C++ while they are ours.
-object late_int(handle value, handle dflt);            // _random_weighted_int
-object late_float(handle value, handle dflt);          // _random_weighted_float
-object late_positive_int(handle value, handle dflt);   // _random_weighted_positive_int
+object int_late(handle value, handle dflt);            // _random_weighted_int
+object float_late(handle value, handle dflt);          // _random_weighted_float
+object positive_int_late(handle value, handle dflt);   // _random_weighted_positive_int
 // _random_weighted_safe_yield_rate(value) as a double (a replacement's answer
 // goes through float(), as the arithmetic after it would take it)
-double late_safe_yield_rate(handle value, const Limits& lim);
+double safe_yield_rate_late(handle value, const Limits& lim);
 
 }  // namespace tw::gen

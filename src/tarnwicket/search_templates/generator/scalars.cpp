@@ -82,7 +82,7 @@ object rw_int(handle value, handle dflt) {
 }
 
 object rw_positive_int(handle value, handle dflt) {
-    object r = late_int(value, dflt);
+    object r = int_late(value, dflt);
     object zero = int_of(0);
     if (cmp(r, zero, Py_LE)) return borrow(dflt.ptr());
     return r;
@@ -103,23 +103,23 @@ double safe_yield_rate(handle value, double max_abs) {
     }
     // rate = _random_weighted_float(value, 0.0), clamped with the host's comparisons
     object zero_f = float_of(0.0);
-    object rate = late_float(value, zero_f);
+    object rate = float_late(value, zero_f);
     object top = float_of(max_abs), bottom = float_of(-1.0);
     if (cmp(rate, top, Py_GT)) return max_abs;
     if (cmp(rate, bottom, Py_LT)) return -1.0;
     return as_double(rate);
 }
 
-object late_int(handle value, handle dflt) {
+object int_late(handle value, handle dflt) {
     return via(hooks::rw_int, {value, dflt}, [&] { return rw_int(value, dflt); });
 }
-object late_float(handle value, handle dflt) {
+object float_late(handle value, handle dflt) {
     return via(hooks::rw_float, {value, dflt}, [&] { return rw_float(value, dflt); });
 }
-object late_positive_int(handle value, handle dflt) {
+object positive_int_late(handle value, handle dflt) {
     return via(hooks::rw_positive_int, {value, dflt}, [&] { return rw_positive_int(value, dflt); });
 }
-double late_safe_yield_rate(handle value, const Limits& lim) {
+double safe_yield_rate_late(handle value, const Limits& lim) {
     if (object f = hooks::replaced(hooks::safe_yield_rate)) return as_double(call(f, {value}));
     return safe_yield_rate(value, lim.max_abs_yield_rate);
 }
@@ -138,26 +138,26 @@ object era_value(handle ctx, handle name, handle dflt) {
     return borrow(dflt.ptr());
 }
 
-static object late_era_value(handle ctx, handle name, handle dflt) {
+static object era_value_late(handle ctx, handle name, handle dflt) {
     return via(hooks::era_value, {ctx, name, dflt}, [&] { return era_value(ctx, name, dflt); });
 }
 
 object node_limit(handle ctx) {
     object dflt = global(ID("_RANDOM_WEIGHTED_DEFAULT_MAX_NODE_COUNT"));
-    object value = late_positive_int(late_era_value(ctx, ID("max_node_count"), dflt), dflt);
+    object value = positive_int_late(era_value_late(ctx, ID("max_node_count"), dflt), dflt);
     object hard = global(ID("_RANDOM_WEIGHTED_HARD_MAX_NODE_COUNT"));
     return cmp(hard, value, Py_LT) ? hard : value;  // min(value, hard)
 }
 
 object buffer_duration_limit(handle ctx) {
     object dflt = global(ID("_RANDOM_WEIGHTED_DEFAULT_BUFFER_DURATION_MINUTES"));
-    return late_positive_int(late_era_value(ctx, ID("buffer_duration_minutes"), dflt), dflt);
+    return positive_int_late(era_value_late(ctx, ID("buffer_duration_minutes"), dflt), dflt);
 }
 
 object window_limit(handle ctx, handle max_depth) {
     object buffer = via(hooks::buffer_duration_limit, {ctx}, [&] { return buffer_duration_limit(ctx); });
     object one = int_of(1);
-    object divisor = late_positive_int(max_depth, one);
+    object divisor = positive_int_late(max_depth, one);
     object q = steal(PyNumber_FloorDivide(buffer.ptr(), divisor.ptr()));
     return cmp(one, q, Py_GT) ? one : q;  // max(q, 1)
 }

@@ -80,7 +80,7 @@ std::pair<object, object> declared_arity(handle fn) {
     if (!is_dict(fn)) return {none(), none()};
     object value = get(fn, ID("arity"));
     if (is_none(value)) return {none(), none()};
-    object arity = late_int(value, Py_None);
+    object arity = int_late(value, Py_None);
     object one = int_of(1);
     if (is_none(arity) || cmp(arity, one, Py_LT)) return {none(), msg("invalid arity metadata %R", value.ptr())};
     return {arity, none()};
@@ -153,7 +153,7 @@ object unsafe_function_reason(handle function_type, handle schema_reason) {
     return str_of("unsupported rotation metadata for SIGNAL-safe random_weighted generation");
 }
 
-static object late_unsafe_reason(handle function_type, handle schema_reason) {
+static object unsafe_reason_late(handle function_type, handle schema_reason) {
     return via(hooks::unsafe_function_reason, {function_type, schema_reason},
                [&] { return unsafe_function_reason(function_type, schema_reason); });
 }
@@ -182,7 +182,7 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
             if (log_reasons)
                 log_info("random_weighted excluded %s from SIGNAL generation: function_type=%r is not rotation",
                          {name, function_type});
-            dict_set(unsafe, name, late_unsafe_reason(function_type, Py_None));
+            dict_set(unsafe, name, unsafe_reason_late(function_type, Py_None));
             continue;
         }
         if (truthy(dict_get(fn, ID("engine_only"), Py_False))) {
@@ -196,7 +196,7 @@ std::pair<object, object> function_safety(handle functions, bool log_reasons, ha
             object dflt = str_of("unsupported rotation metadata");
             object reason = dict_get(result, ID("reason"), dflt);
             if (log_reasons) log_info("random_weighted excluded %s from SIGNAL generation: %s", {name, reason});
-            dict_set(unsafe, name, late_unsafe_reason(function_type, reason));
+            dict_set(unsafe, name, unsafe_reason_late(function_type, reason));
             continue;
         }
         object spec = new_dict();

@@ -83,7 +83,7 @@ object receipt_journal_entry(handle self, handle payload, handle receipt) {
     dict_set(entry, ID("source_kind"), kind);
     dict_set(entry, ID("source_id"), source_id);
     dict_set(entry, ID("submission_id"), get_attr(receipt, ID("submission_id")));
-    dict_set(entry, ID("payload"), call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {payload}));
+    dict_set(entry, ID("payload"), dict_copy(payload));
     dict_set(entry, ID("created_at"), float_of(wall_time()));
     return entry;
 }

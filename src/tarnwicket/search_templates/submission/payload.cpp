@@ -148,8 +148,7 @@ static object lookup(handle mapping, handle key) {
 
 object submit_kwargs(handle payload, handle allowed) {
     // dict(payload): any mapping (or iterable of pairs) as the host's dict() takes it.
-    object source = is_dict(payload) ? dict_copy(payload)
-                                     : call(handle(reinterpret_cast<PyObject*>(&PyDict_Type)), {payload});
+    object source = dict_copy(payload);
     call(global(ID("_validate_submit_contract_kwargs")), {source});
     object defaults = global(ID("_SUBMIT_KWARG_DEFAULTS"));
     object out = new_dict();
