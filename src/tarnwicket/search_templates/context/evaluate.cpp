@@ -235,8 +235,6 @@ object evaluate(handle self, handle expr_graph) {
 
 namespace {
 
-object entry_get(handle entry, const char* key, handle dflt) { return dict_get(entry, str_of(key), dflt); }
-
 // First failing entry of a metric record, or a null object.
 std::pair<object, object> first_failed(handle record) {
     if (!is_dict(record) || PyDict_GET_SIZE(record.ptr()) == 0) return {object(), object()};
@@ -248,7 +246,7 @@ std::pair<object, object> first_failed(handle record) {
         handle name = PyTuple_GET_ITEM(pair.ptr(), 0);
         handle entry = PyTuple_GET_ITEM(pair.ptr(), 1);
         if (!is_dict(entry)) continue;
-        if (!truthy(entry_get(entry, "passed", Py_True))) return {borrow(name.ptr()), borrow(entry.ptr())};
+        if (!truthy(dict_get(entry, ID("passed"), Py_True))) return {borrow(name.ptr()), borrow(entry.ptr())};
     }
     if (PyErr_Occurred()) throw_py();
     return {object(), object()};
@@ -256,9 +254,9 @@ std::pair<object, object> first_failed(handle record) {
 
 // "<prefix><name>_below_min" or "_above_max" by the entry's limits.
 object limit_reason(const char* prefix, handle name, handle entry) {
-    object mn = entry_get(entry, "min", Py_None);
-    object mx = entry_get(entry, "max", Py_None);
-    object value = entry_get(entry, "value", int_of(0));
+    object mn = dict_get(entry, ID("min"), Py_None);
+    object mx = dict_get(entry, ID("max"), Py_None);
+    object value = dict_get(entry, ID("value"), int_of(0));
     const char* suffix = "_below_min";
     if (!is_none(mn) && less(value, mn))
         suffix = "_below_min";
@@ -287,7 +285,7 @@ object derive_rejection_reason(handle self, handle stats) {
     handle empty = Py_None;
     auto [wq_name, wq_entry] = first_failed(get_attr_or(stats, ID("weight_quality_metrics"), empty));
     if (wq_entry) {
-        if (is_none(entry_get(wq_entry, "value", Py_None))) return str_of("invalid_weights");
+        if (is_none(dict_get(wq_entry, ID("value"), Py_None))) return str_of("invalid_weights");
         return ftext({str_of("weight_quality_"), wq_name, str_of("_exceeded")});
     }
     auto [liq_name, liq_entry] = first_failed(get_attr_or(stats, ID("liquidity_metrics"), empty));
