@@ -39,19 +39,19 @@ void register_required_metric_names() {
 }
 
 object invalid_reason(handle attr) { return ftext({str_of("invalid_backtest_metric_"), attr}); }
-static object late_invalid_reason(handle attr) { return k_invalid_reason.run<invalid_reason>(attr); }
+static object invalid_reason_late(handle attr) { return k_invalid_reason.run<invalid_reason>(attr); }
 
 // The value of one required metric, or the rejection reason. `sentinel` is the
 // module's _MISSING_BACKTEST_METRIC, read by the caller.
 static std::pair<object, object> required_value(handle bt_stats, handle attr, handle sentinel, bool is_count) {
     object value = get_attr_or(bt_stats, attr, sentinel);
-    if (value.ptr() == sentinel.ptr()) return {none(), late_invalid_reason(attr)};
-    if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), late_invalid_reason(attr)};
+    if (value.ptr() == sentinel.ptr()) return {none(), invalid_reason_late(attr)};
+    if (is_bool(value) || !(is_int(value) || is_float(value))) return {none(), invalid_reason_late(attr)};
     double d;
-    if (!try_double(value, d)) return {none(), late_invalid_reason(attr)};
-    if (!std::isfinite(d)) return {none(), late_invalid_reason(attr)};
+    if (!try_double(value, d)) return {none(), invalid_reason_late(attr)};
+    if (!std::isfinite(d)) return {none(), invalid_reason_late(attr)};
     if (is_count) {
-        if (std::floor(d) != d) return {none(), late_invalid_reason(attr)};
+        if (std::floor(d) != d) return {none(), invalid_reason_late(attr)};
         return {steal(PyLong_FromDouble(d)), none()};
     }
     if (PyFloat_CheckExact(value.ptr())) return {value, none()};  // float(x) is x

@@ -276,22 +276,12 @@ void finalize_stats(handle stats, const Limits& lim) {
     object zero_f = float_of(0.0);
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
         object item = borrow(PyList_GET_ITEM(items.ptr(), i));
-        if (hooks::is_own(hooks::rw_float) && hooks::is_own(hooks::safe_yield_rate)) {
-            double wt, yt = 0.0;
-            if (!rw_float_d(get(item, ID("weight_total"), zero_f), wt)) wt = 0.0;
-            if (wt > 0.0 && !rw_float_d(get(item, ID("yield_total"), zero_f), yt)) yt = 0.0;
-            auto [rate, failure] = finalized_rates(wt, yt, lim.max_abs_yield_rate);
-            setitem(item, ID("yield_rate"), float_of(rate));
-            setitem(item, ID("failure_rate"), float_of(failure));
-            continue;
-        }
-        // The same steps through the namespace, with the host's arithmetic.
         object rate = zero_f;
         object wt = float_late(get(item, ID("weight_total"), zero_f), zero_f);
         if (cmp(wt, zero_f, Py_GT)) {
             object yt = float_late(get(item, ID("yield_total"), zero_f), zero_f);
             object mean = steal(PyNumber_TrueDivide(yt.ptr(), wt.ptr()));
-            rate = via(hooks::safe_yield_rate, {mean}, [&] { return float_of(safe_yield_rate(mean, lim.max_abs_yield_rate)); });
+            rate = safe_yield_rate_late_obj(mean, lim);
         }
         if (!std::isfinite(as_double(rate))) rate = zero_f;
         setitem(item, ID("yield_rate"), rate);
@@ -464,9 +454,7 @@ std::pair<object, object> yield_maps(handle analytics, handle function_names, ha
             for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.ptr()); ++i) {
                 std::vector<object> kv = unpack(PyList_GET_ITEM(items.ptr(), i), 2);
                 object value = get(kv[1], ID("yield_rate"), zero_f);
-                setitem(out, kv[0], via(hooks::safe_yield_rate, {value}, [&] {
-                            return float_of(safe_yield_rate(value, lim.max_abs_yield_rate));
-                        }));
+                setitem(out, kv[0], safe_yield_rate_late_obj(value, lim));
             }
             return out;
         };
@@ -523,8 +511,7 @@ object weight_entry(handle normalized_weights, handle stats, handle name) {
     object zero_f = float_of(0.0), one_f = float_of(1.0), zero = int_of(0);
     object entry = new_dict();
     object rate = get(item, ID("yield_rate"), zero_f);
-    dict_set(entry, ID("yield_rate"),
-             via(hooks::safe_yield_rate, {rate}, [&] { return float_of(safe_yield_rate(rate, lim.max_abs_yield_rate)); }));
+    dict_set(entry, ID("yield_rate"), safe_yield_rate_late_obj(rate, lim));
     dict_set(entry, ID("failure_rate"), float_late(get(item, ID("failure_rate"), one_f), one_f));
     dict_set(entry, ID("evaluation_count"), py_int(get(item, ID("evaluation_count"), zero)));
     for (handle key : {ID("cold_weight"), ID("warm_weight"), ID("warm_delta")})

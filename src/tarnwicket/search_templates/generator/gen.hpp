@@ -232,5 +232,7 @@ object positive_int_late(handle value, handle dflt);   // _random_weighted_posit
 // _random_weighted_safe_yield_rate(value) as a double (a replacement's answer
 // goes through float(), as the arithmetic after it would take it)
 double safe_yield_rate_late(handle value, const Limits& lim);
+// the same, the answer as it stands (ours: a float)
+object safe_yield_rate_late_obj(handle value, const Limits& lim);
 
 }  // namespace tw::gen

@@ -119,6 +119,9 @@ object float_late(handle value, handle dflt) {
 object positive_int_late(handle value, handle dflt) {
     return via(hooks::rw_positive_int, {value, dflt}, [&] { return rw_positive_int(value, dflt); });
 }
+object safe_yield_rate_late_obj(handle value, const Limits& lim) {
+    return via(hooks::safe_yield_rate, {value}, [&] { return float_of(safe_yield_rate(value, lim.max_abs_yield_rate)); });
+}
 double safe_yield_rate_late(handle value, const Limits& lim) {
     if (object f = hooks::replaced(hooks::safe_yield_rate)) return as_double(call(f, {value}));
     return safe_yield_rate(value, lim.max_abs_yield_rate);
