@@ -96,3 +96,29 @@ def test_a_signal_under_two_keys_and_a_missing_store(world, tmp_path, capsys):
     assert "1 signals are held by the service under more than one key" in problems(world)
     assert cli.main(["check", "--data-dir", str(tmp_path / "nowhere")]) == 2
     assert "cannot check" in capsys.readouterr().err
+
+
+def test_passes_that_sent_one_body_share_its_submission(world):
+    graph = {"type": "feature", "node": "vwap"}
+    evals = [world.passed("vwap") for _ in range(3)]
+
+    def sent_again():  # the body's key: the service answers with the first receipt
+        with SignalServiceClient(world.service.url, "t") as client:
+            return client.submit_signal(signal_pool_id="p", is_stats={}, graph=graph, idempotency_key="k-vwap")
+
+    sid = sent_again().submission_id
+    assert sent_again().submission_id == sid
+    for eval_id in evals:
+        world.store._conn.execute("INSERT INTO submission_status (eval_id, submission_id, status) "
+                                  "VALUES (?, ?, 'pending')", (eval_id, sid))
+        world.store._conn.commit()
+        if eval_id == evals[1]:
+            r = check(world.dir)
+            assert r.ok and (r.shared, r.duplicates) == (1, 0)
+    # a third pass credited without a request of its own
+    assert problems(world) == [f"submission {sid} is recorded 3 times"]
+    sent_again()
+    assert check(world.dir).ok
+    world.store._conn.execute("UPDATE signal_evaluations SET graph_json='{}' WHERE eval_id=?", (evals[2],))
+    world.store._conn.commit()
+    assert problems(world) == [f"submission {sid} is recorded 3 times"]  # another graph never sent this body

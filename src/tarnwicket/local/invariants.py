@@ -9,7 +9,11 @@ store, and reports:
 - every recorded submission is known to the service, and every submission
   the service holds is recorded in the status table exactly once, or is
   still in transit: in the journal, or its row still waits and
-  will be sent again under the same idempotency key;
+  will be sent again under the same idempotency key. One submission may be
+  recorded for several passes of one graph whose requests were the same body:
+  the key is the body's, so the service answered each later one as a repeat
+  of the first; it counts as shared when the service holds that graph and
+  counted a repeat for each further pass;
 - no idempotency key reached the service with two different bodies, and no
   signal is held by the service under two keys;
 - no row is claimed by an owner whose lease has run out (meaningful once a
@@ -53,6 +57,7 @@ class Report:
     in_transit: int = 0             # held by the service, not yet recorded, still on its way
     lost_receipts: int = 0          # accepted by the service, and neither recorded nor on its way
     duplicates: int = 0             # submissions recorded twice, and signals held under two keys
+    shared: int = 0                 # submissions recorded for several passes that sent one body
     unplaced: list = field(default_factory=list)        # (eval_id, created_at) of passes in no place
     problems: list = field(default_factory=list)        # broken invariants, one text each
 
@@ -63,7 +68,8 @@ class Report:
     def lines(self) -> list[str]:
         out = [f"passed {self.passed:,}: queued {self.queued:,}, retrying {self.retrying:,}, "
                f"recorded {self.recorded:,} (accepted {self.accepted:,}, rejected {self.rejected:,}, "
-               f"in review {self.in_review:,}), in no place {len(self.unplaced):,}",
+               f"in review {self.in_review:,}), in no place {len(self.unplaced):,}, "
+               f"shared by passes of one body {self.shared:,}",
                f"service holds {self.service_held:,} (repeated requests {self.service_repeats:,}); "
                f"in transit {self.in_transit:,}; journal entries {self.journal:,}"]
         out += [f"BROKEN: {p}" for p in self.problems] or ["every invariant holds"]
@@ -120,6 +126,9 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
         sources = {("queue", r[0]): r[1] for r in store.execute("SELECT queue_id, eval_id FROM submission_queue")}
         sources.update({("retry", r[0]): r[1] for r in store.execute("SELECT retry_id, eval_id FROM submission_retry")})
         key_to_eval = dict(store.execute("SELECT idempotency_key, eval_id FROM submission_attempts"))
+        recorded_ids = collections.Counter(sid for _, sid, *_ in status if sid)
+        shared = {sid: [e for e, s, *_ in status if s == sid] for sid, n in recorded_ids.items() if n > 1}
+        graphs = {e: _graph(store, e) for evals in shared.values() for e in evals}
         stale = sum(_stale_claims(where, store, table, now - lease) for table in ("submission_queue", "submission_retry"))
     finally:
         store.close()
@@ -137,12 +146,6 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
             report.problems.append(f"evaluation {eval_id} has a submission row but did not pass")
     report.unplaced = sorted(((e, t) for e, t in passed.items() if e not in places), key=lambda p: p[1])
 
-    recorded_ids = collections.Counter(sid for _, sid, *_ in status if sid)
-    for sid, n in recorded_ids.items():
-        if n > 1:
-            report.duplicates += 1
-            report.problems.append(f"submission {sid} is recorded {n} times")
-
     journal = [e for d in (data_dir, *others) for e in _journal_entries(d, report)]
     report.journal = len(journal)
     journal_ids = set()
@@ -157,9 +160,35 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
         report.problems.append(f"{stale} rows are claimed by an owner whose lease ran out")
 
     service_path = service_db or os.path.join(data_dir, SERVICE_DB)
-    if os.path.exists(service_path):
+    service = os.path.exists(service_path)
+    if service:
         _check_service(service_path, report, recorded_ids, journal_ids, key_to_eval, set(queue) | set(retry))
+    for sid, evals in shared.items():
+        if service and _one_body(service_path, sid, [graphs[e] for e in evals]):
+            report.shared += 1
+        else:
+            report.duplicates += 1
+            report.problems.append(f"submission {sid} is recorded {len(evals)} times")
     return report
+
+
+def _graph(store, eval_id):
+    row = store.execute("SELECT graph_json FROM signal_evaluations WHERE eval_id=?", (eval_id,)).fetchone()
+    return None if row is None else json.loads(row[0])
+
+
+def _one_body(path, sid, graphs):
+    """Whether the service holds ``sid`` as the graph of every one of ``graphs``, and
+    counted a repeated request for each but the first."""
+    service = _ro(path)
+    try:
+        row = service.execute("SELECT body_json, repeats FROM submissions WHERE submission_id=?", (sid,)).fetchone()
+    finally:
+        service.close()
+    if row is None:
+        return False
+    body, repeats = json.loads(row[0]), row[1]
+    return repeats >= len(graphs) - 1 and all(g is not None and g == body.get("graph") for g in graphs)
 
 
 def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting):
