@@ -42,7 +42,7 @@ void replace_earlier_handles() {
             if (!ordinary(e)) throw;
             log_warning("Failed to stop previous search handle: %s", {exc_value(e)});
             try {
-                call_method(get_attr(h, ID("_stop_event")), ID("set"));
+                event_set(get_attr(h, ID("_stop_event")));
             } catch (py::error_already_set& e2) {
                 if (!ordinary(e2)) throw;
                 log_warning("Failed to signal previous search handle: %s", {exc_value(e2)});

@@ -220,10 +220,10 @@ object refresh_analytics(handle self) {
 
 bool submission_cancelled(handle self) {
     object stop = get_attr(self, ID("_stop_event"));
-    if (!is_none(stop) && truthy(call_method(stop, ID("is_set")))) return true;
+    if (!is_none(stop) && event_is_set(stop)) return true;
     object abort = get_attr(self, ID("_replacement_abort_event"));
     if (is_none(abort)) return false;
-    return truthy(call_method(abort, ID("is_set")));
+    return event_is_set(abort);
 }
 
 

@@ -222,7 +222,7 @@ object evaluate(handle self, handle expr_graph) {
                     if (!is_none(queue)) {
                         call_method(queue, ID("put"), {dict_copy(payload)});
                         object wakeup = get_attr(self, ID("_submission_wakeup"));
-                        if (!is_none(wakeup)) call_method(wakeup, ID("set"));
+                        if (!is_none(wakeup)) event_set(wakeup);
                     }
                 }
             }

@@ -4,6 +4,7 @@
 
 #include "core/binding.hpp"
 #include "core/errors.hpp"
+#include "core/event.hpp"
 #include "core/late.hpp"
 #include "core/lock.hpp"
 

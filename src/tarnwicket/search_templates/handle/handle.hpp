@@ -11,9 +11,6 @@ inline object field(handle self, handle name) { return get_attr(self, name); }
 inline void set_field(handle self, handle name, handle v) { set_attr(self, name, v); }
 inline bool field_true(handle self, handle name) { return truthy(get_attr(self, name)); }
 
-inline bool event_is_set(handle ev) { return truthy(call_method(ev, ID("is_set"))); }
-inline void event_set(handle ev) { call_method(ev, ID("set")); }
-
 // The handle's `_lock` and `_stop_event`, read at each use: a host may replace them.
 inline object lock_of(handle self) { return field(self, ID("_lock")); }
 inline object stop_event_of(handle self) { return field(self, ID("_stop_event")); }
