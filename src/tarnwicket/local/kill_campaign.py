@@ -82,7 +82,8 @@ class Outcome:
         if r is not None:
             out.append(f"passed {r.passed:,}, sent {r.service_held:,}, accepted {r.accepted:,}, "
                        f"rejected {r.rejected:,}, in review {r.in_review:,}, waiting {r.queued + r.retrying:,}, "
-                       f"repeated requests {r.service_repeats:,}, duplicates {r.duplicates}, "
+                       f"repeated requests {r.service_repeats:,}, shared by passes of one body {r.shared}, "
+                       f"duplicates {r.duplicates}, "
                        f"lost {len(self.lost_passes) + r.lost_receipts}")
         out += [f"BROKEN: {p}" for p in self.problems]
         out += [f"LOST: pass {e} recorded at {t:.3f}, not just before a kill" for e, t in self.lost_passes]
