@@ -1,6 +1,5 @@
 // The host's threading.Event, as the module probes and sets it. The event is
-// any object the host put there: its methods are called as `event.is_set()`
-// and `event.set()` call them.
+// whatever object the host put there; its own `is_set` and `set` are called.
 //
 //     if (event_is_set(get_attr(self, ID("_stop_event")))) return;
 #pragma once
