@@ -160,11 +160,12 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
         report.problems.append(f"{stale} rows are claimed by an owner whose lease ran out")
 
     service_path = service_db or os.path.join(data_dir, SERVICE_DB)
-    service = os.path.exists(service_path)
-    if service:
-        _check_service(service_path, report, recorded_ids, journal_ids, key_to_eval, set(queue) | set(retry))
+    bodies = {}
+    if os.path.exists(service_path):
+        bodies = _check_service(service_path, report, recorded_ids, journal_ids, key_to_eval,
+                                set(queue) | set(retry), shared)
     for sid, evals in shared.items():
-        if service and _one_body(service_path, sid, [graphs[e] for e in evals]):
+        if sid in bodies and _one_body(*bodies[sid], [graphs[e] for e in evals]):
             report.shared += 1
         else:
             report.duplicates += 1
@@ -177,24 +178,22 @@ def _graph(store, eval_id):
     return None if row is None else json.loads(row[0])
 
 
-def _one_body(path, sid, graphs):
-    """Whether the service holds ``sid`` as the graph of every one of ``graphs``, and
-    counted a repeated request for each but the first."""
-    service = _ro(path)
-    try:
-        row = service.execute("SELECT body_json, repeats FROM submissions WHERE submission_id=?", (sid,)).fetchone()
-    finally:
-        service.close()
-    if row is None:
-        return False
-    body, repeats = json.loads(row[0]), row[1]
+def _one_body(body, repeats, graphs):
+    """Whether the held ``body`` is the graph of every one of ``graphs``, and the
+    service counted a repeated request for each but the first."""
     return repeats >= len(graphs) - 1 and all(g is not None and g == body.get("graph") for g in graphs)
 
 
-def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting):
+def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting, shared):
+    """Checks what the service holds; returns (body, repeats) of each held one of ``shared``."""
     service = _ro(path)
     try:
         held = service.execute("SELECT submission_id, idempotency_key, repeats FROM submissions").fetchall()
+        bodies = {}
+        for sid in shared:
+            row = service.execute("SELECT body_json, repeats FROM submissions WHERE submission_id=?", (sid,)).fetchone()
+            if row is not None:
+                bodies[sid] = (json.loads(row[0]), row[1])
         conflicts = service.execute("SELECT COUNT(*) FROM key_conflicts").fetchone()[0]
         twice = service.execute("SELECT COUNT(*) FROM (SELECT body_json FROM submissions GROUP BY body_json "
                                 "HAVING COUNT(*) > 1)").fetchone()[0]
@@ -220,3 +219,4 @@ def _check_service(path, report, recorded_ids, journal_ids, key_to_eval, waiting
             report.lost_receipts += 1
             report.problems.append(f"submission {sid} held by the service is lost: not recorded, "
                                    f"not in the journal, no row waits to send it again")
+    return bodies
