@@ -39,7 +39,7 @@ class ListTracker:
         self.records, self.enqueued = [], []
 
     def record_signal_evaluation(self, *args, **kwargs):
-        self.records.append(args)
+        self.records.append((args, kwargs))
         return "eval-1"
 
     def enqueue_submission(self, *args):
@@ -82,10 +82,15 @@ def main():
     ctx = st.SearchContext(VOCAB, "universe_top50", {"seed": 7}, 4, tracker, None, bt, THRESHOLDS,
                            EraConfig(), submission_queue=q, submission_wakeup=wakeup)
     plain = PlainContext(ctx)
-    for evaluate in (ctx.evaluate, plain.evaluate):
+    for evaluate in (plain.evaluate, ctx.evaluate):
+        tracker.records.clear()
         tracker.enqueued.clear()
         if evaluate(GRAPH) is None or not tracker.enqueued:
             raise SystemExit("the graph did not pass: the benchmark measures the passing path")
+    # The host calls are timed with the very arguments the module passed.
+    (record_args, record_kwargs), (payload,) = tracker.records[0], tracker.enqueued[0]
+    era_id, passed, universe_id, metaparams = record_args[2:]
+    pool_id = record_kwargs["pool_id"]
 
     def drain():
         tracker.records.clear()
@@ -101,7 +106,6 @@ def main():
                 drain()
         return run
 
-    payload = {"eval_id": "eval-1", "graph": GRAPH}
     new_stats, lock = st._BacktestStats, ctx._tracker_write_lock
 
     def run_host(n):
@@ -113,7 +117,8 @@ def main():
                 rb(GRAPH)
                 stats = new_stats()
                 with lock:
-                    rec(GRAPH, stats, 3, True, "u", "{}", pool_id="p", rejection_reason=None, per_column_stats=None)
+                    rec(GRAPH, stats, era_id, passed, universe_id, metaparams,
+                        pool_id=pool_id, rejection_reason=None, per_column_stats=None)
                 with lock:
                     enq(payload)
                     put(payload.copy())
