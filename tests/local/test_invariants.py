@@ -48,6 +48,10 @@ def test_a_sound_directory_passes_and_counts_its_places(world, capsys):
     assert r.ok and (r.passed, r.queued, r.recorded, r.service_held, r.in_transit) == (2, 1, 1, 1, 0)
     world.passed("high")  # a pass whose queue row a kill prevented
     assert [e for e, _ in check(world.dir).unplaced] != [] and check(world.dir).ok
+    # A pass whose record failed is queued under an identifier the store never saw.
+    world.store.enqueue_submission({"eval_id": "never-recorded", "submission_type": "signal", "era_id": 1})
+    r = check(world.dir)
+    assert r.ok and r.unrecorded == ["never-recorded"] and r.queued == 2
     assert cli.main(["check", "--data-dir", world.dir]) == 0
     assert "every invariant holds" in capsys.readouterr().out
 
@@ -67,10 +71,12 @@ def test_a_receipt_on_its_way_is_in_transit_not_lost(world):
 
 def test_each_breakage_is_named(world, capsys):
     conn = world.store._conn
+    failed = world.store.record_signal_evaluation({"type": "feature", "node": "low"}, None, 1, False, "u", {},
+                                                  pool_id="p")
     conn.execute("INSERT INTO submission_retry (eval_id, eval_type, payload_json, era_id, created_at) "
                  "VALUES (?, 'signal', '{}', 1, 0)", (world.queued,))
-    conn.execute("INSERT INTO submission_status (eval_id, submission_id, status) VALUES ('x', ?, 'pending')",
-                 (world.sid,))
+    conn.execute("INSERT INTO submission_status (eval_id, submission_id, status) VALUES (?, ?, 'pending')",
+                 (failed, world.sid))
     conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_owner TEXT")  # as a search's migration does
     conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_at REAL")
     conn.execute("UPDATE submission_queue SET in_flight_owner='gone', in_flight_at=1")
@@ -82,7 +88,7 @@ def test_each_breakage_is_named(world, capsys):
     found = problems(world)
     assert f"evaluation {world.queued} is in 2 places" in found
     assert f"evaluation {world.sent} is in 2 places" in found
-    assert "evaluation x has a submission row but did not pass" in found
+    assert f"evaluation {failed} has a submission row but did not pass" in found
     assert f"submission {world.sid} is recorded 2 times" in found
     assert "1 rows are claimed by an owner whose lease ran out" in found
     assert "1 requests reused an idempotency key with another body" in found

@@ -18,6 +18,9 @@ store, and reports:
   signal is held by the service under two keys;
 - no row is claimed by an owner whose lease has run out (meaningful once a
   search has made a pass after the lease);
+- every row names a passed evaluation, or one that is not in the store at
+  all: a pass whose record failed (a full or broken disk) is still queued,
+  under an identifier of its own, and such rows are listed apart;
 - passed evaluations in no place at all are listed with their times, so that
   a driver can match them to its kills (the evaluation and its queue row are
   two writes; a kill between them leaves the pass without a row).
@@ -59,6 +62,7 @@ class Report:
     duplicates: int = 0             # submissions recorded twice, and signals held under two keys
     shared: int = 0                 # submissions recorded for several passes that sent one body
     unplaced: list = field(default_factory=list)        # (eval_id, created_at) of passes in no place
+    unrecorded: list = field(default_factory=list)      # eval_id of rows whose pass the store never recorded
     problems: list = field(default_factory=list)        # broken invariants, one text each
 
     @property
@@ -69,7 +73,7 @@ class Report:
         out = [f"passed {self.passed:,}: queued {self.queued:,}, retrying {self.retrying:,}, "
                f"recorded {self.recorded:,} (accepted {self.accepted:,}, rejected {self.rejected:,}, "
                f"in review {self.in_review:,}), in no place {len(self.unplaced):,}, "
-               f"shared by passes of one body {self.shared:,}",
+               f"shared by passes of one body {self.shared:,}, rows of unrecorded passes {len(self.unrecorded):,}",
                f"service holds {self.service_held:,} (repeated requests {self.service_repeats:,}); "
                f"in transit {self.in_transit:,}; journal entries {self.journal:,}"]
         out += [f"BROKEN: {p}" for p in self.problems] or ["every invariant holds"]
@@ -123,6 +127,8 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
         queue = [r[0] for r in store.execute("SELECT eval_id FROM submission_queue")]
         retry = [r[0] for r in store.execute("SELECT eval_id FROM submission_retry")]
         status = store.execute("SELECT eval_id, submission_id, status, finalized_at FROM submission_status").fetchall()
+        failed = {e for e in {*queue, *retry, *(r[0] for r in status)} - passed.keys()
+                  if store.execute("SELECT 1 FROM signal_evaluations WHERE eval_id=?", (e,)).fetchone()}
         sources = {("queue", r[0]): r[1] for r in store.execute("SELECT queue_id, eval_id FROM submission_queue")}
         sources.update({("retry", r[0]): r[1] for r in store.execute("SELECT retry_id, eval_id FROM submission_retry")})
         key_to_eval = dict(store.execute("SELECT idempotency_key, eval_id FROM submission_attempts"))
@@ -142,8 +148,10 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
     for eval_id, n in places.items():
         if n > 1:
             report.problems.append(f"evaluation {eval_id} is in {n} places")
-        if eval_id not in passed:
+        if eval_id in failed:
             report.problems.append(f"evaluation {eval_id} has a submission row but did not pass")
+        elif eval_id not in passed:
+            report.unrecorded.append(eval_id)
     report.unplaced = sorted(((e, t) for e, t in passed.items() if e not in places), key=lambda p: p[1])
 
     journal = [e for d in (data_dir, *others) for e in _journal_entries(d, report)]
