@@ -44,3 +44,26 @@ class DirSource:
         os.makedirs(os.path.join(data_dir, universe_id), exist_ok=True)
         with open(self.marker(data_dir, universe_id), "w") as fh:
             fh.write("ok")
+
+
+class FakeTracker:
+    """A management tracker: records its construction, the commands it was asked and its
+    closing. A test makes a subclass with `made`, `fail_with` and `close_fails_with`."""
+
+    def __init__(self, data_dir):
+        self.data_dir, self.calls, self.closed = data_dir, [], 0
+        self.made.append(self)
+
+    def __getattr__(self, name):
+        def command(*args, **kwargs):
+            self.calls.append((name, args, kwargs))
+            if self.fail_with is not None:
+                raise self.fail_with
+            return (name, args, kwargs)
+
+        return command
+
+    def close(self):
+        self.closed += 1
+        if self.close_fails_with is not None:
+            raise self.close_fails_with

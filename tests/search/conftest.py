@@ -7,28 +7,7 @@ import types
 import pytest
 
 import tarnwicket.search_templates as st
-
-
-class FakeTracker:
-    """Records its construction, the commands it was asked and its closing."""
-
-    def __init__(self, data_dir):
-        self.data_dir, self.calls, self.closed = data_dir, [], 0
-        self.made.append(self)
-
-    def __getattr__(self, name):
-        def command(*args, **kwargs):
-            self.calls.append((name, args, kwargs))
-            if self.fail_with is not None:
-                raise self.fail_with
-            return (name, args, kwargs)
-
-        return command
-
-    def close(self):
-        self.closed += 1
-        if self.close_fails_with is not None:
-            raise self.close_fails_with
+from fakes.collaborators import FakeTracker
 
 
 @pytest.fixture
