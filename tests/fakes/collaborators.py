@@ -48,7 +48,13 @@ class DirSource:
 
 class FakeTracker:
     """A management tracker: records its construction, the commands it was asked and its
-    closing. A test makes a subclass with `made`, `fail_with` and `close_fails_with`."""
+    closing. A test uses the class `fresh()` returns; it sets `fail_with` and
+    `close_fails_with` to make commands or closing raise."""
+
+    @classmethod
+    def fresh(cls):
+        """A subclass of its own: nothing made yet, nothing failing."""
+        return type("Tracker", (cls,), {"made": [], "fail_with": None, "close_fails_with": None})
 
     def __init__(self, data_dir):
         self.data_dir, self.calls, self.closed = data_dir, [], 0

@@ -12,7 +12,7 @@ from fakes.collaborators import FakeTracker
 
 @pytest.fixture
 def tracker(monkeypatch):
-    cls = type("Tracker", (FakeTracker,), {"made": [], "fail_with": None, "close_fails_with": None})
+    cls = FakeTracker.fresh()
     monkeypatch.setattr(st, "SearchTracker", cls, raising=False)
     return cls
 

@@ -98,8 +98,7 @@ def test_module_status(active):
        active=hostile(), method=hs.one_of(texts(), hostile()), args=hs.lists(hostile(), max_size=3))
 def test_management_commands(eval_type, keep_last, data_dir, active, method, args):
     with pytest.MonkeyPatch.context() as mp:
-        mp.setattr(st, "SearchTracker", type("Tracker", (FakeTracker,), {"made": [], "fail_with": None,
-                                                                      "close_fails_with": None}), raising=False)
+        mp.setattr(st, "SearchTracker", FakeTracker.fresh(), raising=False)
         mp.setitem(onboarding._config, "data_dir", data_dir)
         assert settle(lambda: st.delete_evaluations(eval_type, keep_last=keep_last)) in (
             None, ("delete_evaluations", (), {"eval_type": eval_type, "keep_last": keep_last}))
