@@ -328,3 +328,36 @@ def test_second_connection_waits_for_begin_immediate(tmp_path, store_url):
     finally:
         a.close()
         b.close()
+
+
+def test_a_close_under_statements_of_another_thread_fails_them_cleanly(tmp_path, store_url):
+    """A running search works on `_conn` under its own lock, not the tracker's; a host
+    that closes the tracker without stopping the search first closes the connection
+    under those statements. They must fail with the store's error, never bring the
+    interpreter down."""
+    for attempt in range(40):
+        tracker = SearchTracker(str(tmp_path / str(attempt)), store=store_url)
+        conn, errors, running = tracker._conn, [], threading.Event()
+
+        def search_thread():
+            try:
+                while True:
+                    conn.execute("BEGIN IMMEDIATE")
+                    conn.execute("INSERT INTO tracker_meta (key, value, updated_at) VALUES ('k', '1', 0) "
+                                 "ON CONFLICT(key) DO UPDATE SET value=excluded.value")
+                    conn.execute("SELECT value FROM tracker_meta WHERE key='k'").fetchone()
+                    conn.commit() if attempt % 2 else conn.execute("COMMIT")
+                    running.set()
+            except sqlite3.Error as exc:
+                errors.append(exc)
+            finally:
+                running.set()
+
+        worker = threading.Thread(target=search_thread)
+        worker.start()
+        running.wait(10)
+        time.sleep(0.0003 * (attempt % 7))
+        tracker.close()
+        worker.join(10)
+        assert not worker.is_alive() and len(errors) == 1
+        assert isinstance(errors[0], (sqlite3.ProgrammingError, sqlite3.OperationalError)), errors

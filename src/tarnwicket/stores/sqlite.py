@@ -4,6 +4,48 @@ from __future__ import annotations
 
 import os
 import sqlite3
+import threading
+
+
+class SharedConnection(sqlite3.Connection):
+    """A connection that several threads use, and that one of them may close.
+
+    A running search works on the tracker's connection under the search's own
+    lock, the tracker under its lock, and a host may close the tracker before
+    its search has stopped. The driver cannot take a close beside a statement
+    of another thread: it frees the statement cache and the database handle
+    that the statement still reads, and the interpreter crashes. Every call
+    that enters the database, and the close, therefore hold the connection's
+    own lock; after a close the others fail with the driver's error.
+    """
+
+    def __init__(self, *args, **kwargs):
+        super().__init__(*args, **kwargs)
+        self._entry = threading.RLock()
+
+    def execute(self, *args):
+        with self._entry:
+            return super().execute(*args)
+
+    def executemany(self, *args):
+        with self._entry:
+            return super().executemany(*args)
+
+    def executescript(self, *args):
+        with self._entry:
+            return super().executescript(*args)
+
+    def commit(self):
+        with self._entry:
+            return super().commit()
+
+    def rollback(self):
+        with self._entry:
+            return super().rollback()
+
+    def close(self):
+        with self._entry:
+            return super().close()
 
 
 class SqliteStore:
@@ -18,7 +60,7 @@ class SqliteStore:
     def connect(self, busy_timeout: float) -> sqlite3.Connection:
         """A connection in autocommit mode: transactions are opened by plain statements."""
         conn = sqlite3.connect(self.path, timeout=busy_timeout, check_same_thread=False,
-                               isolation_level=None)
+                               isolation_level=None, factory=SharedConnection)
         try:
             conn.execute(f"PRAGMA busy_timeout = {int(busy_timeout * 1000)}")
             conn.execute("PRAGMA journal_mode = WAL")
@@ -32,7 +74,7 @@ class SqliteStore:
     def read_only(self, timeout: float = 5.0) -> sqlite3.Connection:
         """A connection that cannot write, for readers beside a running search."""
         return sqlite3.connect(f"file:{self.path}?mode=ro", uri=True, timeout=timeout,
-                               check_same_thread=False)
+                               check_same_thread=False, factory=SharedConnection)
 
     def exists(self) -> bool:
         return os.path.exists(self.path)
