@@ -14,9 +14,10 @@ class SharedConnection(sqlite3.Connection):
     lock, the tracker under its lock, and a host may close the tracker before
     its search has stopped. The driver cannot take a close beside a statement
     of another thread: it frees the statement cache and the database handle
-    that the statement still reads, and the interpreter crashes. Every call
-    that enters the database, and the close, therefore hold the connection's
-    own lock; after a close the others fail with the driver's error.
+    that the statement still reads, and the interpreter crashes. Statements run
+    through the connection, its commits (a `with` block's included), rollbacks
+    and the close therefore hold the connection's own lock; after a close the
+    others fail with the driver's error, and so does a cursor's fetch.
     """
 
     def __init__(self, *args, **kwargs):
@@ -42,6 +43,10 @@ class SharedConnection(sqlite3.Connection):
     def rollback(self):
         with self._entry:
             return super().rollback()
+
+    def __exit__(self, *exc):
+        with self._entry:
+            return super().__exit__(*exc)
 
     def close(self):
         with self._entry:
