@@ -2,9 +2,21 @@
 
 from __future__ import annotations
 
+import functools
 import os
 import sqlite3
 import threading
+
+
+def _holding_entry(method):
+    """`method` of the driver's connection, run with the connection's own lock held."""
+
+    @functools.wraps(method)
+    def run(self, *args):
+        with self._entry:
+            return method(self, *args)
+
+    return run
 
 
 class SharedConnection(sqlite3.Connection):
@@ -24,33 +36,13 @@ class SharedConnection(sqlite3.Connection):
         super().__init__(*args, **kwargs)
         self._entry = threading.RLock()
 
-    def execute(self, *args):
-        with self._entry:
-            return super().execute(*args)
-
-    def executemany(self, *args):
-        with self._entry:
-            return super().executemany(*args)
-
-    def executescript(self, *args):
-        with self._entry:
-            return super().executescript(*args)
-
-    def commit(self):
-        with self._entry:
-            return super().commit()
-
-    def rollback(self):
-        with self._entry:
-            return super().rollback()
-
-    def __exit__(self, *exc):
-        with self._entry:
-            return super().__exit__(*exc)
-
-    def close(self):
-        with self._entry:
-            return super().close()
+    execute = _holding_entry(sqlite3.Connection.execute)
+    executemany = _holding_entry(sqlite3.Connection.executemany)
+    executescript = _holding_entry(sqlite3.Connection.executescript)
+    commit = _holding_entry(sqlite3.Connection.commit)
+    rollback = _holding_entry(sqlite3.Connection.rollback)
+    __exit__ = _holding_entry(sqlite3.Connection.__exit__)
+    close = _holding_entry(sqlite3.Connection.close)
 
 
 class SqliteStore:
