@@ -24,14 +24,24 @@ namespace tw {
 // Set when the module's exit hook runs, before the host starts finalising.
 extern std::atomic<bool> g_interpreter_exiting;
 
+// True when this thread holds the interpreter lock. Not PyGILState_Check: at
+// the end of finalisation the host deletes its thread-state key, and from then
+// on that answers yes on every thread, so a daemon thread ended late (one
+// that came back from a long call without the lock) would drop references
+// while nobody holds the lock.
+inline bool holds_interpreter_lock() {
+    PyThreadState* mine = PyGILState_GetThisThreadState();
+    return mine != nullptr && mine == _PyThreadState_UncheckedGet();
+}
+
 // True when this thread may touch Python objects: always before exit, and
 // after it only while holding the interpreter lock.
 inline bool may_touch_objects() {
-    return !g_interpreter_exiting.load(std::memory_order_relaxed) || PyGILState_Check();
+    return !g_interpreter_exiting.load(std::memory_order_relaxed) || holds_interpreter_lock();
 }
 
 inline void drop_ref(PyObject* op) {
-    if (__builtin_expect(g_interpreter_exiting.load(std::memory_order_relaxed), 0) && !PyGILState_Check()) return;
+    if (__builtin_expect(g_interpreter_exiting.load(std::memory_order_relaxed), 0) && !holds_interpreter_lock()) return;
     Py_DECREF(op);
 }
 inline void drop_xref(PyObject* op) {
