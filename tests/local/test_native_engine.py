@@ -1,6 +1,8 @@
 """The native kernels and backtest against the NumPy reference they mirror."""
 
 import random
+import subprocess
+import sys
 import threading
 
 import numpy as np
@@ -209,3 +211,51 @@ def test_bad_programs_and_arrays_are_refused(synthetic_panel):
         bt.run(x[:, :5])
     with pytest.raises(ValueError, match="engine must be one of"):
         LocalEvaluator.from_panel(synthetic_panel, engine="gpu")
+
+
+# A daemon thread is inside a native evaluation when the interpreter exits; it
+# comes back for the interpreter lock while the interpreter is being finalised
+# (an object's finaliser keeps finalisation busy for three seconds).
+EXIT_DURING_EVALUATION = """
+import sys, threading, time, types
+import numpy as np
+from tarnwicket.local import _native
+
+days, names = 2000, 200
+ev = _native.Evaluator(np.arange(names, dtype=np.int64) % 4, np.random.rand(days, names))
+x = np.random.rand(days, names)
+started = time.perf_counter()
+ev.run([x], [("ts_rank", [0], [250.0])])
+steps = max(1, int(0.5 / (time.perf_counter() - started)))
+busy, returned = threading.Event(), []
+
+
+def work():
+    busy.set()
+    ev.run([x], [("ts_rank", [0], [250.0])] * steps)
+    returned.append(True)
+    print("returned to Python", flush=True)
+
+
+class Slow:
+    def __del__(self, sleep=time.sleep, write=sys.stderr.write, returned=returned):
+        write("finalising with the worker " + ("done" if returned else "busy") + "\\n")
+        sleep(3)
+
+
+holder = types.ModuleType("holder")
+holder.slow = Slow()
+sys.modules["holder"] = holder
+del holder
+threading.Thread(target=work, daemon=True).start()
+busy.wait()
+"""
+
+
+def test_a_thread_inside_a_native_evaluation_at_exit_does_not_end_the_process():
+    done = subprocess.run([sys.executable, "-c", EXIT_DURING_EVALUATION], capture_output=True, text=True,
+                          timeout=120)
+    assert "finalising with the worker busy" in done.stderr
+    assert done.returncode == 0, done.stderr
+    assert "terminate" not in done.stderr and "Fatal" not in done.stderr
+    assert "returned to Python" not in done.stdout

@@ -5,9 +5,12 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <chrono>
+#include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <tuple>
 
 #include "backtest.hpp"
@@ -76,6 +79,34 @@ py::array to_vector(std::vector<double>&& values) {
     return py::array_t<double>({size}, data, owner);
 }
 
+// Re-takes the interpreter lock given up by `PyEval_SaveThread`. Once the
+// interpreter is finalising, the host ends a thread that asks for the lock by
+// unwinding its stack. The frames above would then drop references without the
+// lock, and the first destructor on the way ends the whole process; so the
+// thread stays here, holding nothing, until the process is gone. (That unwind
+// is the only thing the call can throw; it carries no object to bind to.)
+void retake_lock(PyThreadState* saved) {
+    try {
+        PyEval_RestoreThread(saved);
+    } catch (...) {
+        for (;;) std::this_thread::sleep_for(std::chrono::hours(24));
+    }
+}
+
+// Runs `work`, which must not touch Python, with the interpreter lock released.
+template <class Work>
+void without_lock(Work&& work) {
+    PyThreadState* saved = PyEval_SaveThread();
+    std::exception_ptr failure;
+    try {
+        work();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    retake_lock(saved);
+    if (failure) std::rethrow_exception(failure);
+}
+
 using Step = std::tuple<std::string, std::vector<std::size_t>, std::vector<double>>;
 
 class Evaluator {
@@ -113,8 +144,7 @@ public:
             ops.push_back(op);
         }
         std::vector<Panel> results;
-        {
-            py::gil_scoped_release unlocked;
+        without_lock([&] {
             results.reserve(steps.size());
             std::vector<In> args;
             for (std::size_t s = 0; s < steps.size(); ++s) {
@@ -125,7 +155,7 @@ public:
                 Panel out = ops[s]->run(env_, shape_, args.data(), config.data());
                 results.push_back(std::move(out));
             }
-        }
+        });
         py::list out;
         for (Panel& p : results) out.append(to_array(std::move(p), shape_));
         return out;
@@ -161,10 +191,9 @@ public:
     py::dict run(const Array& signal) const {
         expect_shape(signal, market_.shape, "the signal");
         native::Figures f;
-        {
-            py::gil_scoped_release unlocked;
+        without_lock([&] {
             f = native::backtest(In(signal.data(), static_cast<std::size_t>(signal.size())), market_, settings_);
-        }
+        });
         py::dict d;
         d["has_positions"] = f.has_positions;
         d["pnl"] = to_vector(std::move(f.pnl));
