@@ -94,6 +94,8 @@ void retake_lock(PyThreadState* saved) {
 }
 
 // Runs `work`, which must not touch Python, with the interpreter lock released.
+// Since the work never calls the host, the host cannot end the thread inside
+// it: what it throws is our own error, carried past the re-take and rethrown.
 template <class Work>
 void without_lock(Work&& work) {
     PyThreadState* saved = PyEval_SaveThread();
