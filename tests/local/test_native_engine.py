@@ -213,6 +213,24 @@ def test_bad_programs_and_arrays_are_refused(synthetic_panel):
         LocalEvaluator.from_panel(synthetic_panel, engine="gpu")
 
 
+@pytest.mark.parametrize("days, names", [(30, 0), (0, 4), (1, 1)])
+def test_a_market_without_instruments_or_days_gives_empty_panels(days, names):
+    sector = np.zeros(names, dtype=np.int64)
+    ev = _native.Evaluator(sector, np.zeros((days, names)))
+    x = np.ones((days, names))
+    for op in OPERATORS:
+        inputs = [x] * len(op.data_params)
+        config = native_config(op, tuple(p.default for p in op.config))
+        (got,) = ev.run(inputs, [(op.name, list(range(len(inputs))), config)])
+        assert got.shape == (days, names), op.name
+    groups = 1 if names else 0
+    market = [np.ones((days, names))] * 5
+    bt = _native.Backtester(*market, sector, np.zeros((days, 1 + groups)), 0.1, 1.0, 1e6, 5.0, 3)
+    figures = bt.run(x)
+    assert figures["has_positions"] is False
+    assert len(figures["pnl"]) == max(days - 1, 0)
+
+
 # A daemon thread is inside a native evaluation when the interpreter exits; it
 # comes back for the interpreter lock while the interpreter is being finalised
 # (an object's finaliser keeps finalisation busy for three seconds).

@@ -115,14 +115,14 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
     trade_sq.resize(days * n);
     illiquid.resize(days * n);
     for (std::size_t t = 0; t < days; ++t) {
-        const double* __restrict row = &w[t * n];
+        const double* __restrict row = w.data() + t * n;
         for (std::size_t i = 0; i < n; ++i) {
             scratch[i] = std::fabs(row[i]);
             illiquid[t * n + i] = scratch[i] * m.illiquid[t * n + i];
         }
         gross[t] = pairwise_sum(scratch.data(), n);
         if (t + 1 < days) {
-            const double* __restrict next = &m.returns[(t + 1) * n];
+            const double* __restrict next = m.returns.data() + (t + 1) * n;
             for (std::size_t i = 0; i < n; ++i) scratch[i] = row[i] * next[i];
             f.pnl[t] = pairwise_sum(scratch.data(), n);
             for (std::size_t g = 0; g < sectors; ++g) {
@@ -132,8 +132,8 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
             }
         }
         if (t >= 1) {
-            const double* __restrict before = &w[(t - 1) * n];
-            const double* __restrict inverse_adv = &m.inverse_adv[t * n];
+            const double* __restrict before = w.data() + (t - 1) * n;
+            const double* __restrict inverse_adv = m.inverse_adv.data() + t * n;
             for (std::size_t i = 0; i < n; ++i) {
                 scratch[i] = std::fabs(row[i] - before[i]);
                 trade_sq[t * n + i] = scratch[i] * scratch[i] * inverse_adv[i];
@@ -141,7 +141,7 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
             traded[t] = pairwise_sum(scratch.data(), n);
         }
         if (!(gross[t] > 0.0)) continue;
-        const double* __restrict beta = &m.beta[t * n];
+        const double* __restrict beta = m.beta.data() + t * n;
         std::size_t l = 0, sh = 0;
         for (std::size_t i = 0; i < n; ++i) {
             l += row[i] > 0.0;
@@ -198,7 +198,7 @@ TW_VECTOR_CLONES Figures backtest(In signal, const Market& m, const Settings& s)
     // Factor PnL: exposure to the market and to each sector times the factor's return.
     for (std::size_t k = 0; k < span; ++k) {
         const double* held = exposures.data() + (first + k) * sectors;
-        const double* factor_returns = &m.factor_returns[(first + k + 1) * factors];
+        const double* factor_returns = m.factor_returns.data() + (first + k + 1) * factors;
         double market_exposure = 0.0;
         for (std::size_t g = 0; g < sectors; ++g) {
             f.factor_pnl[g + 1] += held[g] * factor_returns[g + 1];

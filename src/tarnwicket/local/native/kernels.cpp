@@ -37,11 +37,11 @@ void rolling_sums(Shape sh, std::size_t w, Load load, Emit emit) {
     std::vector<double> valid(slots * n), count(n, 0.0), full(n);
     const double need = static_cast<double>(w);
     for (std::size_t t = 0; t < sh.days; ++t) {
-        double* __restrict cur = &ring[(t % slots) * row];
-        const double* __restrict prev = t ? &ring[((t - 1) % slots) * row] : zero.data();
-        const double* __restrict old = t >= w ? &ring[((t - w) % slots) * row] : zero.data();
-        double* __restrict ok = &valid[(t % slots) * n];
-        const double* __restrict gone = t >= w ? &valid[((t - w) % slots) * n] : zero.data();
+        double* __restrict cur = ring.data() + (t % slots) * row;
+        const double* __restrict prev = t ? ring.data() + ((t - 1) % slots) * row : zero.data();
+        const double* __restrict old = t >= w ? ring.data() + ((t - w) % slots) * row : zero.data();
+        double* __restrict ok = valid.data() + (t % slots) * n;
+        const double* __restrict gone = t >= w ? valid.data() + ((t - w) % slots) * n : zero.data();
         double* __restrict v = values.data();
         double* __restrict out = sums.data();
         load(t, v, ok);
