@@ -233,6 +233,11 @@ class LocalSignalService:
                              check_same_thread=False)
         try:
             if db_path:
+                # A damaged file is refused before anything is written to it; a
+                # damaged page deep in it would otherwise fail request by request.
+                verdict = [row[0] for row in db.execute("PRAGMA quick_check")]
+                if verdict != ["ok"]:
+                    raise sqlite3.DatabaseError(f"fails SQLite's integrity check ({verdict[0]})")
                 db.execute("PRAGMA journal_mode=WAL")
                 db.execute("PRAGMA synchronous=FULL")
             db.executescript(_SCHEMA)

@@ -14,6 +14,7 @@ DB = "search_tracking.db"
 PANEL = os.path.join("universe_top50", "panel.npz")
 VOCAB = os.path.join("universe_top50", "vocabulary.json")
 WALLET = "local_wallet.key"
+SERVICE = "signal_service.db"
 
 
 def command(data_dir, *args):
@@ -116,6 +117,14 @@ def _garbage(path):
         fh.write(np.random.default_rng(5).bytes(8192))
 
 
+def _damaged_page(path):
+    """Garbage over the second page: the file still opens, its tables do not read."""
+    with open(path, "r+b") as fh:
+        page = int.from_bytes(fh.read(18)[16:18], "big")
+        fh.seek(page)
+        fh.write(np.random.default_rng(5).bytes(page))
+
+
 def _foreign_store(path):
     os.remove(path)
     for suffix in ("-wal", "-shm"):
@@ -161,8 +170,10 @@ def _no_rotation_schema(path):
     (VOCAB, _write("[1, 2"), "not valid JSON"),
     (VOCAB, _no_rotation_schema, "param_schema"),
     (WALLET, _write(b"short", binary=True), "wallet secret"),
+    (DB, _damaged_page, "not a usable search store"),
+    (SERVICE, _damaged_page, "signal service's store"),
 ], ids=["store-garbage", "store-foreign", "panel-garbage", "panel-truncated", "vocab-empty",
-        "vocab-not-json", "vocab-bad-entry", "wallet-short"])
+        "vocab-not-json", "vocab-bad-entry", "wallet-short", "store-damaged-page", "service-damaged-page"])
 def test_a_damaged_file_is_one_line_and_left_as_it_is(data_dir, name, damage, words):
     path = os.path.join(data_dir, name)
     counts = store_state(data_dir)
