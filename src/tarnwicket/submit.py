@@ -64,15 +64,39 @@ class SubmissionRejectedError(Exception):
         self.body = body
 
 
+def _http_url(server_url) -> urllib.parse.SplitResult:
+    if not isinstance(server_url, str):
+        raise TypeError(f"server_url must be a str, got {type(server_url).__name__}")
+    try:
+        parsed = urllib.parse.urlsplit(server_url)
+    except ValueError as exc:  # a broken [IPv6] host
+        raise ValueError(f"server_url must be an http(s) URL, got {server_url!r} ({exc})") from None
+    if parsed.scheme not in ("http", "https") or not parsed.netloc:
+        raise ValueError(f"server_url must be an http(s) URL, got {server_url!r}")
+    return parsed
+
+
+def check_server_url(server_url) -> str:
+    """``server_url`` if requests can be sent to it: an http(s) URL with a host
+    and, if it names one, a port in range. Otherwise ``TypeError`` or
+    ``ValueError`` saying what is wrong, before anything is queued for it.
+    (A client takes any http(s) URL; a bad host or port fails its requests as
+    transport trouble, which keeps their signals queued.)"""
+    parsed = _http_url(server_url)
+    try:
+        parsed.port  # noqa: B018 - raises for a port that is not a number in range
+    except ValueError as exc:
+        raise ValueError(f"server_url must be an http(s) URL, got {server_url!r} ({exc})") from None
+    if not parsed.hostname:
+        raise ValueError(f"server_url must name a host, got {server_url!r}")
+    return server_url
+
+
 class SignalServiceClient:
     """JSON-over-HTTP client of the signal service; one client serves one call."""
 
     def __init__(self, server_url, token, timeout=30.0):
-        if not isinstance(server_url, str):
-            raise TypeError(f"server_url must be a str, got {type(server_url).__name__}")
-        parsed = urllib.parse.urlsplit(server_url)
-        if parsed.scheme not in ("http", "https") or not parsed.netloc:
-            raise ValueError(f"server_url must be an http(s) URL, got {server_url!r}")
+        parsed = _http_url(server_url)
         if not isinstance(token, str):
             raise TypeError(f"token must be a str, got {type(token).__name__}")
         if isinstance(timeout, bool) or not isinstance(timeout, (int, float)) or not timeout > 0:

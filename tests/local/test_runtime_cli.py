@@ -20,12 +20,26 @@ class TestCommandLine:
         (["search", "--seed", "x"], "--seed"),
         (["search", "--frobnicate"], "unrecognized arguments"),
         (["search", "--service-faults", "drop=2"], "--service-faults: fault drop: 2.0 is out of range"),
+        # a URL no request can go to: refused before a signal is queued for it
+        (["search", "--server-url", "localhost:8000"], "--server-url: server_url must be an http(s) URL"),
+        (["search", "--server-url", "http://[::1"], "(Invalid IPv6 URL)"),
+        (["search", "--server-url", "http://host:70000"], "(Port out of range"),
+        (["search", "--server-url", "http://:8000"], "must name a host"),
+        (["search", "--server-url", "http://127.0.0.1:1", "--service-faults", "drop=0.1"],
+         "only the loopback service injects faults"),
         (["launch"], "invalid choice"),
     ])
     def test_bad_options_give_one_line_and_exit_2(self, capsys, argv, words):
         assert cli.main(argv) == 2
         err = capsys.readouterr().err
         assert err.count("\n") == 1 and err.startswith("tarnwicket: error: ") and words in err
+
+    def test_a_bad_server_url_is_refused_before_anything_is_written(self, tmp_path):
+        from tarnwicket.local.runtime import prepare_local_runtime
+
+        with pytest.raises(ValueError, match="must be an http"):
+            prepare_local_runtime(str(tmp_path / "d"), server_url="nonsense")
+        assert not (tmp_path / "d").exists()
 
     def test_unusable_data_dir(self, capsys, tmp_path):
         blocker = tmp_path / "file"

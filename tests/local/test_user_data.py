@@ -66,6 +66,13 @@ def test_a_bad_file_is_told_in_one_line(tmp_path, change, says):
     assert says in message and message.startswith(path) and "\n" not in message
 
 
+def test_a_path_that_is_no_file_is_told_apart_from_a_missing_one(tmp_path):
+    with pytest.raises(DataFileError, match="not a regular file"):
+        read_market_file(str(tmp_path))
+    with pytest.raises(DataFileError, match="no such file"):
+        read_market_file(str(tmp_path / "absent.csv"))
+
+
 def test_search_on_your_own_data_from_the_command_line(tmp_path, capsys):
     data_dir = tmp_path / "d"
     assert cli.main(["search", "--data", SAMPLE, "--data-dir", str(data_dir), "--seconds", "3", "--jobs", "1"]) == 0

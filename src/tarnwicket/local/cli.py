@@ -79,7 +79,7 @@ def build_parser() -> argparse.ArgumentParser:
     search.add_argument("--seed", type=int, default=0,
                         help="seed of the synthetic data set, used when it is first written "
                              "(default: 0)")
-    search.add_argument("--server-url", default=None, metavar="URL",
+    search.add_argument("--server-url", type=_server_url, default=None, metavar="URL",
                         help="signal service to submit to (default: a loopback service started "
                              "for this search, keeping what it accepted in the data directory)")
     search.add_argument("--service-faults", type=_fault_rates, default=None, metavar="SPEC",
@@ -121,6 +121,15 @@ def _store_url(text: str) -> str:
         raise argparse.ArgumentTypeError(str(exc)) from None
 
 
+def _server_url(text: str) -> str:
+    from tarnwicket.submit import check_server_url
+
+    try:
+        return check_server_url(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
+
+
 def _fault_rates(text: str):
     from tarnwicket.local_signal_service import FaultRates
 
@@ -141,6 +150,9 @@ def main(argv: list[str] | None = None) -> int:
     parser = build_parser()
     try:
         args = parser.parse_args(argv)
+        if args.command == "search" and args.server_url is not None and args.service_faults is not None:
+            parser.error("argument --service-faults: only the loopback service injects faults; "
+                         "it cannot be used with --server-url")
     except UsageError as exc:
         _err(str(exc))
         return EXIT_USAGE

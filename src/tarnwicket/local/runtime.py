@@ -110,7 +110,9 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     for this runtime (``runtime.signal_service``; ``runtime.close()`` stops it)
     with the runtime's own token, keeping what it accepted in the data
     directory; ``service_faults`` makes it inject faults (see
-    ``tarnwicket.local_signal_service.FaultRates``).
+    ``tarnwicket.local_signal_service.FaultRates``). A ``server_url`` that
+    is not an http(s) URL with a host raises ``ValueError`` before anything
+    is written.
 
     ``store`` chooses where evaluations and submissions are kept: a
     ``postgresql://`` URL of a database that several searches share, or
@@ -132,9 +134,12 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     """
     from tarnwicket.search_tracking import DB_FILENAME, SearchTracker
     from tarnwicket.stores import check_store_url, remember_store_url, remembered_store_url
+    from tarnwicket.submit import check_server_url
 
     if store is not None:
         check_store_url(store)
+    if server_url is not None:
+        check_server_url(server_url)
     data_dir = usable_data_dir(data_dir)
     if store is None:
         store = remembered_store_url(data_dir)

@@ -94,7 +94,7 @@ def _number(value, column: str, path: str, row: int) -> float:
 def read_market_file(path: str) -> Panel:
     """The panel of a user's market data file; ``DataFileError`` tells what is wrong."""
     if not os.path.isfile(path):
-        raise DataFileError(path, "no such file")
+        raise DataFileError(path, "not a regular file" if os.path.exists(path) else "no such file")
     header, rows = _rows(path)
     missing = [c for c in REQUIRED if c not in header]
     if missing:
