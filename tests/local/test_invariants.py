@@ -97,11 +97,17 @@ def test_each_breakage_is_named(world, capsys):
     assert "BROKEN: " in capsys.readouterr().out
 
 
-def test_a_signal_under_two_keys_and_a_missing_store(world, tmp_path, capsys):
+def test_a_signal_under_two_keys_and_missing_places(world, tmp_path, capsys):
     world.send(world.sent, "k-other")
     assert "1 signals are held by the service under more than one key" in problems(world)
-    assert cli.main(["check", "--data-dir", str(tmp_path / "nowhere")]) == 2
-    assert "cannot check" in capsys.readouterr().err
+    # a place that is not there is refused, not checked as empty (which would pass)
+    nowhere = str(tmp_path / "nowhere")
+    for argv, says in ((["--data-dir", nowhere], "no store in"),
+                       (["--data-dir", world.dir, "--service-db", nowhere], "no signal service store at"),
+                       (["--data-dir", world.dir, "--with-data-dir", nowhere], "is not a data directory")):
+        assert cli.main(["check", *argv]) == 2
+        err = capsys.readouterr().err
+        assert "cannot check" in err and says in err
 
 
 def test_passes_that_sent_one_body_share_its_submission(world):

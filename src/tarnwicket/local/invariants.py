@@ -121,6 +121,12 @@ def check(data_dir: str, service_db: str | None = None, lease: float = 300.0,
     where = open_store(data_dir, db_filename=STORE_DB)
     if not where.exists():
         raise FileNotFoundError(f"no store in {data_dir}")
+    # named places that are not there would be checked as empty, and pass
+    if service_db is not None and not os.path.isfile(service_db):
+        raise FileNotFoundError(f"no signal service store at {service_db}")
+    for other in others:
+        if not os.path.isdir(other):
+            raise FileNotFoundError(f"{other} is not a data directory")
     store = where.read_only(30.0)
     try:
         passed = dict(store.execute("SELECT eval_id, created_at FROM signal_evaluations WHERE passed=1"))
