@@ -74,7 +74,8 @@ def test_results_list_every_pass_with_its_metrics_and_state(searched, capsys):
     assert len(lines) - 1 == sum(r["status"] == rows[0]["status"] for r in rows)
     assert rows[0]["expression"] in out
 
-    assert run(capsys, "results", "--data-dir", str(searched), "--era", "999")[1].startswith("No passing signals")
+    assert run(capsys, "results", "--data-dir", str(searched), "--era", "999")[1].startswith(
+        "No passing signals of era 999 in ")
 
 
 def test_results_refuse_what_they_cannot_read(tmp_path, capsys):
@@ -82,6 +83,8 @@ def test_results_refuse_what_they_cannot_read(tmp_path, capsys):
     assert code == cli.EXIT_USAGE and "no store" in err
     code, _, err = run(capsys, "results", "--status", "lost")
     assert code == cli.EXIT_USAGE and "invalid choice" in err
+    code, _, err = run(capsys, "results", "--top", "0")
+    assert code == cli.EXIT_USAGE and "--top: must be at least 1" in err
 
 
 def test_results_while_a_search_runs(data_dir, capsys):

@@ -48,7 +48,6 @@ def _int_at_least(low: int):
 
 
 _positive_int = _int_at_least(1)
-_non_negative_int = _int_at_least(0)
 
 
 def _positive_seconds(text: str) -> float:
@@ -108,7 +107,7 @@ def build_parser() -> argparse.ArgumentParser:
     check.add_argument("--with-data-dir", action="append", default=[], metavar="DIR",
                        help="another data directory on the same shared store, whose receipt journal "
                             "counts too (repeat for each)")
-    add_store_commands(sub, _non_negative_int)
+    add_store_commands(sub, _int_at_least)
     return parser
 
 

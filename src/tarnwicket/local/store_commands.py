@@ -17,7 +17,8 @@ def add_data_dir(parser) -> None:
                         help=f"the data directory (default: {DEFAULT_DATA_DIR})")
 
 
-def add_parsers(sub, non_negative_int) -> None:
+def add_parsers(sub, int_at_least) -> None:
+    non_negative_int = int_at_least(0)
     results = sub.add_parser(
         "results", help="list the passing signals of a data directory",
         description=("List the passing signals in a data directory's store, newest first: their "
@@ -29,7 +30,7 @@ def add_parsers(sub, non_negative_int) -> None:
     results.add_argument("--era", type=int, default=None, metavar="N", help="only signals of this era")
     results.add_argument("--sort", choices=SORTS, default="newest",
                          help="newest (default), oldest, or best first by a metric")
-    results.add_argument("--top", type=non_negative_int, default=None, metavar="N",
+    results.add_argument("--top", type=int_at_least(1), default=None, metavar="N",
                          help="at most N signals")
     form = results.add_mutually_exclusive_group()
     form.add_argument("--json", action="store_true", help="a JSON list instead of the table")
@@ -108,7 +109,9 @@ def run_results(args) -> int:
     elif results:
         text = as_table(results)
     else:
-        text = f"No passing signals{' with status ' + args.status if args.status else ''} in {store.location}."
+        which = "".join((f" with status {args.status}" if args.status else "",
+                         f" of era {args.era}" if args.era is not None else ""))
+        text = f"No passing signals{which} in {store.location}."
     print(text)
     return EXIT_OK
 
