@@ -6,6 +6,7 @@ import hashlib
 import http.client
 import json
 import socket
+import time
 import urllib.error
 import urllib.parse
 import urllib.request
@@ -15,6 +16,8 @@ from typing import Any
 SIGNALS_PATH = "/v1/signals"
 _LOOPBACK_HOSTS = frozenset({"127.0.0.1", "localhost", "::1"})
 _MAX_ERROR_TEXT = 500
+_MAX_BODY = 4 * 1024 * 1024   # an answer of the service is a few hundred bytes
+_READ_CHUNK = 64 * 1024
 
 
 @dataclass
@@ -162,12 +165,12 @@ class SignalServiceClient:
         )
         try:
             with self._opener.open(request, timeout=self.timeout) as response:
-                raw = response.read()
+                raw = _read_body(response, time.monotonic() + self.timeout)
                 status = response.status
                 response_headers = dict(response.headers.items())
         except urllib.error.HTTPError as exc:
             try:
-                raw = exc.read()
+                raw = _read_body(exc, time.monotonic() + self.timeout)
             except (OSError, http.client.HTTPException):
                 raw = b""
             finally:
@@ -183,6 +186,22 @@ class SignalServiceClient:
         if not 200 <= status < 300:
             error = _error_text(body, text) or f"HTTP {status}"
         return ServiceResult(status, error, body, headers=response_headers)
+
+
+def _read_body(response, deadline: float) -> bytes:
+    """The whole body of an answer, read within ``deadline``; ``OSError`` for one
+    that is too slow or too large. The timeout of each read alone would let a
+    server that sends a byte now and then hold the caller for ever, and a body
+    without end would fill the memory of the search."""
+    chunks, size = [], 0
+    while chunk := response.read1(_READ_CHUNK):
+        size += len(chunk)
+        if size > _MAX_BODY:
+            raise OSError(f"the answer is larger than {_MAX_BODY:,} bytes")
+        if time.monotonic() > deadline:
+            raise socket.timeout("the answer did not arrive in time")
+        chunks.append(chunk)
+    return b"".join(chunks)
 
 
 def _decode(raw: bytes) -> tuple[Any, str]:

@@ -1,6 +1,8 @@
 """SignalServiceClient against the local signal service on loopback."""
 
 import socket
+import threading
+import time
 
 import pytest
 
@@ -126,6 +128,48 @@ def test_timeout_is_a_transport_failure(service):
     with SignalServiceClient(service.url, TOKEN, timeout=0.2) as c:
         result = c.submit_signal(**signal_kwargs())
     assert result.status_code == 0 and "timed out" in result.error.lower()
+
+
+@pytest.mark.parametrize("status", [200, 500])
+def test_an_answer_without_end_is_a_transport_failure(status):
+    # a server that trickles its body, or sends more than any answer holds,
+    # must not hold the caller past its timeout or fill its memory
+    head = f"HTTP/1.1 {status} X\r\nContent-Type: application/json\r\nContent-Length: 999999999\r\n\r\n"
+
+    def serve(listener, send):
+        conn, _ = listener.accept()
+        with conn:
+            conn.recv(65536)
+            conn.sendall(head.encode())
+            try:
+                send(conn)
+            except OSError:
+                pass  # the client hung up, as it should
+
+    def trickle(conn):
+        for _ in range(200):
+            conn.sendall(b" ")
+            time.sleep(0.02)
+
+    def flood(conn):
+        while True:
+            conn.sendall(b" " * 65536)
+
+    for send, says in ((trickle, "in time"), (flood, "larger than")):
+        with socket.socket() as listener:
+            listener.bind(("127.0.0.1", 0))
+            listener.listen()
+            server = threading.Thread(target=serve, args=(listener, send), daemon=True)
+            server.start()
+            started = time.monotonic()
+            with SignalServiceClient(f"http://127.0.0.1:{listener.getsockname()[1]}", TOKEN, timeout=0.5) as c:
+                result = c.get_signal_status("sub_1")
+            assert time.monotonic() - started < 3.0
+            server.join(10)
+        if status == 200:
+            assert result.status_code == 0 and says in result.error
+        else:  # an error answer keeps its status; its unreadable body is dropped
+            assert (result.status_code, result.body) == (500, None)
 
 
 def test_idempotency_key_for_body():
