@@ -42,6 +42,7 @@ SIGNALS_PATH = "/v1/signals"
 ACCEPTED = ("found", "useful")
 TERMINAL = ("found", "useful", "is_rejected", "not_useful", "os_failed", "useful_transition_failed")
 MAX_BODY_BYTES = 8 * 1024 * 1024
+IDLE_SECONDS = 60.0
 FAULTS_ENV = "TARNWICKET_SERVICE_FAULTS"
 DB_FILENAME = "signal_service.db"
 
@@ -168,7 +169,7 @@ class _Server(ThreadingHTTPServer):
     def handle_error(self, request, client_address):
         # A client that went away (timeout, dropped test connection) is routine.
         exc = sys.exc_info()[1]
-        if isinstance(exc, (BrokenPipeError, ConnectionResetError, ConnectionAbortedError)):
+        if isinstance(exc, (BrokenPipeError, ConnectionResetError, ConnectionAbortedError, TimeoutError)):
             logger.debug("client %s went away: %s", client_address, exc)
         else:
             logger.warning("local signal service request from %s failed", client_address,
@@ -484,6 +485,7 @@ def _make_handler(service: LocalSignalService):
     class Handler(BaseHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
         server_version = "LocalSignalService/1"
+        timeout = IDLE_SECONDS  # a connection that sends nothing gives its thread back
 
         def log_message(self, fmt, *args):  # quiet: the access log goes to debug
             logger.debug("local signal service: " + fmt, *args)
@@ -528,9 +530,15 @@ def _make_handler(service: LocalSignalService):
             if self.path.rstrip("/") != SIGNALS_PATH:
                 self._send(404, {"error": "not found"})
                 return
-            length = int(self.headers.get("Content-Length") or 0)
+            declared = (self.headers.get("Content-Length") or "0").strip()
+            if not (declared.isascii() and declared.isdigit()):
+                self._send(400, {"error": "Content-Length must be a whole number of bytes"})
+                self.close_connection = True  # what follows the headers cannot be told apart
+                return
+            length = int(declared)
             if length > MAX_BODY_BYTES:
                 self._send(413, {"error": "request body too large"})
+                self.close_connection = True  # the body is left unread
                 return
             raw = self.rfile.read(length) if length else b""
 

@@ -1,5 +1,6 @@
 """SignalServiceClient against the local signal service on loopback."""
 
+import logging
 import socket
 import threading
 import time
@@ -170,6 +171,31 @@ def test_an_answer_without_end_is_a_transport_failure(status):
             assert result.status_code == 0 and says in result.error
         else:  # an error answer keeps its status; its unreadable body is dropped
             assert (result.status_code, result.body) == (500, None)
+
+
+def test_the_service_answers_malformed_requests_and_drops_idle_ones(monkeypatch, caplog):
+    import tarnwicket.local_signal_service as svc_module
+
+    monkeypatch.setattr(svc_module, "IDLE_SECONDS", 0.5)
+    with LocalSignalService(token=TOKEN) as svc:
+        svc.start()
+        address = svc.url.split("//")[1].split(":")
+
+        def exchange(head):
+            with socket.create_connection((address[0], int(address[1])), timeout=5) as s:
+                s.sendall(head)
+                answer = b""
+                while chunk := s.recv(65536):  # until the service hangs up
+                    answer += chunk
+                return answer
+
+        for length in (b"abc", b"-5", b"1e3"):
+            answer = exchange(b"POST /v1/signals HTTP/1.1\r\nHost: x\r\nContent-Length: " + length + b"\r\n\r\n{}")
+            assert answer.startswith(b"HTTP/1.1 400") and b"Content-Length must be" in answer
+        started = time.monotonic()
+        assert exchange(b"") == b""  # a silent client is hung up on
+        assert time.monotonic() - started < 4
+    assert not [r for r in caplog.records if r.levelno >= logging.WARNING]
 
 
 def test_idempotency_key_for_body():
