@@ -547,6 +547,8 @@ def _make_handler(service: LocalSignalService):
                     body = json.loads(raw.decode("utf-8")) if raw else None
                 except ValueError:
                     return 400, {"error": "request body is not valid JSON"}
+                except RecursionError:
+                    return 400, {"error": "request body is nested too deeply"}
                 return service._submit(self.headers.get("Idempotency-Key"), body)
 
             self._handle("submit", work)

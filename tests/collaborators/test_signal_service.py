@@ -192,6 +192,10 @@ def test_the_service_answers_malformed_requests_and_drops_idle_ones(monkeypatch,
         for length in (b"abc", b"-5", b"1e3"):
             answer = exchange(b"POST /v1/signals HTTP/1.1\r\nHost: x\r\nContent-Length: " + length + b"\r\n\r\n{}")
             assert answer.startswith(b"HTTP/1.1 400") and b"Content-Length must be" in answer
+        deep = b'{"signal_pool_id": "p", "is_stats": {}, "graph": ' + b"[" * 5000 + b"]" * 5000 + b"}"
+        answer = exchange(b"POST /v1/signals HTTP/1.1\r\nHost: x\r\nConnection: close\r\nAuthorization: Bearer "
+                          + TOKEN.encode() + b"\r\nIdempotency-Key: k\r\nContent-Length: %d\r\n\r\n" % len(deep) + deep)
+        assert answer.startswith(b"HTTP/1.1 400") and b"nested too deeply" in answer
         started = time.monotonic()
         assert exchange(b"") == b""  # a silent client is hung up on
         assert time.monotonic() - started < 4
