@@ -18,6 +18,7 @@ class TestCommandLine:
         (["search", "--seconds", "-3"], "positive number of seconds"),
         (["search", "--seconds", "nan"], "positive number of seconds"),
         (["search", "--seed", "x"], "--seed"),
+        (["search", "--seed", "-5"], "--seed: must be at least 0"),
         (["search", "--frobnicate"], "unrecognized arguments"),
         (["search", "--service-faults", "drop=2"], "--service-faults: fault drop: 2.0 is out of range"),
         # a URL no request can go to: refused before a signal is queued for it
@@ -34,11 +35,16 @@ class TestCommandLine:
         err = capsys.readouterr().err
         assert err.count("\n") == 1 and err.startswith("tarnwicket: error: ") and words in err
 
-    def test_a_bad_server_url_is_refused_before_anything_is_written(self, tmp_path):
+    @pytest.mark.parametrize("options, error, says", [
+        ({"server_url": "nonsense"}, ValueError, "must be an http"),
+        ({"seed": -1}, ValueError, "seed must be at least 0"),
+        ({"seed": 1.5}, TypeError, "seed must be a whole number"),
+    ])
+    def test_bad_options_are_refused_before_anything_is_written(self, tmp_path, options, error, says):
         from tarnwicket.local.runtime import prepare_local_runtime
 
-        with pytest.raises(ValueError, match="must be an http"):
-            prepare_local_runtime(str(tmp_path / "d"), server_url="nonsense")
+        with pytest.raises(error, match=says):
+            prepare_local_runtime(str(tmp_path / "d"), **options)
         assert not (tmp_path / "d").exists()
 
     def test_unusable_data_dir(self, capsys, tmp_path):

@@ -75,7 +75,7 @@ def build_parser() -> argparse.ArgumentParser:
                         help=f"stop after this many seconds (default: {DEFAULT_SECONDS:g})")
     search.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
                         help=f"where data and results live (default: {DEFAULT_DATA_DIR})")
-    search.add_argument("--seed", type=int, default=0,
+    search.add_argument("--seed", type=_int_at_least(0), default=0,
                         help="seed of the synthetic data set, used when it is first written "
                              "(default: 0)")
     search.add_argument("--server-url", type=_server_url, default=None, metavar="URL",

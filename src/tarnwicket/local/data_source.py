@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import operator
 import os
 import threading
 
@@ -22,7 +23,12 @@ class LocalMarketSource:
     """
 
     def __init__(self, seed: int = 0):
-        self.seed = int(seed)
+        try:
+            self.seed = operator.index(seed)
+        except TypeError:
+            raise TypeError(f"seed must be a whole number, got {type(seed).__name__}") from None
+        if self.seed < 0:
+            raise ValueError(f"seed must be at least 0, got {self.seed}")
         self._lock = threading.Lock()
 
     def is_present(self, data_dir: str, universe_id: str = UNIVERSE_ID) -> bool:

@@ -140,12 +140,12 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
         check_store_url(store)
     if server_url is not None:
         check_server_url(server_url)
+    source = LocalMarketSource(seed)
     data_dir = usable_data_dir(data_dir)
     if store is None:
         store = remembered_store_url(data_dir)
     if store is None or store == "sqlite":
         check_store(os.path.join(data_dir, DB_FILENAME))
-    source = LocalMarketSource(seed)
     sync_manager = _sync_manager(data_dir, source)
     if data is not None:
         install_market_file(data_dir, data, UNIVERSE_ID)
