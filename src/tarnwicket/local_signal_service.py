@@ -212,6 +212,8 @@ class LocalSignalService:
         if isinstance(polls_to_terminal, bool) or not isinstance(polls_to_terminal, int) \
                 or polls_to_terminal < 0:
             raise ValueError("polls_to_terminal must be an int >= 0")
+        if isinstance(port, bool) or not isinstance(port, int) or not 0 <= port <= 65535:
+            raise ValueError(f"port must be an int from 0 to 65535, got {port!r}")
         self.token = token
         self.polls_to_terminal = polls_to_terminal
         self.outcome: Outcome = outcome or default_outcome
@@ -582,10 +584,15 @@ def main(argv: list[str] | None = None) -> int:
     except (ValueError, TypeError, sqlite3.Error, OSError) as exc:
         print(f"local_signal_service: error: {exc}", file=sys.stderr)
         return 2
+    try:
+        service.start()
+    except OSError as exc:  # the port is taken, or not ours to bind
+        service.close()
+        print(f"local_signal_service: error: cannot listen on port {args.port}: {exc}", file=sys.stderr)
+        return 2
     done = threading.Event()
     for sig in (signal.SIGINT, signal.SIGTERM):
         signal.signal(sig, lambda *_: done.set())
-    service.start()
     print(service.url, flush=True)
     done.wait()
     service.close()

@@ -202,6 +202,19 @@ def test_the_service_answers_malformed_requests_and_drops_idle_ones(monkeypatch,
     assert not [r for r in caplog.records if r.levelno >= logging.WARNING]
 
 
+def test_the_service_command_refuses_a_port_it_cannot_listen_on(tmp_path, capsys):
+    from tarnwicket.local_signal_service import main
+
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", 0))
+        taken.listen()
+        for port, says in (("70000", "port must be an int from 0 to 65535"), (str(taken.getsockname()[1]),
+                                                                             "cannot listen on port")):
+            assert main(["--db", str(tmp_path / "s.db"), "--token", "t", "--port", port]) == 2
+            err = capsys.readouterr().err
+            assert err.count("\n") == 1 and says in err
+
+
 def test_idempotency_key_for_body():
     key = SignalServiceClient._idempotency_key_for_body
     body = {"b": [1, 2], "a": {"y": 1, "x": object.__name__}}
