@@ -87,6 +87,25 @@ def test_results_refuse_what_they_cannot_read(tmp_path, capsys):
     assert code == cli.EXIT_USAGE and "--top: must be at least 1" in err
 
 
+def test_results_of_metrics_that_are_no_numbers(data_dir, capsys):
+    # a store shared with other programs may hold anything in a payload's metrics
+    conn = sqlite3.connect(data_dir / "search_tracking.db")
+    odd = [{"sharpe": "high", "fitness": [1]}, {"sharpe": float("nan"), "fitness": float("inf")}, {"sharpe": True}]
+    with conn:
+        for (rowid, text), stats in zip(conn.execute("SELECT rowid, payload_json FROM submission_attempts"), odd):
+            payload = json.loads(text)
+            payload["is_stats"].update(stats)
+            conn.execute("UPDATE submission_attempts SET payload_json=? WHERE rowid=?", (json.dumps(payload), rowid))
+    conn.close()
+    for sort in ("sharpe", "fitness"):
+        code, out, _ = run(capsys, "results", "--data-dir", str(data_dir), "--sort", sort)
+        assert code == 0 and " inf " in out
+    code, out, _ = run(capsys, "results", "--data-dir", str(data_dir), "--json", "--sort", "fitness")
+    rows = json.loads(out, parse_constant=lambda name: pytest.fail(f"{name} is not JSON"))
+    assert rows[0]["metrics"]["fitness"] is None  # the infinite one, first by fitness
+    assert not any(isinstance(r["metrics"]["sharpe"], (str, bool)) for r in rows)
+
+
 def test_results_while_a_search_runs(data_dir, capsys):
     child = search(data_dir, 6, jobs=1)
     try:

@@ -12,6 +12,7 @@ from __future__ import annotations
 import csv
 import io
 import json
+import math
 from dataclasses import asdict, dataclass, field
 
 from .summary import ACCEPTED, REJECTED, expression_text
@@ -78,8 +79,15 @@ def _metrics(*payload_texts) -> dict:
         except (TypeError, ValueError, AttributeError):
             continue
         if isinstance(stats, dict):
-            return {name: stats.get(name) for name in METRICS}
+            return {name: _real(stats.get(name)) for name in METRICS}
     return {name: None for name in METRICS}
+
+
+def _real(value):
+    """A metric as a number, or None: a store shared with other programs may hold anything."""
+    if isinstance(value, bool) or not isinstance(value, (int, float)):
+        return None
+    return None if isinstance(value, float) and math.isnan(value) else value
 
 
 def read_results(conn, *, status: str | None = None, era: int | None = None, sort: str = "newest",
@@ -134,7 +142,12 @@ def as_table(results: list[Result]) -> str:
 
 
 def as_json(results: list[Result]) -> str:
-    return json.dumps([r.as_dict() for r in results], indent=2)
+    """Strict JSON: an infinite metric is null, as JSON has no number for it."""
+    rows = [r.as_dict() for r in results]
+    for row in rows:
+        row["metrics"] = {m: None if isinstance(v, float) and math.isinf(v) else v
+                          for m, v in row["metrics"].items()}
+    return json.dumps(rows, indent=2, allow_nan=False)
 
 
 def as_csv(results: list[Result]) -> str:
