@@ -106,6 +106,23 @@ def test_results_of_metrics_that_are_no_numbers(data_dir, capsys):
     assert not any(isinstance(r["metrics"]["sharpe"], (str, bool)) for r in rows)
 
 
+def test_results_and_report_of_graphs_too_deep_to_show(data_dir, capsys, tmp_path):
+    def nested(depth):
+        return '{"type": "rotation", "node": "abs", "children": [' * depth + '{"type": "feature", "node": "close"}' \
+            + "]}" * depth
+    conn = sqlite3.connect(data_dir / "search_tracking.db")
+    with conn:
+        ids = [e for (e,) in conn.execute("SELECT eval_id FROM signal_evaluations WHERE passed=1 LIMIT 2")]
+        for eval_id, depth in zip(ids, (150, 5000)):  # the second is deeper than the JSON reader goes
+            conn.execute("UPDATE signal_evaluations SET graph_json=?, fitness=99 WHERE eval_id=?",
+                         (nested(depth), eval_id))
+    conn.close()
+    code, out, _ = run(capsys, "results", "--data-dir", str(data_dir))
+    assert code == 0 and "abs(" * 100 + "...)" in out and "(unreadable graph)" in out
+    code, _, err = run(capsys, "report", "--data-dir", str(data_dir), "--out", str(tmp_path / "r"), "--best", "50")
+    assert code == 0, err
+
+
 def test_results_while_a_search_runs(data_dir, capsys):
     child = search(data_dir, 6, jobs=1)
     try:

@@ -19,7 +19,7 @@ import textwrap
 import numpy as np
 
 from .results import read_results
-from .summary import ACCEPTED, REJECTED
+from .summary import ACCEPTED, REJECTED, load_graph
 
 PICTURES = ("activity.png", "submissions.png", "reasons.png", "best_signals.png")
 
@@ -116,20 +116,22 @@ def signal_series(evaluator, graph) -> tuple[np.ndarray, np.ndarray, np.ndarray]
     return np.array(dates), np.cumsum(core.pnl), turnover
 
 
-def _best(plt, results, evaluator, path) -> list:
-    import json
+_LEGEND_ENTRIES = 10     # the best ones are named; further lines are drawn unnamed
 
+
+def _best(plt, results, evaluator, path) -> list:
     fig, (top, bottom) = plt.subplots(2, 1, figsize=(9, 6), sharex=True)
     shown = []
     for r in results:
         try:
-            dates, pnl, turnover = signal_series(evaluator, json.loads(r.graph_json))
+            dates, pnl, turnover = signal_series(evaluator, load_graph(r.graph_json))
         except (ValueError, KeyError, OSError) as exc:      # a graph this data set can't evaluate
             shown.append((r, f"not recomputed: {exc}"))
             continue
         label = f"{r.expression[:50]} (fitness {r.metrics['fitness']:.2f})" if r.metrics.get("fitness") is not None \
             else r.expression[:50]
-        top.plot(dates, pnl, label=label)
+        drawn = sum(note is None for _, note in shown)
+        top.plot(dates, pnl, label=label if drawn < _LEGEND_ENTRIES else None)
         bottom.plot(dates, turnover, linewidth=0.8)
         shown.append((r, None))
     top.set_title("Best signals on the local data: cumulative P&L (gross, per unit book)")

@@ -15,7 +15,7 @@ import json
 import math
 from dataclasses import asdict, dataclass, field
 
-from .summary import ACCEPTED, REJECTED, expression_text
+from .summary import ACCEPTED, REJECTED, expression_text, load_graph
 
 METRICS = ("sharpe", "fitness", "returns", "drawdown", "turnover", "margin", "long_count", "short_count",
            "delta_exposure", "max_weight")
@@ -107,8 +107,8 @@ def read_results(conn, *, status: str | None = None, era: int | None = None, sor
         if status is not None and kind != status:
             continue
         try:
-            expression = expression_text(json.loads(graph_json))
-        except (TypeError, ValueError):
+            expression = expression_text(load_graph(graph_json))
+        except ValueError:
             expression = "(unreadable graph)"
         results.append(Result(eval_id, era_id, created_at, expression, kind, reason, submission_id,
                               _metrics(queue_json, retry_json, attempt_json), graph_json))

@@ -10,8 +10,22 @@ from typing import Any, Iterable, NamedTuple
 from tarnwicket.stores.sqlite import SqliteStore
 
 
-def expression_text(graph: Any) -> str:
+_TEXT_DEPTH = 100   # deeper nodes print as "..."
+
+
+def load_graph(text) -> Any:
+    """The graph stored as JSON ``text``; ``ValueError`` for one that can't be read,
+    also one nested deeper than the JSON reader goes."""
+    try:
+        return json.loads(text)
+    except (TypeError, RecursionError) as exc:
+        raise ValueError(f"unreadable graph: {exc}") from None
+
+
+def expression_text(graph: Any, _depth: int = 0) -> str:
     """``rank(ts_mean(returns, 20), true)`` style text of a graph."""
+    if _depth >= _TEXT_DEPTH:
+        return "..."
     if not isinstance(graph, dict):
         return repr(graph)
     node = graph.get("node")
@@ -22,7 +36,7 @@ def expression_text(graph: Any) -> str:
         return repr(node) if kind == "string" else str(node)
     if kind == "bool":
         return "true" if node else "false"
-    args = ", ".join(expression_text(c) for c in graph.get("children") or [])
+    args = ", ".join(expression_text(c, _depth + 1) for c in graph.get("children") or [])
     return f"{node}({args})"
 
 
@@ -143,8 +157,8 @@ def stored_evaluations(store, since: float | None = None) -> dict:
                     "ORDER BY created_at DESC LIMIT 200").fetchall()
                 for (text,) in rows:
                     try:
-                        out["passed_graphs"].append(json.loads(text))
-                    except (TypeError, ValueError):
+                        out["passed_graphs"].append(load_graph(text))
+                    except ValueError:
                         pass
     except sqlite3.Error:
         pass
