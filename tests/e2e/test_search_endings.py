@@ -172,8 +172,10 @@ def _no_rotation_schema(path):
     (WALLET, _write(b"short", binary=True), "wallet secret"),
     (DB, _damaged_page, "not a usable search store"),
     (SERVICE, _damaged_page, "signal service's store"),
+    ("store_url", _write(b"\xff\xfe", binary=True), "does not hold a store URL"),
 ], ids=["store-garbage", "store-foreign", "panel-garbage", "panel-truncated", "vocab-empty",
-        "vocab-not-json", "vocab-bad-entry", "wallet-short", "store-damaged-page", "service-damaged-page"])
+        "vocab-not-json", "vocab-bad-entry", "wallet-short", "store-damaged-page", "service-damaged-page",
+        "store-url-not-text"])
 def test_a_damaged_file_is_one_line_and_left_as_it_is(data_dir, name, damage, words):
     path = os.path.join(data_dir, name)
     counts = store_state(data_dir)

@@ -123,6 +123,15 @@ def test_results_and_report_of_graphs_too_deep_to_show(data_dir, capsys, tmp_pat
     assert code == 0, err
 
 
+def test_a_damaged_store_url_file_is_one_line_for_every_command(data_dir, capsys):
+    (data_dir / "store_url").write_text("mysql://db\n")
+    for command in (["results"], ["report"], ["db", "info"], ["db", "trim"], ["check"]):
+        code, _, err = run(capsys, *command, "--data-dir", str(data_dir))
+        assert code == cli.EXIT_USAGE and err.count("\n") == 1, (command, err)
+        assert "store_url: does not hold a store URL (unsupported store 'mysql://db'" in err
+    assert (data_dir / "store_url").read_text() == "mysql://db\n"
+
+
 def test_results_while_a_search_runs(data_dir, capsys):
     child = search(data_dir, 6, jobs=1)
     try:

@@ -5,8 +5,9 @@ vocabulary on first use, and returns the runtime object (auth, sync manager,
 tracker, era configuration, evaluator) that a search takes from the package.
 """
 
+from tarnwicket.errors import DamagedFile
+
 from .evaluator import LocalEvaluator
-from .files import DamagedFile
 from .market_data import UNIVERSE_ID
 from .runtime import DEFAULT_DATA_DIR, LocalRuntime, prepare_local_runtime
 

@@ -12,9 +12,10 @@ import os
 import pathlib
 import sqlite3
 
+from tarnwicket.errors import DamagedFile
+
 from .data_source import vocabulary_path
 from .features import FEATURE_NAMES
-from .files import DamagedFile
 from .operators import OPERATORS
 
 STORE_ADVICE = "move it aside to start a new store, or put back a copy that works"

@@ -14,7 +14,8 @@ import sys
 import threading
 import time
 
-from .files import DamagedFile
+from tarnwicket.errors import DamagedFile
+
 from .user_data import DataFileError, installed_source
 from .runtime import DEFAULT_DATA_DIR
 from .store_commands import add_data_dir
@@ -176,7 +177,7 @@ def run_check(args) -> int:
     try:
         report = check(data_dir, args.service_db and os.path.expanduser(args.service_db), lease=args.lease,
                        others=tuple(os.path.expanduser(d) for d in args.with_data_dir))
-    except (OSError, sqlite3.Error) as exc:
+    except (OSError, sqlite3.Error, DamagedFile) as exc:
         _err(f"cannot check {data_dir!r}: {exc}")
         return EXIT_USAGE
     for line in report.lines():

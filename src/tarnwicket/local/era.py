@@ -14,7 +14,9 @@ import os
 import secrets
 import struct
 
-from .files import DamagedFile, write_atomically
+from tarnwicket.errors import DamagedFile
+
+from .files import write_atomically
 
 SEED_FILE = "shuffle_seed.enc"
 WALLET_FILE = "local_wallet.key"

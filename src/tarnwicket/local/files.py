@@ -7,20 +7,6 @@ import tempfile
 from typing import Callable, IO
 
 
-class DamagedFile(ValueError):
-    """A file of the data directory that is there but cannot be used as it is.
-
-    ``problem`` says what is wrong with it, ``advice`` what the user can do; the
-    file itself is left as it was found.
-    """
-
-    def __init__(self, path: str, problem: str, advice: str):
-        self.path = path
-        self.problem = " ".join(str(problem).split())
-        self.advice = advice
-        super().__init__(f"{path}: {self.problem}; {advice}")
-
-
 def write_atomically(path: str, write: Callable[[IO], None], *, binary: bool = True, private: bool = False) -> None:
     """Write through a temporary file in the same directory, fsync it, then rename it over `path`.
 

@@ -18,7 +18,9 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from .files import DamagedFile, write_atomically
+from tarnwicket.errors import DamagedFile
+
+from .files import write_atomically
 
 UNIVERSE_ID = "universe_top50"
 PANEL_FILE = "panel.npz"

@@ -6,9 +6,10 @@ import importlib
 import os
 import sqlite3
 
+from tarnwicket.errors import DamagedFile
+
 from .checks import check_store, check_vocabulary
 from .data_source import LocalMarketSource
-from .files import DamagedFile
 from .era import LocalAuth, LocalEraConfig, ensure_seed_file, load_or_create_wallet_secret
 from .evaluator import LocalEvaluator
 from .market_data import UNIVERSE_ID, load_panel, panel_path

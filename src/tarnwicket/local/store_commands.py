@@ -8,6 +8,8 @@ import sqlite3
 import sys
 import time
 
+from tarnwicket.errors import DamagedFile
+
 from .results import SORTS, STATUSES, as_csv, as_json, as_table, read_results
 from .runtime import DEFAULT_DATA_DIR
 
@@ -70,12 +72,15 @@ def _open(data_dir: str):
     from tarnwicket.search_tracking import DB_FILENAME
     from tarnwicket.stores import open_store
 
-    store = open_store(data_dir, db_filename=DB_FILENAME)
+    try:
+        store = open_store(data_dir, db_filename=DB_FILENAME)
+    except DamagedFile as exc:
+        raise _NoStore(str(exc)) from None
     return store, (store.read_only(30.0) if store.exists() else None)
 
 
 class _NoStore(Exception):
-    pass
+    """No store to read: none yet, or the file that says where it is is damaged."""
 
 
 def _reading(data_dir: str, read):
@@ -174,6 +179,9 @@ def run_db(args) -> int:
         else:
             n = st.delete_failed_evaluations(eval_type=args.eval_type)
             print(f"Deleted {n:,} evaluations that did not pass.")
+    except (_NoStore, DamagedFile) as exc:
+        _err(str(exc))
+        return EXIT_USAGE
     except RuntimeError as exc:           # this process runs a search itself
         _err(str(exc))
         return EXIT_FAILED

@@ -18,9 +18,13 @@ from __future__ import annotations
 import os
 import sqlite3
 
+from tarnwicket.errors import DamagedFile
+
 from .sqlite import SqliteStore
 
 STORE_URL_FILE = "store_url"
+STORE_URL_ADVICE = ("write the URL of the search store in it, or remove it to use the data directory's "
+                    "own SQLite file")
 POSTGRES_SCHEMES = ("postgresql://", "postgres://")
 
 
@@ -39,14 +43,17 @@ def check_store_url(url):
 
 
 def remembered_store_url(data_dir: str) -> str | None:
-    """The store URL a data directory was set up with, if any."""
+    """The store URL a data directory was set up with, if any; ``DamagedFile``
+    when its file is there but does not hold one."""
     path = os.path.join(data_dir, STORE_URL_FILE)
     try:
         with open(path, encoding="utf-8") as fh:
             url = fh.read().strip()
+        return check_store_url(url) if url else None
     except FileNotFoundError:
         return None
-    return check_store_url(url) if url else None
+    except (OSError, ValueError) as exc:   # unreadable, not text, or not a store URL
+        raise DamagedFile(path, f"does not hold a store URL ({exc})", STORE_URL_ADVICE) from None
 
 
 def remember_store_url(data_dir: str, url: str | None) -> None:
