@@ -24,6 +24,7 @@ import contextlib
 import hashlib
 import json
 import logging
+import os
 import random
 import signal
 import sqlite3
@@ -566,20 +567,36 @@ def _make_handler(service: LocalSignalService):
     return Handler
 
 
+def _token_of(data_dir: str) -> str:
+    from tarnwicket.local.era import LocalAuth, read_wallet_secret
+
+    secret = read_wallet_secret(data_dir)
+    if secret is None:
+        raise ValueError(f"{data_dir} has no local identity yet: run a search there first")
+    return LocalAuth(secret).get_token()
+
+
 def main(argv: list[str] | None = None) -> int:
     """Serve until SIGINT or SIGTERM; the first line printed is the service's URL, the
     last the requests served and the faults injected, by kind, as JSON."""
     parser = argparse.ArgumentParser(prog="python -m tarnwicket.local_signal_service",
                                      description="Run the loopback signal service on its own.")
     parser.add_argument("--db", required=True, metavar="PATH", help="the service's SQLite file")
-    parser.add_argument("--token", required=True, help="the bearer token clients must send")
+    who = parser.add_mutually_exclusive_group(required=True)
+    who.add_argument("--token", help="the bearer token clients must send")
+    who.add_argument("--data-dir", metavar="DIR",
+                     help="take the token of the local identity of this data directory (its searches', and "
+                          "those of the machines that logged in with its key)")
+    parser.add_argument("--host", default="127.0.0.1",
+                        help="address to listen on (default: 127.0.0.1, this machine only; 0.0.0.0 for all)")
     parser.add_argument("--port", type=int, default=0, help="port (default: a free one)")
     parser.add_argument("--polls-to-terminal", type=int, default=1, metavar="N")
     parser.add_argument("--faults", default=None, metavar="SPEC",
                         help="random faults, e.g. drop=0.1,5xx=0.1,403=0.05,seed=1")
     args = parser.parse_args(argv)
     try:
-        service = LocalSignalService(token=args.token, port=args.port, db_path=args.db,
+        token = args.token if args.data_dir is None else _token_of(os.path.expanduser(args.data_dir))
+        service = LocalSignalService(token=token, host=args.host, port=args.port, db_path=args.db,
                                      polls_to_terminal=args.polls_to_terminal, faults=args.faults)
     except (ValueError, TypeError, sqlite3.Error, OSError) as exc:
         print(f"local_signal_service: error: {exc}", file=sys.stderr)
@@ -588,7 +605,7 @@ def main(argv: list[str] | None = None) -> int:
         service.start()
     except OSError as exc:  # the port is taken, or not ours to bind
         service.close()
-        print(f"local_signal_service: error: cannot listen on port {args.port}: {exc}", file=sys.stderr)
+        print(f"local_signal_service: error: cannot listen on {args.host} port {args.port}: {exc}", file=sys.stderr)
         return 2
     done = threading.Event()
     for sig in (signal.SIGINT, signal.SIGTERM):

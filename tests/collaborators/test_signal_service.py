@@ -2,6 +2,8 @@
 
 import logging
 import socket
+import subprocess
+import sys
 import threading
 import time
 
@@ -209,10 +211,30 @@ def test_the_service_command_refuses_a_port_it_cannot_listen_on(tmp_path, capsys
         taken.bind(("127.0.0.1", 0))
         taken.listen()
         for port, says in (("70000", "port must be an int from 0 to 65535"), (str(taken.getsockname()[1]),
-                                                                             "cannot listen on port")):
+                                                                             "cannot listen on 127.0.0.1 port")):
             assert main(["--db", str(tmp_path / "s.db"), "--token", "t", "--port", port]) == 2
             err = capsys.readouterr().err
             assert err.count("\n") == 1 and says in err
+
+
+def test_the_service_command_takes_the_token_of_a_data_directory(tmp_path, capsys):
+    from tarnwicket.local.era import LocalAuth, load_or_create_wallet_secret
+    from tarnwicket.local_signal_service import main
+
+    argv = ["--db", str(tmp_path / "s.db"), "--data-dir", str(tmp_path / "d")]
+    assert main(argv) == 2 and "has no local identity yet" in capsys.readouterr().err
+    (tmp_path / "d").mkdir()
+    token = LocalAuth(load_or_create_wallet_secret(str(tmp_path / "d"))).get_token()
+    proc = subprocess.Popen([sys.executable, "-m", "tarnwicket.local_signal_service", *argv],
+                            stdout=subprocess.PIPE, text=True)
+    try:
+        url = proc.stdout.readline().strip()
+        for key, status in ((token, 201), ("other", 401)):
+            with SignalServiceClient(url, key) as c:
+                assert c.submit_signal(**signal_kwargs()).status_code == status
+    finally:
+        proc.kill()
+        proc.communicate()
 
 
 def test_idempotency_key_for_body():

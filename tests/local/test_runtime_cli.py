@@ -39,6 +39,8 @@ class TestCommandLine:
         ({"server_url": "nonsense"}, ValueError, "must be an http"),
         ({"seed": -1}, ValueError, "seed must be at least 0"),
         ({"seed": 1.5}, TypeError, "seed must be a whole number"),
+        # each machine's loopback service would answer the others' submissions "unknown"
+        ({"store": "postgresql://u@127.0.0.1:1/db"}, ValueError, "needs one signal service for all"),
     ])
     def test_bad_options_are_refused_before_anything_is_written(self, tmp_path, options, error, says):
         from tarnwicket.local.runtime import prepare_local_runtime
@@ -46,6 +48,14 @@ class TestCommandLine:
         with pytest.raises(error, match=says):
             prepare_local_runtime(str(tmp_path / "d"), **options)
         assert not (tmp_path / "d").exists()
+
+    def test_a_remembered_shared_store_needs_a_server_url(self, capsys, tmp_path):
+        (tmp_path / "d").mkdir()
+        (tmp_path / "d" / "store_url").write_text("postgresql://u@127.0.0.1:1/db\n")
+        assert cli.main(["search", "--data-dir", str(tmp_path / "d")]) == 2
+        err = capsys.readouterr().err
+        assert err.count("\n") == 1 and "python -m tarnwicket.local_signal_service" in err
+        assert sorted(os.listdir(tmp_path / "d")) == ["store_url"]
 
     def test_unusable_data_dir(self, capsys, tmp_path):
         blocker = tmp_path / "file"

@@ -17,7 +17,7 @@ import time
 from tarnwicket.errors import DamagedFile
 
 from .user_data import DataFileError, installed_source
-from .runtime import DEFAULT_DATA_DIR
+from .runtime import DEFAULT_DATA_DIR, NoSharedService
 from .store_commands import add_data_dir
 from .store_commands import add_parsers as add_store_commands
 from .store_commands import run_db, run_report, run_results
@@ -313,7 +313,7 @@ def _prepare(args, out, stops):
     except _Interrupted:
         out.line(f"{stops.word()} before the search started.")
         return EXIT_FAILED
-    except (DamagedFile, DataFileError) as exc:
+    except (DamagedFile, DataFileError, NoSharedService) as exc:
         _err(str(exc))
         return EXIT_USAGE
     except OSError as exc:

@@ -76,21 +76,26 @@ class LocalAuth:
         return "LocalAuth(<local>)"
 
 
-def load_or_create_wallet_secret(data_dir: str) -> bytes:
-    """The wallet secret of ``data_dir``, made on first use; a damaged one is never replaced."""
+def read_wallet_secret(data_dir: str) -> bytes | None:
+    """The wallet secret of ``data_dir``, None while it has none; ``DamagedFile`` for a damaged one."""
     path = os.path.join(data_dir, WALLET_FILE)
     try:
         with open(path, "rb") as fh:
             secret = fh.read(WALLET_SECRET_LENGTH + 1)
     except FileNotFoundError:
-        secret = None
-    if secret is not None:
-        if len(secret) != WALLET_SECRET_LENGTH:
-            raise DamagedFile(path, f"is not a wallet secret of {WALLET_SECRET_LENGTH} bytes",
-                              "delete it to make a new local identity")
-        return secret
-    secret = secrets.token_bytes(WALLET_SECRET_LENGTH)
-    _write_private(path, secret)
+        return None
+    if len(secret) != WALLET_SECRET_LENGTH:
+        raise DamagedFile(path, f"is not a wallet secret of {WALLET_SECRET_LENGTH} bytes",
+                          "delete it to make a new local identity")
+    return secret
+
+
+def load_or_create_wallet_secret(data_dir: str) -> bytes:
+    """The wallet secret of ``data_dir``, made on first use; a damaged one is never replaced."""
+    secret = read_wallet_secret(data_dir)
+    if secret is None:
+        secret = secrets.token_bytes(WALLET_SECRET_LENGTH)
+        _write_private(os.path.join(data_dir, WALLET_FILE), secret)
     return secret
 
 

@@ -63,6 +63,23 @@ def _ensure_data(data_dir: str, source: LocalMarketSource, sync_manager) -> None
         source.materialise(data_dir, UNIVERSE_ID)
 
 
+class NoSharedService(ValueError):
+    """A store shared by several machines, and no signal service named for them all."""
+
+
+def _one_service_for_a_shared_store(store: str | None, server_url: str | None) -> None:
+    """Machines on one store poll each other's submissions: were each to start a
+    loopback service of its own, the others' would be unknown to it, and a poll of
+    an unknown submission ends it as rejected."""
+    from tarnwicket.stores import is_postgres_url
+
+    if server_url is None and store is not None and is_postgres_url(store):
+        raise NoSharedService(
+            "a store shared by several machines needs one signal service for all of them: start one with "
+            "'python -m tarnwicket.local_signal_service --db PATH --data-dir DIR' and give its URL with "
+            "--server-url (from Python: server_url=URL)")
+
+
 def usable_data_dir(data_dir: str) -> str:
     """The absolute data directory, created if need be; ``OSError`` if it can't be used."""
     path = os.path.abspath(os.path.expanduser(data_dir))
@@ -119,6 +136,8 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     ``postgresql://`` URL of a database that several searches share, or
     ``"sqlite"`` for the data directory's own file. The data directory
     remembers the choice (None keeps the one it has; SQLite by default).
+    A shared store needs a ``server_url`` that all its machines use; without
+    one ``NoSharedService`` (a ``ValueError``) is raised.
 
     ``data`` is a file of your own daily market data (CSV or Parquet, see
     ``tarnwicket.local.user_data``); it replaces the data set of the data
@@ -142,9 +161,11 @@ def prepare_local_runtime(data_dir: str = DEFAULT_DATA_DIR, seed: int = 0,
     if server_url is not None:
         check_server_url(server_url)
     source = LocalMarketSource(seed)
+    _one_service_for_a_shared_store(store, server_url)
     data_dir = usable_data_dir(data_dir)
     if store is None:
         store = remembered_store_url(data_dir)
+        _one_service_for_a_shared_store(store, server_url)
     if store is None or store == "sqlite":
         check_store(os.path.join(data_dir, DB_FILENAME))
     sync_manager = _sync_manager(data_dir, source)
