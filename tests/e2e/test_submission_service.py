@@ -9,7 +9,7 @@ import time
 import pytest
 
 from fakes.runtime import wait_until
-from fakes.searches import SLOW, finish, journal_files, reconcile, search
+from fakes.searches import SLOW, ServiceProcess, finish, journal_files, reconcile, search, token_of
 from tarnwicket.search_tracking import DB_FILENAME
 from tarnwicket.stores import open_store, remember_store_url
 
@@ -26,13 +26,21 @@ def store_reader(data_dir):
 
 
 @pytest.mark.faults
-def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir):
-    faults = "drop=0.06,5xx=0.06,401=0.12,403=0.12,ban_seconds=1,seed=11"
-    first = finish(search(data_dir, 12, "--service-faults", faults, jobs=2))
-    assert "retrying" in first
-    # The same data directory without faults: what waited is sent, by the same service store.
-    finish(search(data_dir, 10))
-    r = reconcile(data_dir, str(data_dir / "signal_service.db"))
+def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir, tmp_path):
+    # One service for the store, as a shared store needs; it runs in a process of its own.
+    service = ServiceProcess(tmp_path / "service.db", token_of(data_dir),
+                             faults="drop=0.06,5xx=0.06,401=0.12,403=0.12,ban_seconds=1,seed=11")
+    try:
+        first = finish(search(data_dir, 12, "--server-url", service.url, jobs=2))
+        assert "retrying" in first
+        # The same service and store without faults: what waited is sent.
+        service.stop()
+        service.faults = None
+        service.start()
+        finish(search(data_dir, 10, "--server-url", service.url))
+    finally:
+        service.stop()
+    r = reconcile(data_dir, service.db)
     store = store_reader(data_dir)
     try:
         attempts, sends = store.execute("SELECT COUNT(*), SUM(attempt_count) FROM submission_attempts").fetchone()
