@@ -231,6 +231,29 @@ def test_a_market_without_instruments_or_days_gives_empty_panels(days, names):
     assert len(figures["pnl"]) == max(days - 1, 0)
 
 
+LONG_WINDOWS = """
+import resource
+import numpy as np
+from tarnwicket.local import _native
+
+days, names = 40, 50
+ev = _native.Evaluator(np.zeros(names, dtype=np.int64), np.random.rand(days, names))
+x = np.random.rand(days, names)
+before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+for op in ("ts_mean", "ts_std", "ts_zscore", "ts_corr", "ts_decay", "ts_rank", "ts_max", "ts_min", "delay"):
+    (got,) = ev.run([x, x], [(op, [0, 1] if op == "ts_corr" else [0], [1e6])])
+    assert np.isnan(got).all(), op
+print((resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before) // 1024)
+"""
+
+
+def test_a_window_longer_than_the_data_costs_no_more_than_the_data():
+    # window sums kept a million days of running sums (800 MB here) for 40 days of data
+    done = subprocess.run([sys.executable, "-c", LONG_WINDOWS], capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    assert int(done.stdout) < 100  # MiB
+
+
 # A daemon thread is inside a native evaluation when the interpreter exits; it
 # comes back for the interpreter lock while the interpreter is being finalised
 # (an object's finaliser keeps finalisation busy for three seconds).

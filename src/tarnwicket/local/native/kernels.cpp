@@ -29,10 +29,11 @@ std::size_t window_of(double v) {
 // K rows of quantities of day t into v (zero where a value is not valid) and
 // its validity into ok; `emit(t, full, sums)` receives the K rows of window
 // sums and which instruments have all `w` days valid. Only w + 1 days of
-// running sums are kept.
+// running sums are kept, and no more days than there are: a window longer
+// than the data never reads a day that left it.
 template <std::size_t K, class Load, class Emit>
 void rolling_sums(Shape sh, std::size_t w, Load load, Emit emit) {
-    const std::size_t n = sh.names, slots = w + 1, row = K * n;
+    const std::size_t n = sh.names, slots = std::min(w, sh.days) + 1, row = K * n;
     std::vector<double> ring(slots * row), zero(row, 0.0), values(row), sums(row);
     std::vector<double> valid(slots * n), count(n, 0.0), full(n);
     const double need = static_cast<double>(w);
