@@ -37,3 +37,14 @@ def test_three_machines_on_one_postgres_store_send_each_signal_once(tmp_path, po
     r = outcome.report
     assert outcome.kills == kills and r.service_held >= 3
     assert r.duplicates == 0 and r.service_repeats <= outcome.kills and r.lost_receipts == 0
+
+
+@pytest.mark.parametrize("option", [["--processes", "0"], ["--kills", "-1"], ["--faults", "drop=x"],
+                                    ["--store", "mysql://db"], ["--lease", "0"]])
+def test_the_campaign_command_refuses_bad_options_before_it_starts(tmp_path, capsys, option):
+    from tarnwicket.local.kill_campaign import main
+
+    with pytest.raises(SystemExit) as ended:
+        main(["--workdir", str(tmp_path / "w"), *option])
+    assert ended.value.code == 2 and f"argument {option[0]}" in capsys.readouterr().err
+    assert not (tmp_path / "w").exists()

@@ -236,15 +236,25 @@ def main(argv: list[str] | None = None) -> int:
     argv = sys.argv[1:] if argv is None else argv
     if argv[:1] == [CHILD_FLAG]:
         return _child(argv[1], argv[2:])
+    from .cli import _fault_rates, _int_at_least, _positive_seconds, _store_url
+
+    def fault_text(text: str) -> str:
+        _fault_rates(text)  # checked here; the service command is given the text
+        return text
+
+    def shared_store(text: str) -> str | None:
+        return None if _store_url(text) == "sqlite" else text  # "sqlite": one data directory's own file
+
     parser = argparse.ArgumentParser(prog="python -m tarnwicket.local.kill_campaign", description=__doc__.split("\n\n")[0])
     parser.add_argument("--workdir", required=True, help="where the data directory and the service's store go")
-    parser.add_argument("--kills", type=int, default=20)
-    parser.add_argument("--processes", type=int, default=1, help="searches running at once on one store")
-    parser.add_argument("--jobs", type=int, default=2, help="workers per search")
-    parser.add_argument("--lease", type=float, default=3.0, help="claim lease of the searches, in seconds")
-    parser.add_argument("--faults", default=None, help="faults of the service, e.g. drop=0.05,5xx=0.05,401=0.05")
+    parser.add_argument("--kills", type=_int_at_least(0), default=20)
+    parser.add_argument("--processes", type=_int_at_least(1), default=1, help="searches running at once on one store")
+    parser.add_argument("--jobs", type=_int_at_least(1), default=2, help="workers per search")
+    parser.add_argument("--lease", type=_positive_seconds, default=3.0, help="claim lease of the searches, in seconds")
+    parser.add_argument("--faults", type=fault_text, default=None,
+                        help="faults of the service, e.g. drop=0.05,5xx=0.05,401=0.05")
     parser.add_argument("--seed", type=int, default=0)
-    parser.add_argument("--store", default=None, metavar="URL",
+    parser.add_argument("--store", type=shared_store, default=None, metavar="URL",
                         help="a postgresql:// store shared by the processes, each with a data directory of its own")
     args = parser.parse_args(argv)
     c = Campaign(args.workdir, kills=args.kills, processes=args.processes, jobs=args.jobs, lease=args.lease,
