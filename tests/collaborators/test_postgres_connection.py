@@ -136,3 +136,11 @@ def test_choosing_and_remembering_the_store(tmp_path, url):
     remember_store_url(str(tmp_path), "sqlite")
     assert remembered_store_url(str(tmp_path)) is None
     assert open_store(str(tmp_path), db_filename="x.db").dialect == "sqlite"
+
+
+def test_the_server_command_refuses_a_directory_it_cannot_make(tmp_path, capsys):
+    from tarnwicket.stores.local_server import main
+
+    (tmp_path / "file").write_text("")
+    assert main([str(tmp_path / "file" / "pg")]) == 2
+    assert "cannot hold a server" in capsys.readouterr().err

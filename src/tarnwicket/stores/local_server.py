@@ -147,6 +147,9 @@ def main(argv: list[str] | None = None) -> int:
     except ServerUnavailable as exc:
         print(f"error: {exc}", file=sys.stderr)
         return 1
+    except OSError as exc:  # a directory that can't be made or written
+        print(f"error: {argv[0]} cannot hold a server: {exc}", file=sys.stderr)
+        return 2
     print(server.url, flush=True)
     stops = {signal.SIGINT, signal.SIGTERM}
     signal.pthread_sigmask(signal.SIG_BLOCK, stops)
