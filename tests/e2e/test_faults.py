@@ -38,9 +38,7 @@ def test_slow_answers_past_the_timeout_and_a_service_restart(data_dir, tmp_path)
         service.start()
         finish(child)
         assert all(n < 5 for n in retry_counts(data_dir))  # the retry limit holds
-        service.stop()
-        service.faults = None
-        service.start()
+        service.restart_without_faults()
         finish(search(data_dir, 8, "--server-url", service.url))
     finally:
         service.stop()

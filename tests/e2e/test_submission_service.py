@@ -34,9 +34,7 @@ def test_faults_of_every_kind_lose_nothing_and_send_nothing_twice(data_dir, tmp_
         first = finish(search(data_dir, 12, "--server-url", service.url, jobs=2))
         assert "retrying" in first
         # The same service and store without faults: what waited is sent.
-        service.stop()
-        service.faults = None
-        service.start()
+        service.restart_without_faults()
         finish(search(data_dir, 10, "--server-url", service.url))
     finally:
         service.stop()

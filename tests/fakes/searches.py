@@ -108,6 +108,12 @@ class ServiceProcess:
         self.proc.kill()
         self.proc.communicate()
 
+    def restart_without_faults(self):
+        """Stopped and started again on the same port and store, answering every request."""
+        self.stop()
+        self.faults = None
+        return self.start()
+
     def stop(self):
         if self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
