@@ -112,6 +112,42 @@ def test_a_closed_output_pipe_ends_the_search_quietly(data_dir, then_sigint):
     assert_store_settled(data_dir, before)
 
 
+# The supervisor's health probe waits for the stop, then for the pipeline threads
+# that the stop ends; the walk it belongs to then finds them gone, as one can when
+# the stop comes in the middle of a walk.
+SUPERVISOR_MID_WALK = """
+import os, sys
+import tarnwicket.search_templates as st
+
+probe = st._spawn_worker
+
+
+def held_probe(handle, index):
+    if index < 0 and handle._stop_event.wait(120):
+        threads = [handle._submission_thread, handle._polling_thread]
+        for thread in threads:
+            thread.join(10)
+        if not any(thread.is_alive() for thread in threads):
+            open(os.environ["WALK_MARK"], "w").close()
+    return probe(handle, index)
+
+
+st._spawn_worker = held_probe
+from tarnwicket.local.cli import main
+sys.exit(main(sys.argv[1:]))
+"""
+
+
+def test_a_stop_in_the_middle_of_a_supervisor_walk_prints_no_warnings(data_dir, tmp_path):
+    mark = tmp_path / "walked"
+    argv = [sys.executable, "-c", SUPERVISOR_MID_WALK, *command(data_dir, "--seconds", "3")[3:]]
+    child = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                             env=dict(os.environ, PYTHONUNBUFFERED="1", WALK_MARK=str(mark)))
+    out, err = finish(child, timeout=60)
+    assert (child.returncode, err) == (0, "")
+    assert mark.exists() and "This run evaluated" in out
+
+
 def _garbage(path):
     with open(path, "wb") as fh:
         fh.write(np.random.default_rng(5).bytes(8192))

@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import io
+import logging
 import os
 import select
 import shlex
@@ -355,7 +357,8 @@ def _search_with(runtime, args, out, stops) -> int:
         evaluated, elapsed, failure = _watch(handle, args.seconds, runtime, out, stops, since)
     finally:
         try:
-            handle.stop()
+            with _threads_end_on_purpose(getattr(st, "logger", None)):
+                handle.stop()
         except Exception as exc:
             _err(f"stopping the search failed: {exc}")
         _mark_ended(runtime)
@@ -364,6 +367,30 @@ def _search_with(runtime, args, out, stops) -> int:
         _err(f"the search ended with an error: {failure}")
         return EXIT_FAILED
     return EXIT_OK
+
+
+class _NoRestartWarnings(logging.Filter):
+    def filter(self, record: logging.LogRecord) -> bool:
+        return " thread restart failed (" not in record.getMessage()
+
+
+@contextlib.contextmanager
+def _threads_end_on_purpose(logger):
+    """Quiet the supervisor's thread-restart warnings while the search stops.
+
+    The stop ends the submission and polling threads. A supervisor that passed its
+    own stop check just before may still find one of them gone and warn that it
+    could not restart it, although nothing failed.
+    """
+    if not isinstance(logger, logging.Logger):
+        yield
+        return
+    quiet = _NoRestartWarnings()
+    logger.addFilter(quiet)
+    try:
+        yield
+    finally:
+        logger.removeFilter(quiet)
 
 
 def _mark_ended(runtime) -> None:
