@@ -19,6 +19,7 @@ import time
 from tarnwicket.errors import DamagedFile
 
 from .user_data import DataFileError, installed_source
+from .options import fault_rates, int_at_least, positive_seconds, server_url, store_url
 from .runtime import DEFAULT_DATA_DIR, NoSharedService
 from .store_commands import add_data_dir
 from .store_commands import add_parsers as add_store_commands
@@ -38,31 +39,6 @@ class _Parser(argparse.ArgumentParser):
         raise UsageError(message)
 
 
-def _int_at_least(low: int):
-    def parse(text: str) -> int:
-        try:
-            value = int(text)
-        except ValueError:
-            raise argparse.ArgumentTypeError(f"expected a whole number, got {text!r}") from None
-        if value < low:
-            raise argparse.ArgumentTypeError(f"must be at least {low}, got {value}")
-        return value
-    return parse
-
-
-_positive_int = _int_at_least(1)
-
-
-def _positive_seconds(text: str) -> float:
-    try:
-        value = float(text)
-    except ValueError:
-        raise argparse.ArgumentTypeError(f"expected a number of seconds, got {text!r}") from None
-    if not value > 0 or value == float("inf"):
-        raise argparse.ArgumentTypeError(f"must be a positive number of seconds, got {text}")
-    return value
-
-
 def build_parser() -> argparse.ArgumentParser:
     parser = _Parser(prog="python -m tarnwicket",
                      description="Search for trading signals on this machine.")
@@ -72,19 +48,19 @@ def build_parser() -> argparse.ArgumentParser:
         description=("Run the built-in random_weighted search against the local runtime: "
                      "synthetic daily data for 50 instruments, evaluated and backtested on "
                      "this machine. The data set is written on first use."))
-    search.add_argument("--jobs", type=_positive_int, default=2, metavar="N",
+    search.add_argument("--jobs", type=int_at_least(1), default=2, metavar="N",
                         help="worker threads (default: 2)")
-    search.add_argument("--seconds", type=_positive_seconds, default=DEFAULT_SECONDS, metavar="S",
+    search.add_argument("--seconds", type=positive_seconds, default=DEFAULT_SECONDS, metavar="S",
                         help=f"stop after this many seconds (default: {DEFAULT_SECONDS:g})")
     search.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
                         help=f"where data and results live (default: {DEFAULT_DATA_DIR})")
-    search.add_argument("--seed", type=_int_at_least(0), default=0,
+    search.add_argument("--seed", type=int_at_least(0), default=0,
                         help="seed of the synthetic data set, used when it is first written "
                              "(default: 0)")
-    search.add_argument("--server-url", type=_server_url, default=None, metavar="URL",
+    search.add_argument("--server-url", type=server_url, default=None, metavar="URL",
                         help="signal service to submit to (default: a loopback service started "
                              "for this search, keeping what it accepted in the data directory)")
-    search.add_argument("--service-faults", type=_fault_rates, default=None, metavar="SPEC",
+    search.add_argument("--service-faults", type=fault_rates, default=None, metavar="SPEC",
                         help="make the loopback service inject faults at random, e.g. "
                              "drop=0.1,5xx=0.1,401=0.05,403=0.05,lost=0.05,slow=0.1,seed=1 "
                              "(default: the environment variable TARNWICKET_SERVICE_FAULTS)")
@@ -93,7 +69,7 @@ def build_parser() -> argparse.ArgumentParser:
                              "high, low, close, volume (vwap and sector optional; further numeric columns "
                              "become features). It replaces the data set of the data directory, which keeps "
                              "it for later runs (default: the synthetic data set)")
-    search.add_argument("--store", type=_store_url, default=None, metavar="URL",
+    search.add_argument("--store", type=store_url, default=None, metavar="URL",
                         help="where evaluations and submissions are kept: a postgresql://user@host:port/db "
                              "URL shared by several machines, or 'sqlite' for the data directory's own file "
                              "(default: what the data directory was last used with; SQLite at first)")
@@ -105,40 +81,13 @@ def build_parser() -> argparse.ArgumentParser:
     add_data_dir(check)
     check.add_argument("--service-db", default=None, metavar="PATH",
                        help="the signal service's store (default: the data directory's own)")
-    check.add_argument("--lease", type=_positive_seconds, default=300.0, metavar="S",
+    check.add_argument("--lease", type=positive_seconds, default=300.0, metavar="S",
                        help="the claim lease the searches used (default: 300)")
     check.add_argument("--with-data-dir", action="append", default=[], metavar="DIR",
                        help="another data directory on the same shared store, whose receipt journal "
                             "counts too (repeat for each)")
-    add_store_commands(sub, _int_at_least)
+    add_store_commands(sub)
     return parser
-
-
-def _store_url(text: str) -> str:
-    from tarnwicket.stores import check_store_url
-
-    try:
-        return check_store_url(text)
-    except ValueError as exc:
-        raise argparse.ArgumentTypeError(str(exc)) from None
-
-
-def _server_url(text: str) -> str:
-    from tarnwicket.submit import check_server_url
-
-    try:
-        return check_server_url(text)
-    except ValueError as exc:
-        raise argparse.ArgumentTypeError(str(exc)) from None
-
-
-def _fault_rates(text: str):
-    from tarnwicket.local_signal_service import FaultRates
-
-    try:
-        return FaultRates.parse(text)
-    except ValueError as exc:
-        raise argparse.ArgumentTypeError(str(exc)) from None
 
 
 def _err(message: str) -> None:

@@ -34,6 +34,7 @@ import time
 from dataclasses import dataclass, field
 
 from .invariants import JOURNAL_DIR, Report, check
+from .options import fault_spec, int_at_least, positive_seconds, store_url
 
 KILL_WINDOW = 2.0
 CHILD_FLAG = "--child-with-lease"
@@ -236,22 +237,16 @@ def main(argv: list[str] | None = None) -> int:
     argv = sys.argv[1:] if argv is None else argv
     if argv[:1] == [CHILD_FLAG]:
         return _child(argv[1], argv[2:])
-    from .cli import _fault_rates, _int_at_least, _positive_seconds, _store_url
-
-    def fault_text(text: str) -> str:
-        _fault_rates(text)  # checked here; the service command is given the text
-        return text
-
     def shared_store(text: str) -> str | None:
-        return None if _store_url(text) == "sqlite" else text  # "sqlite": one data directory's own file
+        return None if store_url(text) == "sqlite" else text  # "sqlite": one data directory's own file
 
     parser = argparse.ArgumentParser(prog="python -m tarnwicket.local.kill_campaign", description=__doc__.split("\n\n")[0])
     parser.add_argument("--workdir", required=True, help="where the data directory and the service's store go")
-    parser.add_argument("--kills", type=_int_at_least(0), default=20)
-    parser.add_argument("--processes", type=_int_at_least(1), default=1, help="searches running at once on one store")
-    parser.add_argument("--jobs", type=_int_at_least(1), default=2, help="workers per search")
-    parser.add_argument("--lease", type=_positive_seconds, default=3.0, help="claim lease of the searches, in seconds")
-    parser.add_argument("--faults", type=fault_text, default=None,
+    parser.add_argument("--kills", type=int_at_least(0), default=20)
+    parser.add_argument("--processes", type=int_at_least(1), default=1, help="searches running at once on one store")
+    parser.add_argument("--jobs", type=int_at_least(1), default=2, help="workers per search")
+    parser.add_argument("--lease", type=positive_seconds, default=3.0, help="claim lease of the searches, in seconds")
+    parser.add_argument("--faults", type=fault_spec, default=None,
                         help="faults of the service, e.g. drop=0.05,5xx=0.05,401=0.05")
     parser.add_argument("--seed", type=int, default=0)
     parser.add_argument("--store", type=shared_store, default=None, metavar="URL",

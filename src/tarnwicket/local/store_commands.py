@@ -10,6 +10,7 @@ import time
 
 from tarnwicket.errors import DamagedFile
 
+from .options import int_at_least
 from .results import SORTS, STATUSES, as_csv, as_json, as_table, read_results
 from .runtime import DEFAULT_DATA_DIR
 
@@ -19,7 +20,7 @@ def add_data_dir(parser) -> None:
                         help=f"the data directory (default: {DEFAULT_DATA_DIR})")
 
 
-def add_parsers(sub, int_at_least) -> None:
+def add_parsers(sub) -> None:
     non_negative_int = int_at_least(0)
     results = sub.add_parser(
         "results", help="list the passing signals of a data directory",
