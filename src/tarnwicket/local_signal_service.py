@@ -579,12 +579,14 @@ def _token_of(data_dir: str) -> str:
 def main(argv: list[str] | None = None) -> int:
     """Serve until SIGINT or SIGTERM; the first line printed is the service's URL, the
     last the requests served and the faults injected, by kind, as JSON."""
+    from tarnwicket.local.options import path
+
     parser = argparse.ArgumentParser(prog="python -m tarnwicket.local_signal_service",
                                      description="Run the loopback signal service on its own.")
-    parser.add_argument("--db", required=True, metavar="PATH", help="the service's SQLite file")
+    parser.add_argument("--db", type=path, required=True, metavar="PATH", help="the service's SQLite file")
     who = parser.add_mutually_exclusive_group(required=True)
     who.add_argument("--token", help="the bearer token clients must send")
-    who.add_argument("--data-dir", metavar="DIR",
+    who.add_argument("--data-dir", type=path, metavar="DIR",
                      help="take the token of the local identity of this data directory (its searches', and "
                           "those of the machines that logged in with its key)")
     parser.add_argument("--host", default="127.0.0.1",

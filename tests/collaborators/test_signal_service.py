@@ -223,6 +223,10 @@ def test_the_service_command_takes_the_token_of_a_data_directory(tmp_path, capsy
 
     argv = ["--db", str(tmp_path / "s.db"), "--data-dir", str(tmp_path / "d")]
     assert main(argv) == 2 and "has no local identity yet" in capsys.readouterr().err
+    for empty in (["--db", "", "--token", "t"], ["--db", "s.db", "--data-dir", ""]):
+        with pytest.raises(SystemExit):       # not a private store, nor the identity of the current directory
+            main(empty)
+        assert "expected a path, got an empty text" in capsys.readouterr().err
     (tmp_path / "d").mkdir()
     token = LocalAuth(load_or_create_wallet_secret(str(tmp_path / "d"))).get_token()
     proc = subprocess.Popen([sys.executable, "-m", "tarnwicket.local_signal_service", *argv],

@@ -40,7 +40,7 @@ def test_three_machines_on_one_postgres_store_send_each_signal_once(tmp_path, po
 
 
 @pytest.mark.parametrize("option", [["--processes", "0"], ["--kills", "-1"], ["--faults", "drop=x"],
-                                    ["--store", "mysql://db"], ["--lease", "0"]])
+                                    ["--store", "mysql://db"], ["--lease", "0"], ["--workdir", ""]])
 def test_the_campaign_command_refuses_bad_options_before_it_starts(tmp_path, capsys, option):
     from tarnwicket.local.kill_campaign import main
 

@@ -29,6 +29,10 @@ class TestCommandLine:
         (["search", "--server-url", "http://127.0.0.1:1", "--service-faults", "drop=0.1"],
          "only the loopback service injects faults"),
         (["launch"], "invalid choice"),
+        # an empty path would quietly be the current directory
+        (["search", "--data-dir", ""], "--data-dir: expected a path"),
+        (["results", "--data-dir", ""], "--data-dir: expected a path"),
+        (["check", "--with-data-dir", ""], "--with-data-dir: expected a path"),
     ])
     def test_bad_options_give_one_line_and_exit_2(self, capsys, argv, words):
         assert cli.main(argv) == 2
@@ -48,6 +52,14 @@ class TestCommandLine:
         with pytest.raises(error, match=says):
             prepare_local_runtime(str(tmp_path / "d"), **options)
         assert not (tmp_path / "d").exists()
+
+    def test_an_empty_data_directory_is_not_the_current_one(self, tmp_path, monkeypatch):
+        from tarnwicket.local.runtime import prepare_local_runtime
+
+        monkeypatch.chdir(tmp_path)
+        with pytest.raises(FileNotFoundError, match="names no data directory"):
+            prepare_local_runtime("")
+        assert os.listdir(tmp_path) == []
 
     def test_a_remembered_shared_store_needs_a_server_url(self, capsys, tmp_path):
         (tmp_path / "d").mkdir()

@@ -19,7 +19,7 @@ import time
 from tarnwicket.errors import DamagedFile
 
 from .user_data import DataFileError, installed_source
-from .options import fault_rates, int_at_least, positive_seconds, server_url, store_url
+from .options import fault_rates, int_at_least, path, positive_seconds, server_url, store_url
 from .runtime import DEFAULT_DATA_DIR, NoSharedService
 from .store_commands import add_data_dir
 from .store_commands import add_parsers as add_store_commands
@@ -52,7 +52,7 @@ def build_parser() -> argparse.ArgumentParser:
                         help="worker threads (default: 2)")
     search.add_argument("--seconds", type=positive_seconds, default=DEFAULT_SECONDS, metavar="S",
                         help=f"stop after this many seconds (default: {DEFAULT_SECONDS:g})")
-    search.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
+    search.add_argument("--data-dir", type=path, default=DEFAULT_DATA_DIR, metavar="DIR",
                         help=f"where data and results live (default: {DEFAULT_DATA_DIR})")
     search.add_argument("--seed", type=int_at_least(0), default=0,
                         help="seed of the synthetic data set, used when it is first written "
@@ -64,7 +64,7 @@ def build_parser() -> argparse.ArgumentParser:
                         help="make the loopback service inject faults at random, e.g. "
                              "drop=0.1,5xx=0.1,401=0.05,403=0.05,lost=0.05,slow=0.1,seed=1 "
                              "(default: the environment variable TARNWICKET_SERVICE_FAULTS)")
-    search.add_argument("--data", default=None, metavar="FILE",
+    search.add_argument("--data", type=path, default=None, metavar="FILE",
                         help="your own daily market data, CSV or Parquet in long form: date, symbol, open, "
                              "high, low, close, volume (vwap and sector optional; further numeric columns "
                              "become features). It replaces the data set of the data directory, which keeps "
@@ -79,11 +79,11 @@ def build_parser() -> argparse.ArgumentParser:
                      "holds is recorded once or still on its way, no key was reused with another body "
                      "and no dead owner holds a claim. Exit 1 when something is broken."))
     add_data_dir(check)
-    check.add_argument("--service-db", default=None, metavar="PATH",
+    check.add_argument("--service-db", type=path, default=None, metavar="PATH",
                        help="the signal service's store (default: the data directory's own)")
     check.add_argument("--lease", type=positive_seconds, default=300.0, metavar="S",
                        help="the claim lease the searches used (default: 300)")
-    check.add_argument("--with-data-dir", action="append", default=[], metavar="DIR",
+    check.add_argument("--with-data-dir", type=path, action="append", default=[], metavar="DIR",
                        help="another data directory on the same shared store, whose receipt journal "
                             "counts too (repeat for each)")
     add_store_commands(sub)

@@ -34,7 +34,7 @@ import time
 from dataclasses import dataclass, field
 
 from .invariants import JOURNAL_DIR, Report, check
-from .options import fault_spec, int_at_least, positive_seconds, store_url
+from .options import fault_spec, int_at_least, path, positive_seconds, store_url
 
 KILL_WINDOW = 2.0
 CHILD_FLAG = "--child-with-lease"
@@ -241,7 +241,7 @@ def main(argv: list[str] | None = None) -> int:
         return None if store_url(text) == "sqlite" else text  # "sqlite": one data directory's own file
 
     parser = argparse.ArgumentParser(prog="python -m tarnwicket.local.kill_campaign", description=__doc__.split("\n\n")[0])
-    parser.add_argument("--workdir", required=True, help="where the data directory and the service's store go")
+    parser.add_argument("--workdir", type=path, required=True, help="where the data directory and the service's store go")
     parser.add_argument("--kills", type=int_at_least(0), default=20)
     parser.add_argument("--processes", type=int_at_least(1), default=1, help="searches running at once on one store")
     parser.add_argument("--jobs", type=int_at_least(1), default=2, help="workers per search")

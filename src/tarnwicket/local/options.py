@@ -28,6 +28,14 @@ def positive_seconds(text: str) -> float:
     return value
 
 
+def path(text: str) -> str:
+    """A file or directory name. An empty one is refused: it would quietly mean the
+    current directory, or for SQLite a private database that is gone at exit."""
+    if not text:
+        raise argparse.ArgumentTypeError("expected a path, got an empty text")
+    return text
+
+
 def store_url(text: str) -> str:
     from tarnwicket.stores import check_store_url
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import errno
 import importlib
 import os
 import sqlite3
@@ -82,6 +83,8 @@ def _one_service_for_a_shared_store(store: str | None, server_url: str | None) -
 
 def usable_data_dir(data_dir: str) -> str:
     """The absolute data directory, created if need be; ``OSError`` if it can't be used."""
+    if os.fspath(data_dir) in ("", b""):     # not the current directory by accident
+        raise FileNotFoundError(errno.ENOENT, "an empty path names no data directory", data_dir)
     path = os.path.abspath(os.path.expanduser(data_dir))
     if os.path.exists(path) and not os.path.isdir(path):
         raise NotADirectoryError(f"data directory {path} is not a directory")

@@ -10,13 +10,13 @@ import time
 
 from tarnwicket.errors import DamagedFile
 
-from .options import int_at_least
+from .options import int_at_least, path
 from .results import SORTS, STATUSES, as_csv, as_json, as_table, read_results
 from .runtime import DEFAULT_DATA_DIR
 
 
 def add_data_dir(parser) -> None:
-    parser.add_argument("--data-dir", default=DEFAULT_DATA_DIR, metavar="DIR",
+    parser.add_argument("--data-dir", type=path, default=DEFAULT_DATA_DIR, metavar="DIR",
                         help=f"the data directory (default: {DEFAULT_DATA_DIR})")
 
 
@@ -46,7 +46,7 @@ def add_parsers(sub) -> None:
                      "best signals recomputed on the local data. Needs matplotlib "
                      "(pip install 'tarnwicket[report]'). Reads only; works while a search runs."))
     add_data_dir(report)
-    report.add_argument("--out", default=None, metavar="DIR",
+    report.add_argument("--out", type=path, default=None, metavar="DIR",
                         help="where the report goes (default: report/ in the data directory)")
     report.add_argument("--best", type=non_negative_int, default=3, metavar="N",
                         help="signals whose P&L is drawn, best fitness first (default: 3)")

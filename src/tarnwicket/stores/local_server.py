@@ -138,7 +138,7 @@ class LocalPostgres:
 
 def main(argv: list[str] | None = None) -> int:
     argv = sys.argv[1:] if argv is None else argv
-    if len(argv) != 1:
+    if len(argv) != 1 or not argv[0]:
         print("usage: python -m tarnwicket.stores.local_server DIR", file=sys.stderr)
         return 2
     server = LocalPostgres(argv[0], durable=True)
