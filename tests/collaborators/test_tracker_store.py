@@ -361,3 +361,50 @@ def test_a_close_under_statements_of_another_thread_fails_them_cleanly(tmp_path,
         worker.join(10)
         assert not worker.is_alive() and len(errors) == 1
         assert isinstance(errors[0], (sqlite3.ProgrammingError, sqlite3.OperationalError)), errors
+
+
+def test_a_transaction_on_the_shared_connection_is_its_own_threads(tracker):
+    """Two searches of one process share the tracker's connection. A record made by
+    one must wait for the other's open transaction, not become a savepoint inside it
+    and vanish with its rollback."""
+    conn, seen = tracker._conn, {}
+    conn.execute("BEGIN IMMEDIATE")
+    conn.execute("INSERT INTO tracker_meta (key, value, updated_at) VALUES ('rolled_back', '1', 0)")
+
+    def other_search():
+        seen["in_transaction"] = conn.in_transaction
+        seen["eval_id"] = record(tracker)
+
+    other = threading.Thread(target=other_search)
+    other.start()
+    other.join(0.5)
+    assert other.is_alive() and conn.in_transaction     # it waits for this thread's transaction
+    conn.execute("ROLLBACK")
+    other.join(10)
+    assert seen["in_transaction"] is False and seen["eval_id"]
+    assert conn.execute("SELECT eval_id FROM signal_evaluations").fetchall() == [(seen["eval_id"],)]
+    assert conn.execute("SELECT COUNT(*) FROM tracker_meta WHERE key='rolled_back'").fetchone() == (0,)
+
+
+def test_a_statement_that_waits_past_the_busy_timeout_fails_as_a_locked_store(tmp_path, store_url):
+    tracker = SearchTracker(str(tmp_path / "data"), store=store_url, busy_timeout=0.3)
+    try:
+        tracker._conn.execute("BEGIN IMMEDIATE")
+        failed = []
+        waiter = threading.Thread(target=lambda: failed.append(pytest.raises(
+            sqlite3.OperationalError, tracker._conn.execute, "SELECT 1").value))
+        waiter.start()
+        waiter.join(10)
+        assert "database is locked" in str(failed[0])
+        tracker._conn.execute("COMMIT")
+        assert tracker._conn.execute("SELECT 1").fetchone() == (1,)   # the turn was handed back
+    finally:
+        tracker.close()
+
+
+def test_adding_a_claim_column_that_is_there_does_nothing(tracker):
+    """Several owners may migrate one store at once: the second sees the column it lacked added."""
+    for _ in range(2):
+        tracker._conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_owner TEXT")
+    tracker._conn.commit()
+    assert "in_flight_owner" in columns(tracker, "submission_queue")

@@ -15,6 +15,8 @@ connection the search's statements were written for:
   same DB-API name, the driver's own exception chained;
 - a lost connection is opened again at the next statement outside a
   transaction; inside one, the statements fail until ``ROLLBACK``.
+- a transaction is its thread's alone until it ends, as on the SQLite
+  connection (see turns.py).
 
 A commit of a transaction in which a statement failed rolls it back and
 raises, where SQLite would have committed the statements that succeeded.
@@ -30,6 +32,8 @@ import urllib.parse
 
 import psycopg
 from psycopg.pq import TransactionStatus
+
+from .turns import TransactionTurns
 
 # Row ids of the tables that have one: an INSERT into them returns it.
 ID_COLUMNS = {"submission_queue": "queue_id", "submission_retry": "retry_id",
@@ -142,6 +146,7 @@ class PostgresConnection:
         self._busy_timeout = float(busy_timeout)
         self._read_only = read_only
         self._lock = threading.RLock()
+        self._turns = TransactionTurns(self._busy_timeout)
         self._in_tx = False
         self._closed = False
         self._translated: dict[str, tuple[str, str | None]] = {}
@@ -179,6 +184,10 @@ class PostgresConnection:
 
     @property
     def in_transaction(self) -> bool:
+        """Whether the calling thread has a transaction open on the connection."""
+        return self._in_tx and self._turns.mine()
+
+    def _transaction_open(self) -> bool:
         return self._in_tx
 
     def execute(self, sql, params=()):
@@ -190,7 +199,7 @@ class PostgresConnection:
             raise TypeError("params must be a sequence of values for the ? placeholders")
         params = tuple(params)
         word = " ".join(sql.split()).rstrip(";").upper()
-        with self._lock:
+        with self._turns.statement(self._transaction_open), self._lock:
             if word in _BEGIN:
                 self._begin(_BEGIN[word])
                 return PostgresCursor()
@@ -245,7 +254,7 @@ class PostgresConnection:
             raw.close()
 
     def commit(self) -> None:
-        with self._lock:
+        with self._turns.statement(self._transaction_open), self._lock:
             if not self._in_tx:
                 return
             raw = self._raw
@@ -262,7 +271,7 @@ class PostgresConnection:
                 raise store_error(exc) from exc
 
     def rollback(self) -> None:
-        with self._lock:
+        with self._turns.statement(self._transaction_open), self._lock:
             raw = self._raw
             if self._in_tx and raw is not None:
                 self._abandon(raw)

@@ -4,8 +4,13 @@ from __future__ import annotations
 
 import functools
 import os
+import re
 import sqlite3
 import threading
+
+from .turns import TransactionTurns
+
+_ADD_COLUMN = re.compile(r"\s*ALTER\s+TABLE\s+\S+\s+ADD\s+COLUMN\s", re.IGNORECASE)
 
 
 def _holding_entry(method):
@@ -14,6 +19,18 @@ def _holding_entry(method):
     @functools.wraps(method)
     def run(self, *args):
         with self._entry:
+            return method(self, *args)
+
+    return run
+
+
+def _in_turn(method):
+    """`method` of the driver's connection, run in the calling thread's turn (see turns.py)
+    and with the connection's own lock held."""
+
+    @functools.wraps(method)
+    def run(self, *args):
+        with self._turns.statement(self._transaction_open), self._entry:
             return method(self, *args)
 
     return run
@@ -29,19 +46,41 @@ class SharedConnection(sqlite3.Connection):
     that the statement still reads, and the interpreter crashes. Statements run
     through the connection, its commits (a `with` block's included), rollbacks
     and the close therefore hold the connection's own lock; after a close the
-    others fail with the driver's error, and so does a cursor's fetch.
+    others fail with the driver's error, and so does a cursor's fetch. A
+    transaction is its thread's alone until it ends (see turns.py).
     """
 
     def __init__(self, *args, **kwargs):
         super().__init__(*args, **kwargs)
         self._entry = threading.RLock()
+        self._turns = TransactionTurns(kwargs.get("timeout", args[1] if len(args) > 1 else 5.0))
 
-    execute = _holding_entry(sqlite3.Connection.execute)
-    executemany = _holding_entry(sqlite3.Connection.executemany)
-    executescript = _holding_entry(sqlite3.Connection.executescript)
-    commit = _holding_entry(sqlite3.Connection.commit)
-    rollback = _holding_entry(sqlite3.Connection.rollback)
-    __exit__ = _holding_entry(sqlite3.Connection.__exit__)
+    def _transaction_open(self) -> bool:
+        return sqlite3.Connection.in_transaction.__get__(self)
+
+    @property
+    def in_transaction(self) -> bool:
+        """Whether the calling thread has a transaction open on the connection."""
+        return self._transaction_open() and self._turns.mine()
+
+    _execute = _in_turn(sqlite3.Connection.execute)
+
+    def execute(self, sql, *params):
+        """As the driver's, but adding a column that is there already does nothing,
+        as on the shared store: several owners may migrate the schema at once."""
+        try:
+            return self._execute(sql, *params)
+        except sqlite3.OperationalError as exc:
+            if not (isinstance(sql, str) and _ADD_COLUMN.match(sql) and str(exc).startswith("duplicate column name")):
+                raise
+            return self._execute("SELECT 1 WHERE 0")
+
+    executemany = _in_turn(sqlite3.Connection.executemany)
+    executescript = _in_turn(sqlite3.Connection.executescript)
+    commit = _in_turn(sqlite3.Connection.commit)
+    rollback = _in_turn(sqlite3.Connection.rollback)
+    __exit__ = _in_turn(sqlite3.Connection.__exit__)
+    # A close waits for a statement, not for another thread's transaction, which then fails.
     close = _holding_entry(sqlite3.Connection.close)
 
 
