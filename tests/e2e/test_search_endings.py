@@ -114,9 +114,10 @@ def test_a_closed_output_pipe_ends_the_search_quietly(data_dir, then_sigint):
 
 # The supervisor's health probe waits for the stop, then for the pipeline threads
 # that the stop ends; the walk it belongs to then finds them gone, as one can when
-# the stop comes in the middle of a walk.
+# the stop comes in the middle of a walk. WALK_DELAY holds the walk past the
+# stop's own join of the supervisor.
 SUPERVISOR_MID_WALK = """
-import os, sys
+import os, sys, time
 import tarnwicket.search_templates as st
 
 probe = st._spawn_worker
@@ -128,6 +129,7 @@ def held_probe(handle, index):
         for thread in threads:
             thread.join(10)
         if not any(thread.is_alive() for thread in threads):
+            time.sleep(float(os.environ["WALK_DELAY"]))
             open(os.environ["WALK_MARK"], "w").close()
     return probe(handle, index)
 
@@ -138,11 +140,12 @@ sys.exit(main(sys.argv[1:]))
 """
 
 
-def test_a_stop_in_the_middle_of_a_supervisor_walk_prints_no_warnings(data_dir, tmp_path):
+@pytest.mark.parametrize("delay", ["0", "3"])
+def test_a_stop_in_the_middle_of_a_supervisor_walk_prints_no_warnings(data_dir, tmp_path, delay):
     mark = tmp_path / "walked"
     argv = [sys.executable, "-c", SUPERVISOR_MID_WALK, *command(data_dir, "--seconds", "3")[3:]]
     child = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                             env=dict(os.environ, PYTHONUNBUFFERED="1", WALK_MARK=str(mark)))
+                             env=dict(os.environ, PYTHONUNBUFFERED="1", WALK_MARK=str(mark), WALK_DELAY=delay))
     out, err = finish(child, timeout=60)
     assert (child.returncode, err) == (0, "")
     assert mark.exists() and "This run evaluated" in out

@@ -308,6 +308,7 @@ def _search_with(runtime, args, out, stops) -> int:
         try:
             with _threads_end_on_purpose(getattr(st, "logger", None)):
                 handle.stop()
+                _let_supervisor_finish(handle)
         except Exception as exc:
             _err(f"stopping the search failed: {exc}")
         _mark_ended(runtime)
@@ -340,6 +341,13 @@ def _threads_end_on_purpose(logger):
         yield
     finally:
         logger.removeFilter(quiet)
+
+
+def _let_supervisor_finish(handle, seconds: float = 5.0) -> None:
+    """Give a supervisor that outlived the stop's own join a little longer to end its last walk."""
+    supervisor = getattr(handle, "_supervisor_thread", None)
+    if isinstance(supervisor, threading.Thread) and supervisor is not threading.current_thread():
+        supervisor.join(seconds)
 
 
 def _mark_ended(runtime) -> None:
