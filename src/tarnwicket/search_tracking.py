@@ -427,15 +427,16 @@ class SearchTracker:
 
     def _create_schema(self) -> None:
         conn = self._conn
-        conn.execute("BEGIN IMMEDIATE")
         try:
+            conn.execute("BEGIN IMMEDIATE")
             for statement in _SCHEMA.format(**self._store.types).split(";"):
                 if statement.strip():
                     conn.execute(statement)
             self._store.after_schema(conn, SCHEMA_VERSION)
             conn.execute("COMMIT")
         except BaseException:
-            conn.execute("ROLLBACK")
+            if conn.in_transaction:
+                conn.execute("ROLLBACK")
             raise
 
     def _require_conn(self):
@@ -460,16 +461,19 @@ class SearchTracker:
                     raise
                 conn.execute(f"RELEASE SAVEPOINT {name}")
                 return
-            conn.execute("BEGIN IMMEDIATE")
+            # BEGIN inside the try: an exception that lands just after it (a
+            # KeyboardInterrupt from a signal handler) still ends the transaction.
             try:
+                conn.execute("BEGIN IMMEDIATE")
                 yield conn
+                conn.execute("COMMIT")
             except BaseException:
                 try:
-                    conn.execute("ROLLBACK")
+                    if conn.in_transaction:
+                        conn.execute("ROLLBACK")
                 except sqlite3.Error as exc:
                     logger.warning("tracker rollback failed: %s", exc)
                 raise
-            conn.execute("COMMIT")
 
     @contextlib.contextmanager
     def _reader(self) -> Iterator[Any]:

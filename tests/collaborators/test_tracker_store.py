@@ -408,3 +408,31 @@ def test_adding_a_claim_column_that_is_there_does_nothing(tracker):
         tracker._conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_owner TEXT")
     tracker._conn.commit()
     assert "in_flight_owner" in columns(tracker, "submission_queue")
+
+
+def test_an_interrupt_just_after_begin_ends_the_trackers_transaction(tmp_path, store_url):
+    """A KeyboardInterrupt from a signal handler may land as BEGIN returns: the
+    transaction is rolled back, and another thread's record goes through at once."""
+    tracker = SearchTracker(str(tmp_path / "data"), store=store_url, busy_timeout=2)
+    conn = tracker._conn
+    execute = conn.execute
+
+    def interrupted_after_begin(sql, *params):
+        cursor = execute(sql, *params)
+        if sql == "BEGIN IMMEDIATE":
+            raise KeyboardInterrupt
+        return cursor
+
+    try:
+        conn.execute = interrupted_after_begin
+        with pytest.raises(KeyboardInterrupt):
+            record(tracker)
+        del conn.execute
+        assert not conn.in_transaction
+        recorded = []
+        other = threading.Thread(target=lambda: recorded.append(record(tracker)))
+        other.start()
+        other.join(10)
+        assert recorded and tracker.get_evaluation_count() == 1
+    finally:
+        tracker.close()

@@ -146,7 +146,7 @@ class PostgresConnection:
         self._busy_timeout = float(busy_timeout)
         self._read_only = read_only
         self._lock = threading.RLock()
-        self._turns = TransactionTurns(self._busy_timeout)
+        self._turns = TransactionTurns(self._lock, self._transaction_open, self._busy_timeout)
         self._in_tx = False
         self._closed = False
         self._translated: dict[str, tuple[str, str | None]] = {}
@@ -185,7 +185,7 @@ class PostgresConnection:
     @property
     def in_transaction(self) -> bool:
         """Whether the calling thread has a transaction open on the connection."""
-        return self._in_tx and self._turns.mine()
+        return self._turns.mine()
 
     def _transaction_open(self) -> bool:
         return self._in_tx
@@ -198,23 +198,25 @@ class PostgresConnection:
         elif isinstance(params, (str, bytes)) or not hasattr(params, "__iter__") or hasattr(params, "keys"):
             raise TypeError("params must be a sequence of values for the ? placeholders")
         params = tuple(params)
+        return self._turns.run(self._execute, sql, params)
+
+    def _execute(self, sql: str, params: tuple) -> PostgresCursor:
         word = " ".join(sql.split()).rstrip(";").upper()
-        with self._turns.statement(self._transaction_open), self._lock:
-            if word in _BEGIN:
-                self._begin(_BEGIN[word])
-                return PostgresCursor()
-            if word in _COMMIT:
-                self.commit()
-                return PostgresCursor()
-            if word in _ROLLBACK:
-                self.rollback()
-                return PostgresCursor()
-            found = self._translated.get(sql)
-            if found is None:
-                if len(self._translated) >= _CACHE_LIMIT:
-                    self._translated.clear()
-                found = self._translated[sql] = translate(sql)
-            return self._run(*found, params)
+        if word in _BEGIN:
+            self._begin(_BEGIN[word])
+            return PostgresCursor()
+        if word in _COMMIT:
+            self._commit()
+            return PostgresCursor()
+        if word in _ROLLBACK:
+            self._rollback()
+            return PostgresCursor()
+        found = self._translated.get(sql)
+        if found is None:
+            if len(self._translated) >= _CACHE_LIMIT:
+                self._translated.clear()
+            found = self._translated[sql] = translate(sql)
+        return self._run(*found, params)
 
     def _run(self, text: str, id_column: str | None, params: tuple) -> PostgresCursor:
         raw = self._live()
@@ -254,28 +256,32 @@ class PostgresConnection:
             raw.close()
 
     def commit(self) -> None:
-        with self._turns.statement(self._transaction_open), self._lock:
-            if not self._in_tx:
-                return
-            raw = self._raw
-            if raw is None or raw.closed or raw.broken:
-                self._in_tx = False
-                raise sqlite3.OperationalError("the connection to the store was lost; the transaction is rolled back")
-            if raw.info.transaction_status == TransactionStatus.INERROR:
-                self._abandon(raw)
-                raise sqlite3.OperationalError("the transaction was rolled back: a statement in it failed")
+        self._turns.run(self._commit)
+
+    def _commit(self) -> None:
+        if not self._in_tx:
+            return
+        raw = self._raw
+        if raw is None or raw.closed or raw.broken:
             self._in_tx = False
-            try:
-                raw.execute("COMMIT")
-            except psycopg.Error as exc:
-                raise store_error(exc) from exc
+            raise sqlite3.OperationalError("the connection to the store was lost; the transaction is rolled back")
+        if raw.info.transaction_status == TransactionStatus.INERROR:
+            self._abandon(raw)
+            raise sqlite3.OperationalError("the transaction was rolled back: a statement in it failed")
+        self._in_tx = False
+        try:
+            raw.execute("COMMIT")
+        except psycopg.Error as exc:
+            raise store_error(exc) from exc
 
     def rollback(self) -> None:
-        with self._turns.statement(self._transaction_open), self._lock:
-            raw = self._raw
-            if self._in_tx and raw is not None:
-                self._abandon(raw)
-            self._in_tx = False
+        self._turns.run(self._rollback)
+
+    def _rollback(self) -> None:
+        raw = self._raw
+        if self._in_tx and raw is not None:
+            self._abandon(raw)
+        self._in_tx = False
 
     def close(self) -> None:
         with self._lock:

@@ -13,25 +13,13 @@ from .turns import TransactionTurns
 _ADD_COLUMN = re.compile(r"\s*ALTER\s+TABLE\s+\S+\s+ADD\s+COLUMN\s", re.IGNORECASE)
 
 
-def _holding_entry(method):
-    """`method` of the driver's connection, run with the connection's own lock held."""
-
-    @functools.wraps(method)
-    def run(self, *args):
-        with self._entry:
-            return method(self, *args)
-
-    return run
-
-
 def _in_turn(method):
     """`method` of the driver's connection, run in the calling thread's turn (see turns.py)
     and with the connection's own lock held."""
 
     @functools.wraps(method)
     def run(self, *args):
-        with self._turns.statement(self._transaction_open), self._entry:
-            return method(self, *args)
+        return self._turns.run(method, self, *args)
 
     return run
 
@@ -53,7 +41,8 @@ class SharedConnection(sqlite3.Connection):
     def __init__(self, *args, **kwargs):
         super().__init__(*args, **kwargs)
         self._entry = threading.RLock()
-        self._turns = TransactionTurns(kwargs.get("timeout", args[1] if len(args) > 1 else 5.0))
+        self._turns = TransactionTurns(self._entry, self._transaction_open,
+                                       kwargs.get("timeout", args[1] if len(args) > 1 else 5.0))
 
     def _transaction_open(self) -> bool:
         return sqlite3.Connection.in_transaction.__get__(self)
@@ -61,7 +50,7 @@ class SharedConnection(sqlite3.Connection):
     @property
     def in_transaction(self) -> bool:
         """Whether the calling thread has a transaction open on the connection."""
-        return self._transaction_open() and self._turns.mine()
+        return self._turns.mine()
 
     _execute = _in_turn(sqlite3.Connection.execute)
 
@@ -80,8 +69,10 @@ class SharedConnection(sqlite3.Connection):
     commit = _in_turn(sqlite3.Connection.commit)
     rollback = _in_turn(sqlite3.Connection.rollback)
     __exit__ = _in_turn(sqlite3.Connection.__exit__)
-    # A close waits for a statement, not for another thread's transaction, which then fails.
-    close = _holding_entry(sqlite3.Connection.close)
+    def close(self) -> None:
+        """Waits for a statement, not for another thread's transaction, which then fails."""
+        with self._entry:
+            sqlite3.Connection.close(self)
 
 
 class SqliteStore:
