@@ -73,3 +73,15 @@ class FakeTracker:
         self.closed += 1
         if self.close_fails_with is not None:
             raise self.close_fails_with
+
+
+def interrupt_on(conn, word):
+    """Make the store raise KeyboardInterrupt, as a signal handler would, on its statements that begin with `word`."""
+    execute = conn.execute
+
+    def interrupted(sql, *params):
+        if sql.lstrip().startswith(word):
+            raise KeyboardInterrupt("interrupted")
+        return execute(sql, *params)
+
+    conn.execute = interrupted

@@ -6,7 +6,7 @@ import time
 import pytest
 
 import tarnwicket.search_templates as st
-from fakes.collaborators import payload as make_payload
+from fakes.collaborators import interrupt_on, payload as make_payload
 
 LEASE = st.SUBMISSION_QUEUE_LEASE_SECONDS
 
@@ -51,6 +51,17 @@ def test_a_row_of_another_owner_comes_free_when_its_lease_runs_out(h, store):
     set_claim(store, "submission_queue", "queue_id", queue_id, "other", None)
     assert h._peek_submission_payload()["_queue_id"] == queue_id
     assert h.failures == []
+
+
+def test_an_interrupted_claim_ends_its_transaction(h, store):
+    store.enqueue_submission(payload("e1"))
+    assert h._ensure_submission_claim_columns()
+    interrupt_on(store._conn, "UPDATE")
+    with pytest.raises(KeyboardInterrupt):
+        h._peek_submission_payload()
+    del store._conn.execute
+    assert not store._conn.in_transaction
+    assert rows(store, "submission_queue", "in_flight_owner") == [(None,)]
 
 
 def test_an_empty_table_commits_and_resets_the_failure_count(h, store):

@@ -5,7 +5,7 @@ import types
 import pytest
 
 import tarnwicket.search_templates as st
-from fakes.collaborators import payload as make_payload
+from fakes.collaborators import interrupt_on, payload as make_payload
 from fakes.context_fakes import MemoryTracker
 
 RECEIPT = types.SimpleNamespace(submission_id="sub-1")
@@ -26,13 +26,16 @@ def test_the_receipt_the_evaluation_and_the_row_in_one_transaction(h, store, cla
 @pytest.mark.parametrize("spoil, error", [
     ("lost claim", "claimed submission row was not deleted"),
     ("no evaluation", "not found in signal_evaluations"),
+    ("interrupt", "interrupted"),      # not an ordinary exception: the transaction is ended all the same
 ])
 def test_a_failed_recording_writes_nothing(h, store, claimed, spoil, error):
     if spoil == "lost claim":
         store._conn.execute("UPDATE submission_queue SET in_flight_owner='other'")
-    else:
+    elif spoil == "no evaluation":
         store._conn.execute("DELETE FROM signal_evaluations")
-    with pytest.raises((RuntimeError, ValueError), match=error):
+    else:
+        interrupt_on(store._conn, "DELETE")
+    with pytest.raises((RuntimeError, ValueError, KeyboardInterrupt), match=error):
         h._record_submission_and_delete_queue(claimed, RECEIPT)
     assert table(store, "submission_status", "status_id") == []
     assert len(table(store, "submission_queue", "queue_id")) == 1 and not store._conn.in_transaction

@@ -29,7 +29,9 @@ object claim_row(handle self, const ClaimSql& q) {
     object now = float_of(wall_time());
     object expired_before = steal(PyNumber_Subtract(now.ptr(), global(ID("SUBMISSION_QUEUE_LEASE_SECONDS")).ptr()));
     object row = none();
-    object exc = caught([&] {
+    object exc;
+    try {
+        exc = caught([&] {
         with_lock(tracker_write_lock(self), [&] {
             object conn = tracker_conn(self);
             object owner = field(self, ID("_submission_owner"));
@@ -52,7 +54,12 @@ object claim_row(handle self, const ClaimSql& q) {
             store::execute(conn, store::Stmt::commit);
             row = found;
         });
-    });
+        });
+    } catch (py::error_already_set&) {
+        // Not an ordinary exception: the transaction is ended all the same (see immediate_transaction).
+        if (may_touch_objects()) rollback_quietly(self, q.rollback_message);
+        throw;
+    }
     if (exc) {
         rollback_quietly(self, q.rollback_message);
         record_failure(self, "submission", q.failed_operation, exc, true);

@@ -49,7 +49,10 @@ inline object tracker_write_lock(handle self) { return field(self, ID("_tracker_
 void rollback_quietly(handle self, const char* message);
 
 // Under the write lock: BEGIN IMMEDIATE, body(conn), COMMIT. On any failure,
-// ROLLBACK through rollback_quietly, and the failure goes on.
+// ROLLBACK through rollback_quietly, and the failure goes on: an exception
+// that is not an ordinary one (KeyboardInterrupt, SystemExit) too, else the
+// transaction would stay open and every other user of the store would wait
+// for it. Only a thread that the host unwinds at exit leaves it as it is.
 template <class F>
 auto immediate_transaction(handle self, const char* rollback_message, F&& body) -> decltype(body(handle())) {
     return with_lock(tracker_write_lock(self), [&] {
@@ -64,8 +67,8 @@ auto immediate_transaction(handle self, const char* rollback_message, F&& body) 
                 store::execute(conn, store::Stmt::commit);
                 return r;
             }
-        } catch (py::error_already_set& e) {
-            if (!ordinary(e)) throw;
+        } catch (py::error_already_set&) {
+            if (!may_touch_objects()) throw;
             rollback_quietly(self, rollback_message);
             throw;
         }
