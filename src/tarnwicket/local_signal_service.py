@@ -459,7 +459,17 @@ class _transaction:
         return self.db
 
     def __exit__(self, exc_type, *rest) -> None:
-        self.db.execute("COMMIT" if exc_type is None else "ROLLBACK")
+        # A failed COMMIT (a full disk) ends the transaction too, or every later BEGIN would fail.
+        try:
+            if exc_type is None:
+                self.db.execute("COMMIT")
+                return
+        except BaseException:
+            if self.db.in_transaction:
+                self.db.execute("ROLLBACK")
+            raise
+        if self.db.in_transaction:
+            self.db.execute("ROLLBACK")
 
 
 def read_counts(db: sqlite3.Connection, lock: Any = None) -> dict:

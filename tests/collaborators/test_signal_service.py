@@ -316,3 +316,20 @@ def test_what_the_service_accepted_survives_its_restart(tmp_path):
         assert second.get(sid).polls == 2 and second.counts()["repeats"] == 1
     finally:
         second.close()
+
+
+def test_a_failed_commit_ends_the_services_transaction():
+    import sqlite3
+    from tarnwicket import local_signal_service
+
+    db = sqlite3.connect(":memory:", isolation_level=None)
+    db.execute("PRAGMA foreign_keys = ON")
+    db.execute("CREATE TABLE parent (id INTEGER PRIMARY KEY)")
+    db.execute("CREATE TABLE child (parent_id INTEGER REFERENCES parent(id) DEFERRABLE INITIALLY DEFERRED)")
+    with pytest.raises(sqlite3.IntegrityError):           # fails at COMMIT, not at the insert
+        with local_signal_service._transaction(db) as tx:
+            tx.execute("INSERT INTO child VALUES (7)")
+    assert not db.in_transaction
+    with local_signal_service._transaction(db) as tx:      # the next request's transaction begins
+        tx.execute("INSERT INTO parent VALUES (7)")
+    assert db.execute("SELECT COUNT(*) FROM child").fetchone() == (0,)
