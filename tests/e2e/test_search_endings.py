@@ -151,6 +151,30 @@ def test_a_stop_in_the_middle_of_a_supervisor_walk_prints_no_warnings(data_dir, 
     assert mark.exists() and "This run evaluated" in out
 
 
+# Ctrl-C while the command's own modules load, before it has taken over its signals.
+INTERRUPTED_WHILE_LOADING = """
+import importlib.abc, os, runpy, signal, sys
+
+
+class Interrupt(importlib.abc.MetaPathFinder):
+    def find_spec(self, name, path, target=None):
+        if name == "tarnwicket.local.cli":
+            os.kill(os.getpid(), signal.SIGINT)
+        return None
+
+
+sys.meta_path.insert(0, Interrupt())
+sys.argv[0] = "tarnwicket"
+runpy.run_module("tarnwicket", run_name="__main__", alter_sys=True)
+"""
+
+
+def test_an_interrupt_while_the_command_loads_ends_it_without_a_traceback(data_dir):
+    child = subprocess.run([sys.executable, "-c", INTERRUPTED_WHILE_LOADING, *command(data_dir)[3:]],
+                           capture_output=True, text=True, timeout=60)
+    assert (child.returncode, child.stdout, child.stderr) == (130, "", "")
+
+
 def _garbage(path):
     with open(path, "wb") as fh:
         fh.write(np.random.default_rng(5).bytes(8192))
