@@ -69,6 +69,7 @@ class SharedConnection(sqlite3.Connection):
     commit = _in_turn(sqlite3.Connection.commit)
     rollback = _in_turn(sqlite3.Connection.rollback)
     __exit__ = _in_turn(sqlite3.Connection.__exit__)
+
     def close(self) -> None:
         """Waits for a statement, not for another thread's transaction, which then fails."""
         with self._entry:
