@@ -32,28 +32,28 @@ object claim_row(handle self, const ClaimSql& q) {
     object exc;
     try {
         exc = caught([&] {
-        with_lock(tracker_write_lock(self), [&] {
-            object conn = tracker_conn(self);
-            object owner = field(self, ID("_submission_owner"));
-            store::execute(conn, store::Stmt::begin_immediate);
-            object cur = q.table == store::Table::submission_queue
-                             ? store::execute(conn, q.select, {owner, expired_before})
-                             : store::execute(conn, q.select, {now, owner, expired_before});
-            object found = call_method(cur, ID("fetchone"));
-            if (is_none(found)) {
+            with_lock(tracker_write_lock(self), [&] {
+                object conn = tracker_conn(self);
+                object owner = field(self, ID("_submission_owner"));
+                store::execute(conn, store::Stmt::begin_immediate);
+                object cur = q.table == store::Table::submission_queue
+                                 ? store::execute(conn, q.select, {owner, expired_before})
+                                 : store::execute(conn, q.select, {now, owner, expired_before});
+                object found = call_method(cur, ID("fetchone"));
+                if (is_none(found)) {
+                    store::execute(conn, store::Stmt::commit);
+                    call_method(self, ID("_reset_background_failures"), {str_of("submission")});
+                    return;
+                }
+                object claimed = store::execute(conn, q.update, {owner, now, row_at(found, 0), owner, expired_before});
+                if (!rowcount_is_one(claimed)) {
+                    store::execute(conn, store::Stmt::rollback);
+                    record_failure(self, "submission", q.lost_operation, call(handle(PyExc_RuntimeError), {str_of(q.lost_text)}), true);
+                    return;
+                }
                 store::execute(conn, store::Stmt::commit);
-                call_method(self, ID("_reset_background_failures"), {str_of("submission")});
-                return;
-            }
-            object claimed = store::execute(conn, q.update, {owner, now, row_at(found, 0), owner, expired_before});
-            if (!rowcount_is_one(claimed)) {
-                store::execute(conn, store::Stmt::rollback);
-                record_failure(self, "submission", q.lost_operation, call(handle(PyExc_RuntimeError), {str_of(q.lost_text)}), true);
-                return;
-            }
-            store::execute(conn, store::Stmt::commit);
-            row = found;
-        });
+                row = found;
+            });
         });
     } catch (py::error_already_set&) {
         // Not an ordinary exception: the transaction is ended all the same (see immediate_transaction).
